@@ -1,0 +1,17 @@
+// The daemon's table of the configuration service's object ids by name,
+// generated at build time from the service's data-model definition.
+#pragma once
+
+#include <cstdint>
+
+struct OidNameRow {
+    const char* name;
+    uint32_t id;
+};
+
+// Rows sorted by name in ascending byte order, ended by {nullptr, 0}.
+extern const OidNameRow gOidNameTable[];
+extern const int gOidNameTableRows;
+
+// Id of an object by its RDM_OID_ name, or -1 (all bits set) when unknown.
+int32_t wHttpOidByName(const char* name);

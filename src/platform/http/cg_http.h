@@ -1,0 +1,83 @@
+// HTTP server library of the platform: an HTTPS server that runs a listener
+// for every request, one thread per connection.  The implementation lives in
+// cg_http_beast.cpp; nothing else sees the library beneath it.
+#pragma once
+
+#include <cstddef>
+
+struct CgHttpServer;
+struct CgHttpRequest;
+struct CgHttpResponse;
+
+// SSL settings: the certificate and private-key files (PEM); the other fields
+// stay zero.
+struct CgHttpSslSettings {
+    const char* certFile;
+    const char* keyFile;
+    const char* caFile;
+    int verifyPeer;
+    int reserved;
+};
+
+typedef void (*CG_HTTP_LISTENER)(CgHttpRequest* request);
+
+// Limits of the server.
+struct CgHttpLimits {
+    int maxConnections = 128;        // concurrent connections; more wait in the backlog
+    int handshakeTimeoutSec = 10;    // TLS handshake
+    int readTimeoutSec = 30;         // one whole request, headers and body
+    int idleTimeoutSec = 60;         // a keep-alive connection between requests
+    int writeTimeoutSec = 30;        // one response
+    size_t maxHeaderBytes = 16 * 1024;
+    size_t maxBodyBytes = 64 * 1024;
+};
+
+CgHttpServer* cg_http_server_new(void);
+void cg_http_server_setlimits(CgHttpServer* server, const CgHttpLimits& limits);
+// Opens the listening socket (dual stack for "::") with TLS when `ssl` is on.
+// Returns false when the port or the certificate files cannot be used.
+bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, int reserved,
+                         bool ssl, const CgHttpSslSettings* settings);
+void cg_http_server_setlistener(CgHttpServer* server, CG_HTTP_LISTENER listener);
+bool cg_http_server_start(CgHttpServer* server);
+bool cg_http_server_stop(CgHttpServer* server);
+void cg_http_server_delete(CgHttpServer* server);
+
+// The request URI as received, path and query, without any decoding.
+const char* cg_http_request_geturi(CgHttpRequest* request);
+const char* cg_http_request_getmethod(CgHttpRequest* request);
+// A query parameter by name (percent-decoded; the first of repeated names);
+// nullptr when absent.
+const char* cg_http_request_getparam(CgHttpRequest* request, const char* name);
+// A header value by name (case-insensitive); nullptr when absent.
+const char* cg_http_request_getheader(CgHttpRequest* request, const char* name);
+// A cookie of the "Cookie" header by name; nullptr when absent.
+const char* cg_http_request_getcookie(CgHttpRequest* request, const char* name);
+// The body as NUL-terminated text; nullptr when there is none.
+const char* cg_http_request_getcontent(CgHttpRequest* request);
+size_t cg_http_request_getcontentlength(CgHttpRequest* request);
+// Addresses of the connection as text: IPv4 callers as dotted quads, IPv6
+// without brackets and zone.
+const char* cg_http_request_getremoteaddress(CgHttpRequest* request);
+const char* cg_http_request_getlocaladdress(CgHttpRequest* request);
+int cg_http_request_getlocalport(CgHttpRequest* request);
+// Per-request data of the listener.
+void cg_http_request_setuserdata(CgHttpRequest* request, void* data);
+void* cg_http_request_getuserdata(CgHttpRequest* request);
+
+CgHttpResponse* cg_http_response_new(void);
+void cg_http_response_delete(CgHttpResponse* response);
+void cg_http_response_setstatuscode(CgHttpResponse* response, int code);
+int cg_http_response_getstatuscode(CgHttpResponse* response);
+// Sets a header, replacing any value it had.
+void cg_http_response_setheader(CgHttpResponse* response, const char* name, const char* value);
+// Adds a further value of a header (Set-Cookie).
+void cg_http_response_addheader(CgHttpResponse* response, const char* name, const char* value);
+void cg_http_response_setcontent(CgHttpResponse* response, const char* data, size_t length);
+
+// Sends status line, headers and body.
+bool cg_http_request_postresponse(CgHttpRequest* request, CgHttpResponse* response);
+// Chunked answers: status line and headers, then chunks, then the last chunk.
+bool cg_http_request_postheader(CgHttpRequest* request, CgHttpResponse* response);
+bool cg_http_request_postchunkeddata(CgHttpRequest* request, const char* data, size_t length);
+bool cg_http_request_postlastchunk(CgHttpRequest* request);

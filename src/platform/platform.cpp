@@ -1,0 +1,199 @@
+#include "platform/platform.h"
+
+#include <crypt.h>
+#include <fcntl.h>
+#include <json-c/json.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <mutex>
+
+const std::string& platformRoot() {
+    static const std::string root = [] {
+        const char* r = getenv("WHTTPD_ROOT");
+        std::string s = (r && *r) ? r : "/";
+        while (s.size() > 1 && s.back() == '/') s.pop_back();
+        return s;
+    }();
+    return root;
+}
+
+std::string platformPath(const char* absPath) {
+    const std::string& root = platformRoot();
+    if (root == "/") return absPath;
+    return root + absPath;
+}
+
+std::string platformToolDir() { return platformPath("/usr/sbin"); }
+
+void platformInit() {
+    const char* old = getenv("PATH");
+    std::string path = platformToolDir() + ":" + (old ? old : "/usr/bin:/bin");
+    setenv("PATH", path.c_str(), 1);
+}
+
+void platformBlockStopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int s : {SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2}) sigaddset(&set, s);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int wos_formsys(int flags, const char* cmd) {
+    if (!cmd) return -1;
+    if (flags & 1) wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", cmd);
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        int fd = open("/dev/null", O_RDONLY);
+        if (fd >= 0) {
+            dup2(fd, 0);
+            close(fd);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execl("/bin/sh", "sh", "-c", cmd, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+void wos_pk(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stdout, fmt, ap);
+    va_end(ap);
+    fflush(stdout);
+}
+
+void wos_sleep(unsigned sec) {
+    static const long msPerSecond = [] {
+        const char* v = getenv("WHTTPD_SECOND_MS");
+        long ms = v ? atol(v) : 1000;
+        return ms > 0 ? ms : 1000;
+    }();
+    long total = static_cast<long>(sec) * msPerSecond;
+    timespec ts{total / 1000, (total % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+    }
+}
+
+namespace {
+std::mutex gLogMutex;
+
+FILE* logStream() {
+    static FILE* f = [] {
+        const char* name = getenv("WLOG_FILE");
+        FILE* out = name ? fopen(name, "a") : nullptr;
+        return out ? out : stderr;
+    }();
+    return f;
+}
+
+int logThreshold() {
+    static const int level = [] {
+        const char* v = getenv("WLOG_LEVEL");
+        return v ? atoi(v) : WLOG_INFO;
+    }();
+    return level;
+}
+}  // namespace
+
+bool wlog_levelAllow(int level) { return level <= logThreshold(); }
+
+void wlog_log_f(int level, const char* file, int line, const char* func, const char* fmt, ...) {
+    if (!wlog_levelAllow(level)) return;
+    char text[2048];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    size_t n = strlen(text);
+    const char* nl = (n > 0 && text[n - 1] == '\n') ? "" : "\n";
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    FILE* out = logStream();
+    fprintf(out, "<%d> %s:%d %s: %s%s", level, file ? file : "?", line, func ? func : "?", text,
+            nl);
+    fflush(out);
+}
+
+void wlog_syslog(int priority, const char* fmt, ...) {
+    char text[2048];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    syslog(priority, "%s", text);
+    size_t n = strlen(text);
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    FILE* out = logStream();
+    fprintf(out, "syslog<%d>: %s%s", priority, text, (n > 0 && text[n - 1] == '\n') ? "" : "\n");
+    fflush(out);
+}
+
+int vxUtilAuthUserAccount(const char* user, const char* password) {
+    if (!user || !*user) return 1;
+    std::ifstream in(platformPath("/etc/shadow"));
+    if (!in) return 1;
+    std::string line;
+    std::string prefix = std::string(user) + ":";
+    while (std::getline(in, line)) {
+        if (line.compare(0, prefix.size(), prefix) != 0) continue;
+        std::string hash = line.substr(prefix.size());
+        hash = hash.substr(0, hash.find(':'));
+        if (!password || !*password || hash.empty()) return 2;
+        crypt_data data{};
+        const char* out = crypt_r(password, hash.c_str(), &data);
+        return (out && hash == out) ? 0 : 2;
+    }
+    return 1;
+}
+
+int vxUtilIGetBaseMACwithColon(char* buf, size_t size) {
+    if (!buf || size < 18) return -1;
+    std::string file = platformPath("/data/factory/device.json");
+    json_object* doc = json_object_from_file(file.c_str());
+    if (!doc) return -1;
+    int ret = -1;
+    json_object* mac = nullptr;
+    if (json_object_object_get_ex(doc, "BaseMAC", &mac) && json_object_is_type(mac, json_type_string)) {
+        const char* s = json_object_get_string(mac);
+        unsigned b[6];
+        if (sscanf(s, "%2x:%2x:%2x:%2x:%2x:%2x", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]) == 6) {
+            snprintf(buf, size, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4],
+                     b[5]);
+            ret = 0;
+        }
+    }
+    json_object_put(doc);
+    return ret;
+}
+
+void* vxUtilSortedArraySearch(const void* key, int low, int high,
+                              int (*cmp)(const void* key, int index, void** row)) {
+    while (low <= high) {
+        int mid = low + (high - low) / 2;
+        void* row = nullptr;
+        int c = cmp(key, mid, &row);
+        if (c == 0) return row;
+        if (c < 0)
+            high = mid - 1;
+        else
+            low = mid + 1;
+    }
+    return nullptr;
+}

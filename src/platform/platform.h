@@ -1,0 +1,54 @@
+// Platform utilities: device-root paths, shell commands, console and levelled
+// log output, and the small vxUtil helpers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// Log levels of wlog_log_f.
+enum { WLOG_ERR = 3, WLOG_NOTICE = 5, WLOG_INFO = 6, WLOG_DEBUG = 7 };
+
+// The device root: every fixed file name of the daemon and of its platform
+// lives below the directory named by WHTTPD_ROOT (default "/").
+const std::string& platformRoot();
+// Maps an absolute device path ("/tmp/devscout.db") below the device root.
+std::string platformPath(const char* absPath);
+// Directory of the stand-in shell tools, put first on PATH by platformInit.
+std::string platformToolDir();
+// Process set-up shared by the daemon and wcfgctl: PATH with the tool
+// directory first.
+void platformInit();
+// Blocks the stop and user signals in the calling thread so that they reach
+// the main thread; every thread the platform or the daemon creates calls it.
+void platformBlockStopSignals();
+
+// Runs a shell command (stdin from /dev/null).  Bit 0 of `flags` logs the
+// command line at debug level.  Returns the exit status, or -1 when the
+// command could not be run.
+int wos_formsys(int flags, const char* cmd);
+// printf to the console (standard output), flushed.
+void wos_pk(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Sleeps for `sec` platform seconds.  WHTTPD_SECOND_MS shortens a platform
+// second for tests (default 1000 ms).
+void wos_sleep(unsigned sec);
+
+// Levelled log: lines "<level> <file>:<line> <function>: <text>" on standard
+// error (or the file named by WLOG_FILE) for levels up to WLOG_LEVEL
+// (default 6, info).
+bool wlog_levelAllow(int level);
+void wlog_log_f(int level, const char* file, int line, const char* func, const char* fmt, ...)
+    __attribute__((format(printf, 5, 6)));
+// System log line (syslog(3)), mirrored to standard error.
+void wlog_syslog(int priority, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// Checks a password against the device's password store ("/etc/shadow"):
+// 0 match, 1 no store or no entry for the user, 2 mismatch.
+int vxUtilAuthUserAccount(const char* user, const char* password);
+// Writes the device's base MAC address with colons ("02:10:18:3A:5C:00").
+// Returns 0, or -1 leaving `buf` untouched.
+int vxUtilIGetBaseMACwithColon(char* buf, size_t size);
+// Binary search over [low, high]: cmp(key, index, &row) returns <0, 0, >0 and
+// sets *row on 0.  Returns the row found or nullptr.
+void* vxUtilSortedArraySearch(const void* key, int low, int high,
+                              int (*cmp)(const void* key, int index, void** row));

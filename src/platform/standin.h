@@ -1,0 +1,35 @@
+// Stand-ins of the device's other services: the request journal, the
+// firmware image format, the Wi-Fi service and the shell tools.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <string>
+
+namespace standin {
+
+// The journal: one JSON line per request the stand-ins receive.
+std::string journalPath();
+void journal(json_object* entry);
+
+// Firmware image: "OLVFWIMG", model (16 bytes), version (32 bytes), body
+// length (8 bytes, little-endian), SHA-256 of the body (32 bytes), body.
+constexpr const char* kImageMagic = "OLVFWIMG";
+constexpr size_t kImageHeaderSize = 96;
+std::string makeImage(const std::string& model, const std::string& version, const std::string& body);
+// 0 when the file is a sound image for this device's model, else
+// WCFG_INVALID_IMAGE; the image's version goes to `version`.
+int checkImage(const std::string& file, std::string* version);
+
+// The Wi-Fi service's answer to a WPS request message (header + payload);
+// returns a newly allocated reply (free()) or nullptr.
+void* wifiServiceReply(const void* request, size_t length);
+
+// Runs a stand-in shell tool when argv[0] names one (vxslctl, vx1905App,
+// killall, ifconfig); returns its exit status, or -1 when argv[0] is none.
+int runTool(int argc, char** argv);
+// Installs the stand-in tools into the device root's tool directory as links
+// to `self` (the multi-call wcfgctl binary).
+bool installTools(const std::string& self);
+
+}  // namespace standin
