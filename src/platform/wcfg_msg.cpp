@@ -92,16 +92,22 @@ int wcfg_msg_serverRecv(void** msg, int timeoutMs, const char* /*file*/, int /*l
     if (!msg || gServerFd < 0) return -1;
     pollfd p{gServerFd, POLLIN, 0};
     int r = poll(&p, 1, timeoutMs > 0 ? timeoutMs : -1);
-    if (r <= 0) return -1;
+    if (r == 0 || (r < 0 && errno != EINTR)) return -1;
+    // Take the next real message; empty datagrams are wake-ups and a wait
+    // that a signal interrupted ends with -1 once they are drained.
     std::vector<char> buf(WCFG_MSG_MAX_SIZE);
-    ssize_t n = recv(gServerFd, buf.data(), buf.size(), 0);
-    if (n < static_cast<ssize_t>(sizeof(uint32_t))) return -1;
-    void* out = malloc(n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)) ? sizeof(wcfgMsgHdr_t) : n);
-    if (!out) return -1;
-    memset(out, 0, sizeof(wcfgMsgHdr_t));
-    memcpy(out, buf.data(), n);
-    *msg = out;
-    return 0;
+    for (;;) {
+        ssize_t n = recv(gServerFd, buf.data(), buf.size(), MSG_DONTWAIT);
+        if (n < 0) return -1;
+        if (n == 0) continue;
+        if (n < static_cast<ssize_t>(sizeof(uint32_t))) return -1;
+        void* out = malloc(n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)) ? sizeof(wcfgMsgHdr_t) : n);
+        if (!out) return -1;
+        memset(out, 0, sizeof(wcfgMsgHdr_t));
+        memcpy(out, buf.data(), n);
+        *msg = out;
+        return 0;
+    }
 }
 
 int wcfg_msg_send(int dstEid, const void* msg, size_t length) {

@@ -1,1 +1,88 @@
-// placeholder
+// JSON response writer: every answer of the daemon but the
+// authentication-failure response goes through wHttpJsonResponse_restapi.
+#include <cstring>
+#include <string>
+
+#include "auth/session.h"
+#include "daemon/whttpd.h"
+#include "rest/whttpd_rest.h"
+#include "timer/uitimer.h"
+
+int wHttpSetOperStatus(json_object* doc, const char* text) {
+    if (!doc) return -1;
+    return json_object_object_add(doc, "oper_status", json_object_new_string(text ? text : ""));
+}
+
+void wHttpSetObject(json_object* doc, json_object* value) {
+    if (doc && value) json_object_object_add(doc, "Object", value);
+}
+
+void wHttpArrayAppend(json_object* array, json_object* value) {
+    if (array && value) json_object_array_add(array, value);
+}
+
+void wHttpSetRequestedPath(json_object* doc, const char* path) {
+    if (doc && path) json_object_object_add(doc, "requested_path", json_object_new_string(path));
+}
+
+void wHttpSetMethodList(json_object* doc, json_object* value) {
+    if (doc && value) json_object_object_add(doc, "MethodList", value);
+}
+
+namespace {
+
+bool isModifying(const char* method) {
+    return method && (!strcmp(method, "PUT") || !strcmp(method, "POST") || !strcmp(method, "DELETE"));
+}
+
+// A new session key: the nanoseconds of the monotonic clock (0 after ten
+// readings without any).
+int32_t newSessionKey() {
+    UITime t{};
+    for (int i = 0; i < 10; ++i) {
+        getMonotonicTime(&t);
+        if (t.usec != 0) return static_cast<int32_t>(t.usec);
+    }
+    return 0;
+}
+
+}  // namespace
+
+void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
+                               uint8_t chunked, uint8_t renewSessionKey) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    if (!response) {
+        response = cg_http_response_new();
+        cg_http_response_setstatuscode(response, 200);
+    }
+    cg_http_response_setheader(response, "Cache-Control", "no-cache");
+    cg_http_response_setheader(response, "Content-Type", "application/json");
+    json_object* object = nullptr;
+    if (gWhttpd.htmlEncode == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
+        wHttpHtmlEncode(object);
+    if (renewSessionKey && isModifying(cg_http_request_getmethod(request))) {
+        if (!doc) doc = json_object_new_object();
+        if (json_object_is_type(doc, json_type_object)) {
+            int32_t key = newSessionKey();
+            storeSessionKey(request, key);
+            json_object_object_add(doc, "sessionkey", json_object_new_int(key));
+        }
+    }
+    std::string text;
+    if (doc)
+        text = gWhttpd.compactOutput ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
+                                     : json_object_to_json_string(doc);
+    if (text.find("WCFG_INVALID_IMAGE") != std::string::npos) cg_http_response_setstatuscode(response, 400);
+    if (!chunked) {
+        cg_http_response_setcontent(response, text.data(), text.size());
+        cg_http_response_setheader(response, "Content-Length", std::to_string(text.size()).c_str());
+        cg_http_request_postresponse(request, response);
+    } else {
+        cg_http_response_setheader(response, "Transfer-Encoding", "Chunked");
+        cg_http_request_postheader(request, response);
+        cg_http_request_postchunkeddata(request, text.data(), text.size());
+        cg_http_request_postlastchunk(request);
+    }
+    if (doc) json_object_put(doc);
+    cg_http_response_delete(response);
+}

@@ -1,0 +1,10 @@
+// Return codes of the configuration service and the "oper_status" texts the
+// daemon answers for them.
+#pragma once
+
+#include <json-c/json.h>
+
+// Name of a code, "WCFG_UNKNOWN" outside -22..8.
+const char* wHttpRetCodeName(int code);
+// Writes "oper_status" for a code into the response document.
+int wHttpSetOperStatusByWcfgRet(json_object* doc, int code);

@@ -1,0 +1,58 @@
+// The core of the daemon: request entry and URI table, JSON response writer
+// and its setters.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <cstdint>
+
+#include "platform/http/cg_http.h"
+
+// Per-request context, attached to the request by the request entry.
+struct WHttpReqCtx {
+    CgHttpRequest* request = nullptr;
+    char userName[32] = "";
+    char sessionID[33] = "";
+    char privilege[16] = "";
+    int changeDefaultPassword = 0;
+    int showSkipButton = 0;
+    int quickStart = 0;
+};
+
+// The context of a request (created by the request entry).
+WHttpReqCtx* wHttpReqCtx(CgHttpRequest* request);
+
+// A URI handler: the request and the "chunked" and spare arguments.
+typedef int (*WHttpUriHandler)(CgHttpRequest* request, uint8_t chunked, int spare);
+
+struct WHttpUriRow {
+    const char* name;
+    WHttpUriHandler handler;
+};
+
+// The URI table, ended by a row without a name.
+extern const WHttpUriRow gRestUriTable[];
+
+// Request listener of the HTTPS server.
+void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request);
+// Authentication-failure response for a result text.
+void wHttpdSessionFailHandle(const char* result, CgHttpRequest* request);
+// General and device-action session-key checks: 1 pass, 0 fail.
+int wHttpCheckSessionKey(const char* uriName, CgHttpRequest* request);
+int wHttpCheckDeviceActionSessionKey(const char* uriName, CgHttpRequest* request);
+
+// Response document setters.
+int wHttpSetOperStatus(json_object* doc, const char* text);
+void wHttpSetObject(json_object* doc, json_object* value);
+void wHttpArrayAppend(json_object* array, json_object* value);
+void wHttpSetRequestedPath(json_object* doc, const char* path);
+void wHttpSetMethodList(json_object* doc, json_object* value);
+
+// Writes the answer: headers, session-key renewal after modifying requests,
+// HTML encoding, serialisation, 400 for a bad firmware image, plain or
+// chunked body.  Takes ownership of `response` (may be null) and `doc`.
+void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
+                               uint8_t chunked, uint8_t renewSessionKey);
+
+// HTML-encodes, in place, the string values of an object or array.
+void wHttpHtmlEncode(json_object* value);

@@ -1,0 +1,206 @@
+#include "harness.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace e2e {
+
+namespace {
+
+std::string slurp(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+pid_t spawn(const std::vector<std::string>& argv, const std::string& root, const std::string& out,
+            const std::string& err) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    setenv("WHTTPD_ROOT", root.c_str(), 1);
+    setenv("WHTTPD_SECOND_MS", "10", 1);
+    int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (o >= 0) dup2(o, 1);
+    if (e >= 0) dup2(e, 2);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
+int waitStatus(pid_t pid, int timeoutMs) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        int status = 0;
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0) return -1;
+        if (std::chrono::steady_clock::now() > end) return -1000;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+size_t collect(char* data, size_t size, size_t n, void* out) {
+    static_cast<std::string*>(out)->append(data, size * n);
+    return size * n;
+}
+
+}  // namespace
+
+DeviceRoot::DeviceRoot() {
+    char tmpl[] = "/tmp/whttpd-e2e-XXXXXX";
+    dir_ = mkdtemp(tmpl);
+    std::string out;
+    if (wcfgctl({"init"}, &out) != 0) dir_.clear();
+}
+
+DeviceRoot::~DeviceRoot() {
+    if (!dir_.empty() && !getenv("WHTTPD_KEEP_ROOT")) {
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        if (system(cmd.c_str()) != 0) {
+        }
+    }
+}
+
+int DeviceRoot::wcfgctl(const std::vector<std::string>& args, std::string* out) const {
+    std::vector<std::string> argv{WCFGCTL_BIN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string o = dir_ + "/.wcfgctl.out", e = dir_ + "/.wcfgctl.err";
+    pid_t pid = spawn(argv, dir_, o, e);
+    int rc = waitStatus(pid, 60000);
+    if (out) *out = slurp(o);
+    return rc;
+}
+
+std::string DeviceRoot::read(const std::string& abs) const { return slurp(path(abs)); }
+bool DeviceRoot::exists(const std::string& abs) const { return access(path(abs).c_str(), F_OK) == 0; }
+
+Daemon::~Daemon() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitStatus(pid_, 5000);
+    }
+}
+
+bool Daemon::start(const DeviceRoot& root, const std::vector<std::string>& args) {
+    static int serial = 0;
+    outFile_ = root.dir() + "/.daemon" + std::to_string(++serial) + ".out";
+    errFile_ = root.dir() + "/.daemon" + std::to_string(serial) + ".err";
+    std::vector<std::string> argv{WHTTPD_BIN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_ = spawn(argv, root.dir(), outFile_, errFile_);
+    return pid_ > 0;
+}
+
+bool Daemon::waitReady(int port, int timeoutMs) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < end) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return false;
+        }
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bool up = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        close(fd);
+        if (up && out().find("Initial http with port") != std::string::npos) {
+            // The listener is open; give the receive loop a moment to start.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+int Daemon::stop(int sig, int timeoutMs) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, sig);
+    return wait(timeoutMs);
+}
+
+int Daemon::wait(int timeoutMs) {
+    if (pid_ <= 0) return -1;
+    int rc = waitStatus(pid_, timeoutMs);
+    if (rc != -1000) pid_ = -1;
+    return rc;
+}
+
+void Daemon::signal(int sig) const {
+    if (pid_ > 0) kill(pid_, sig);
+}
+
+std::string Daemon::out() const { return slurp(outFile_); }
+std::string Daemon::err() const { return slurp(errFile_); }
+
+bool Daemon::waitForOutput(const std::string& text, int timeoutMs) const {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < end) {
+        if (out().find(text) != std::string::npos || err().find(text) != std::string::npos) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+Reply https(const std::string& method, const std::string& url, const std::string& body,
+            const std::vector<std::string>& headers, const std::string& local) {
+    Reply r;
+    CURL* c = curl_easy_init();
+    if (!c) return r;
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 0L);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT, 30L);
+    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    if (!local.empty()) curl_easy_setopt(c, CURLOPT_INTERFACE, local.c_str());
+    if (!body.empty() || method == "POST" || method == "PUT") {
+        curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    }
+    curl_slist* list = nullptr;
+    for (const auto& h : headers) list = curl_slist_append(list, h.c_str());
+    if (list) curl_easy_setopt(c, CURLOPT_HTTPHEADER, list);
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &r.body);
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collect);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &r.headers);
+    r.ok = curl_easy_perform(c) == CURLE_OK;
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &r.status);
+    curl_slist_free_all(list);
+    curl_easy_cleanup(c);
+    return r;
+}
+
+int freePort() {
+    int fd = socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    a.sin6_addr = in6addr_any;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    close(fd);
+    return ntohs(a.sin6_port);
+}
+
+}  // namespace e2e

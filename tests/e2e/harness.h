@@ -1,0 +1,68 @@
+// Harness of the end-to-end tests: a fresh device root, the real daemon
+// started in it, and an HTTPS client.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+// A device root prepared by `wcfgctl init` in a temporary directory.
+class DeviceRoot {
+public:
+    DeviceRoot();
+    ~DeviceRoot();
+    const std::string& dir() const { return dir_; }
+    std::string path(const std::string& abs) const { return dir_ + abs; }
+    // Runs wcfgctl in this root; returns its exit status, output in `out`.
+    int wcfgctl(const std::vector<std::string>& args, std::string* out = nullptr) const;
+    std::string read(const std::string& abs) const;
+    bool exists(const std::string& abs) const;
+
+private:
+    std::string dir_;
+};
+
+// The daemon, started as a child process.
+class Daemon {
+public:
+    ~Daemon();
+    // Starts build/whttpd_rest with `args` in `root`; a platform second lasts
+    // 10 ms so that the certificate wait passes quickly.
+    bool start(const DeviceRoot& root, const std::vector<std::string>& args);
+    // Waits until the daemon accepts connections on `port`.
+    bool waitReady(int port, int timeoutMs = 30000);
+    // Sends a signal; waits for the exit and returns the exit status.
+    int stop(int sig = 15, int timeoutMs = 20000);
+    // Waits for the exit; returns the exit status or -1000 on time-out.
+    int wait(int timeoutMs);
+    void signal(int sig) const;
+    pid_t pid() const { return pid_; }
+    std::string out() const;  // standard output so far
+    std::string err() const;  // standard error so far
+    // Waits until standard output or error contains `text`.
+    bool waitForOutput(const std::string& text, int timeoutMs = 10000) const;
+
+private:
+    pid_t pid_ = -1;
+    std::string outFile_, errFile_;
+};
+
+struct Reply {
+    bool ok = false;  // a response arrived
+    long status = 0;
+    std::string headers;
+    std::string body;
+};
+
+// One HTTPS request (certificate not verified).  `local` picks the client's
+// source address.
+Reply https(const std::string& method, const std::string& url, const std::string& body = "",
+            const std::vector<std::string>& headers = {}, const std::string& local = "");
+
+// A TCP port that is free on loopback now.
+int freePort();
+
+}  // namespace e2e

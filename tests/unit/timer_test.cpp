@@ -1,0 +1,232 @@
+// Timer service: due times, firing order and deletion, with the service's
+// clock driven through its uptime file instead of real waiting.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "timer/timer_list.h"
+#include "timer/uitimer.h"
+
+namespace {
+
+class TimerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/whttpd-uptime-XXXXXX";
+        int fd = mkstemp(tmpl);
+        close(fd);
+        file_ = tmpl;
+        setUptime("100.50");
+        UITimerSetUptimeFile(file_.c_str());
+        UITimerThreadStop();
+        ASSERT_EQ(0, UITimerThreadStart());
+    }
+    void TearDown() override {
+        UITimerThreadStop();
+        UITimerSetUptimeFile(nullptr);
+        unlink(file_.c_str());
+    }
+    // Replaces the uptime file at once, so that the timer thread never reads
+    // a half-written one.
+    void setUptime(const char* text) {
+        std::string tmp = file_ + ".new";
+        FILE* f = fopen(tmp.c_str(), "w");
+        fprintf(f, "%s 1234.00\n", text);
+        fclose(f);
+        rename(tmp.c_str(), file_.c_str());
+    }
+    // Lets the timer thread run a few ticks.
+    static void ticks() { std::this_thread::sleep_for(std::chrono::milliseconds(60)); }
+    static bool waitFor(const std::atomic<int>& v, int want) {
+        for (int i = 0; i < 200 && v.load() < want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return v.load() >= want;
+    }
+    std::string file_;
+};
+
+int countCallback(uint32_t, void* data) {
+    ++*static_cast<std::atomic<int>*>(data);
+    return 0;
+}
+
+std::vector<uint32_t> gOrder;
+int orderCallback(uint32_t id, void*) {
+    gOrder.push_back(id);
+    return 0;
+}
+
+}  // namespace
+
+TEST(TimerUptime, ReadsSecondsAndHundredths) {
+    char tmpl[] = "/tmp/whttpd-uptime-XXXXXX";
+    int fd = mkstemp(tmpl);
+    ASSERT_EQ(12, write(fd, "12345.67 0.0", 12));
+    close(fd);
+    UITimerSetUptimeFile(tmpl);
+    UITime t{};
+    EXPECT_EQ(0, getSystemUptime(&t));
+    EXPECT_EQ(12345u, t.sec);
+    EXPECT_EQ(670000u, t.usec);
+    FILE* f = fopen(tmpl, "w");
+    fputs("12345 0", f);
+    fclose(f);
+    EXPECT_EQ(1, getSystemUptime(&t));  // no "." in the first token
+    unlink(tmpl);
+    EXPECT_EQ(1, getSystemUptime(&t));  // no file
+    UITimerSetUptimeFile(nullptr);
+    EXPECT_EQ(0, getSystemUptime(&t));  // the real /proc/uptime
+}
+
+TEST_F(TimerTest, OneShotFiresAtItsDueTimeOnce) {
+    std::atomic<int> fired{0};
+    int id = UITimerStart(1500, countCallback, &fired);  // 100.50 + 1.5 = 102.000000
+    ASSERT_GE(id, 1);
+    setUptime("101.99");
+    ticks();
+    EXPECT_EQ(0, fired.load());
+    setUptime("102.00");
+    EXPECT_TRUE(waitFor(fired, 1));
+    setUptime("200.00");
+    ticks();
+    EXPECT_EQ(1, fired.load());
+    // Already off the list: the delete finds nothing (empty list: 0).
+    EXPECT_EQ(0, UITimerStop(id));
+}
+
+TEST_F(TimerTest, PeriodicReArmsFromTheFiringTickWithoutCarry) {
+    setUptime("10.50");
+    ticks();  // the timer thread's clock is at 10.50 too
+    std::atomic<int> fired{0};
+    // Armed with the carry: 10.50 + 1.999 = 12.499000.
+    int id = UIPeriodicTimerStart(1999, countCallback, &fired);
+    ASSERT_GE(id, 1);
+    setUptime("12.49");
+    ticks();
+    EXPECT_EQ(0, fired.load());
+    setUptime("12.50");
+    EXPECT_TRUE(waitFor(fired, 1));
+    // Re-armed from 12.500000 without the carry: 13 s and 1 499 000 us, so
+    // it fires only in second 14.
+    setUptime("13.99");
+    ticks();
+    EXPECT_EQ(1, fired.load());
+    setUptime("14.00");
+    EXPECT_TRUE(waitFor(fired, 2));
+    EXPECT_EQ(0, UIPeriodicTimerStop(id));
+    setUptime("99.00");
+    ticks();
+    EXPECT_EQ(2, fired.load());
+}
+
+TEST_F(TimerTest, DeleteResults) {
+    EXPECT_EQ(1, UIDelTimer(0, nullptr));
+    EXPECT_EQ(0, UIDelTimer(5, nullptr));  // empty list
+    std::atomic<int> fired{0};
+    int id = UITimerStart(10000, countCallback, &fired);
+    EXPECT_EQ(1, UIDelTimer(id + 1000, nullptr));
+    void* data = nullptr;
+    EXPECT_EQ(-1, UIDelTimer_retDataPtr(id, nullptr));
+    EXPECT_EQ(0, UIDelTimer_retDataPtr(id, &data));
+    EXPECT_EQ(&fired, data);
+    int pid = UIPeriodicTimerStart(10000, countCallback, &fired);
+    EXPECT_EQ(1, UIDelPeriodicTimer(pid + 1000, nullptr));
+    EXPECT_EQ(0, UIDelPeriodicTimer_retDataPtr(pid, &data));
+    setUptime("500.00");
+    ticks();
+    EXPECT_EQ(0, fired.load());
+}
+
+TEST_F(TimerTest, UpdateOfAnIdKeepsOneTimer) {
+    std::atomic<int> fired{0};
+    int id = UITimerStart(1000, countCallback, &fired);
+    ASSERT_EQ(0, UIAddTimer(id, 5000, countCallback, &fired));  // now due at 105.50
+    setUptime("104.00");
+    ticks();
+    EXPECT_EQ(0, fired.load());
+    setUptime("106.00");
+    EXPECT_TRUE(waitFor(fired, 1));
+    ticks();
+    EXPECT_EQ(1, fired.load());
+}
+
+TEST_F(TimerTest, PeriodicBeforeOneShotAndReverseListOrder) {
+    gOrder.clear();
+    int a = UITimerStart(100, orderCallback, nullptr);
+    int b = UITimerStart(100, orderCallback, nullptr);
+    int p = UIPeriodicTimerStart(100, orderCallback, nullptr);
+    int q = UIPeriodicTimerStart(100, orderCallback, nullptr);
+    setUptime("100.70");
+    ticks();
+    UIPeriodicTimerStop(p);
+    UIPeriodicTimerStop(q);
+    ticks();
+    ASSERT_GE(gOrder.size(), 4u);
+    std::vector<uint32_t> first(gOrder.begin(), gOrder.begin() + 4);
+    EXPECT_EQ((std::vector<uint32_t>{uint32_t(q), uint32_t(p), uint32_t(b), uint32_t(a)}), first);
+}
+
+TEST_F(TimerTest, StartAndStopTwice) {
+    EXPECT_EQ(0, UITimerThreadStart());  // already running: nothing
+    EXPECT_EQ(0, UITimerThreadStop());
+    EXPECT_EQ(0, UITimerThreadStop());  // not running: nothing
+    EXPECT_EQ(0, UITimerThreadStart());
+}
+
+TEST_F(TimerTest, ConcurrentStartStopWhileFiring) {
+    std::atomic<int> fired{0};
+    std::atomic<bool> done{false};
+    std::thread clock([&] {
+        for (int s = 101; !done; ++s) {
+            setUptime((std::to_string(s) + ".00").c_str());
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    std::vector<std::thread> workers;
+    for (int w = 0; w < 4; ++w) {
+        workers.emplace_back([&] {
+            for (int i = 0; i < 300; ++i) {
+                int id = UITimerStart(static_cast<uint32_t>(i % 3) * 1000, countCallback, &fired);
+                int pid = UIPeriodicTimerStart(1000, countCallback, &fired);
+                if (i % 2) UITimerStop(static_cast<uint32_t>(id));
+                UIPeriodicTimerStop(static_cast<uint32_t>(pid));
+            }
+        });
+    }
+    for (auto& t : workers) t.join();
+    done = true;
+    clock.join();
+    EXPECT_GT(fired.load(), 0);
+}
+
+TEST(TimerList, InsertGetRemoveAndIterate) {
+    timer_list l;
+    timer_list_init(&l);
+    int v[5] = {0, 1, 2, 3, 4};
+    EXPECT_EQ(1, timer_list_insert(&l, -1, &v[1]));
+    EXPECT_EQ(2, timer_list_insert(&l, 0, &v[0]));
+    EXPECT_EQ(3, timer_list_insert(&l, 7, &v[3]));   // past the end appends
+    EXPECT_EQ(4, timer_list_insert(&l, 2, &v[2]));   // after index 1
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(&v[i], timer_list_get(&l, i));
+    EXPECT_EQ(nullptr, timer_list_get(&l, 4));
+    timer_list_iter it;
+    int seen = 0;
+    for (void* p = timer_list_iter_begin(&l, &it); p;) {
+        if (p == &v[1] || p == &v[3])
+            p = timer_list_iter_remove(&it);
+        else
+            ++seen, p = timer_list_iter_next(&it);
+    }
+    EXPECT_EQ(2, seen);
+    EXPECT_EQ(2, l.count);
+    EXPECT_EQ(&v[2], timer_list_remove(&l, 1));
+    EXPECT_EQ(-1, timer_list_insert(nullptr, 0, &v[4]));
+    timer_list_destroy(&l);
+    EXPECT_TRUE(timer_list_is_empty(&l));
+}
