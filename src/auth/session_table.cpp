@@ -9,9 +9,13 @@
 
 void storeSessionKey(CgHttpRequest* /*request*/, int32_t /*key*/) {}
 
-const char* getCookieUser(CgHttpRequest* /*request*/) { return nullptr; }
+const char* getCookieUser(CgHttpRequest* /*request*/) {
+    return nullptr;
+}
 
-void dumpLoginEntry(void) { wos_pk("========================================\n"); }
+void dumpLoginEntry(void) {
+    wos_pk("========================================\n");
+}
 
 void updateLoginTimer(void) {
     wlog_syslog(LOG_INFO, "data model change, update login timer.\n");

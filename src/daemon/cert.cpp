@@ -12,14 +12,17 @@
 
 namespace {
 
-bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool fileExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 // Compares the outputs of two commands block by block.  With `eofFirst` the
 // end of both outputs is tested before each read and ends the comparison
 // with success; without it the loop runs while either output has data left.
 int compareOutputs(const char* cmdA, const char* cmdB, bool eofFirst) {
     FILE* a = popen(cmdA, "r");
-    if (!a) return 0;
+    if (!a)
+        return 0;
     FILE* b = popen(cmdB, "r");
     if (!b) {
         pclose(a);
@@ -28,7 +31,8 @@ int compareOutputs(const char* cmdA, const char* cmdB, bool eofFirst) {
     int same = 1;
     for (;;) {
         if (eofFirst) {
-            if (feof(a) && feof(b)) break;
+            if (feof(a) && feof(b))
+                break;
         } else if (feof(a) && feof(b)) {
             break;
         }
@@ -51,7 +55,8 @@ int wHttpCheckCertKeyPair(const char* certPath, const char* keyPath) {
     char cmdA[512], cmdB[512];
     snprintf(cmdA, sizeof cmdA, "openssl x509 -noout -modulus -in %s", certPath);
     snprintf(cmdB, sizeof cmdB, "openssl rsa -noout -modulus -in %s", keyPath);
-    if (!compareOutputs(cmdA, cmdB, false)) return 0;
+    if (!compareOutputs(cmdA, cmdB, false))
+        return 0;
     snprintf(cmdA, sizeof cmdA, "openssl x509 -in %s -noout -pubkey", certPath);
     snprintf(cmdB, sizeof cmdB, "openssl rsa -in %s -pubout", keyPath);
     return compareOutputs(cmdA, cmdB, true);
@@ -59,9 +64,11 @@ int wHttpCheckCertKeyPair(const char* certPath, const char* keyPath) {
 
 int wHttpCompanionScriptRunning(void) {
     FILE* p = popen("pidof whttp.sh", "r");
-    if (!p) return 0;
+    if (!p)
+        return 0;
     char line[15] = {0};
-    if (!fgets(line, sizeof line, p)) line[0] = '\0';
+    if (!fgets(line, sizeof line, p))
+        line[0] = '\0';
     pclose(p);
     return atoi(line) > 0 ? 1 : 0;
 }
@@ -72,7 +79,8 @@ void wHttpWaitForCertificate(void) {
     const std::string key = platformPath(WHTTPD_KEY_FILE);
     int waits = 0, regenerations = 0;
     for (;;) {
-        if (!fileExists(cnf)) return;
+        if (!fileExists(cnf))
+            return;
         if (fileExists(cert) && fileExists(key) && wHttpCheckCertKeyPair(cert.c_str(), key.c_str()))
             return;
         if (wHttpCompanionScriptRunning()) {
@@ -90,12 +98,14 @@ void wHttpWaitForCertificate(void) {
         // than on the device itself: the buffer leaves room for that.
         char cmd[768];
         snprintf(cmd, sizeof cmd, "mkdir %s", platformPath("/data/CA").c_str());
-        if (wos_formsys(1, cmd) == -1) WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
+        if (wos_formsys(1, cmd) == -1)
+            WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
         snprintf(cmd, sizeof cmd,
-                         "/usr/bin/openssl req -newkey rsa:2048 -nodes -keyout %s -x509 -sha512 "
-                         "-days 3650 -out %s -batch -config %s 2> /dev/null",
-                         key.c_str(), cert.c_str(), cnf.c_str());
-        if (wos_formsys(1, cmd) == -1) WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
+                 "/usr/bin/openssl req -newkey rsa:2048 -nodes -keyout %s -x509 -sha512 "
+                 "-days 3650 -out %s -batch -config %s 2> /dev/null",
+                 key.c_str(), cert.c_str(), cnf.c_str());
+        if (wos_formsys(1, cmd) == -1)
+            WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
         ++regenerations;
         if (regenerations >= 3) {
             wos_pk("whttpd_rest: ERROR: re-generate CA %d times, please check!\n", regenerations);

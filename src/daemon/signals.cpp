@@ -26,10 +26,12 @@ void handler(int sig, siginfo_t*, void*) {
     char digits[12];
     int n = 0;
     unsigned v = static_cast<unsigned>(sig);
-    do digits[n++] = static_cast<char>('0' + v % 10), v /= 10;
+    do
+        digits[n++] = static_cast<char>('0' + v % 10), v /= 10;
     while (v);
     size_t len = strlen(buf);
-    while (n) buf[len++] = digits[--n];
+    while (n)
+        buf[len++] = digits[--n];
     buf[len] = '\0';
     strcat(buf, ").\n");
     writeText(buf);

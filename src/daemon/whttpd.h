@@ -12,9 +12,10 @@
 #include "platform/platform.h"
 
 // Levelled log line of the daemon; `src` names the source ("whttpd_rest.c").
-#define WLOG(level, src, ...)                                             \
-    do {                                                                  \
-        if (wlog_levelAllow(level)) wlog_log_f(level, src, __LINE__, __func__, __VA_ARGS__); \
+#define WLOG(level, src, ...)                                        \
+    do {                                                             \
+        if (wlog_levelAllow(level))                                  \
+            wlog_log_f(level, src, __LINE__, __func__, __VA_ARGS__); \
     } while (0)
 #define WHTTPD_SRC "whttpd_rest.c"
 

@@ -28,7 +28,8 @@ CgHttpSslSettings* gSsl = nullptr;  // the SSL settings record, freed at shutdow
 void writePidFile() {
     std::string file = platformPath(WHTTPD_PID_FILE);
     FILE* f = fopen(file.c_str(), "w");
-    if (!f) return;
+    if (!f)
+        return;
     fprintf(f, "%u\n", static_cast<unsigned>(getpid()));
     fclose(f);
 }
@@ -42,7 +43,8 @@ int InitHttpServer(CgHttpServer** server, const char* bindAddr, int port, bool s
         WLOG(WLOG_ERR, WHTTPD_SRC, "fail to calloc memory, size = %zu", sizeof(CgHttpSslSettings));
         return 0;
     }
-    if (settings) *gServerSslCopy = *settings;
+    if (settings)
+        *gServerSslCopy = *settings;
     wos_pk("Initial http with port(%d), SSL %s.\n", port, ssl ? "enable" : "disable");
     wlog_syslog(LOG_INFO, "Initial http with port(%d), SSL %s\n", port, ssl ? "enable" : "disable");
     if (!cg_http_server_open(*server, port, bindAddr, 0, ssl, gServerSslCopy)) {
@@ -60,7 +62,8 @@ int InitHttpServer(CgHttpServer** server, const char* bindAddr, int port, bool s
 void readMaxLoginAccounts() {
     objIndex_t iid{};
     json_object* cfg = nullptr;
-    if (wcfgFeObjJsonGet(wHttpOidByName("RDM_OID_VX_LOG_CFG"), &iid, &cfg) != WCFG_SUCCESS) return;
+    if (wcfgFeObjJsonGet(wHttpOidByName("RDM_OID_VX_LOG_CFG"), &iid, &cfg) != WCFG_SUCCESS)
+        return;
     JsonPtr owned(cfg);
     json_object* v = nullptr;
     if (json_object_object_get_ex(cfg, "MaximumLoginAccountNumber", &v))
@@ -78,7 +81,8 @@ void openHostDatabase() {
         }
         fprintf(stderr, "Can't open database: %s\n", db ? sqlite3_errmsg(db) : "out of memory");
         sqlite3_close(db);
-        if (gStopRequested) return;
+        if (gStopRequested)
+            return;
         wos_sleep(1);
     }
 }
@@ -89,12 +93,14 @@ void receiveLoop() {
         if (wcfg_msg_serverRecv(&msg, 0, WHTTPD_SRC, __LINE__) == 0) {
             uint32_t type = 0;
             memcpy(&type, msg, sizeof type);
-            if (type == WCFG_MSG_DATA_MODEL_CHANGED) updateLoginTimer();
+            if (type == WCFG_MSG_DATA_MODEL_CHANGED)
+                updateLoginTimer();
             free(msg);
         } else if (gWhttpd.running) {
             wos_pk("whttpd msg receive fail\n");
         }
-        if (gDumpRequested.exchange(0)) dumpLoginEntry();
+        if (gDumpRequested.exchange(0))
+            dumpLoginEntry();
     }
 }
 
@@ -128,7 +134,8 @@ int main(int argc, char** argv) {
 
     std::string schemaFile = platformPath(WHTTPD_SCHEMA_FILE);
     gWhttpd.schema = json_object_from_file(schemaFile.c_str());
-    if (!gWhttpd.schema) return -1;
+    if (!gWhttpd.schema)
+        return -1;
 
     wcfg_msg_eidInit(WCFG_EID_WHTTPD, "wHttpd_rest");
     wlog_syslog(LOG_NOTICE, "Http daemon init...\n");
@@ -150,7 +157,8 @@ int main(int argc, char** argv) {
         ssl->certFile = certFile.c_str();
         ssl->keyFile = keyFile.c_str();
         FILE* cert = fopen(certFile.c_str(), "r");
-        if (!cert) return -1;
+        if (!cert)
+            return -1;
         fclose(cert);
         ssl->verifyPeer = 0;
         std::string publicKey = platformPath(WHTTPD_PUBLIC_KEY_FILE);
@@ -159,7 +167,8 @@ int main(int argc, char** argv) {
             char cmd[768];
             snprintf(cmd, sizeof cmd, "/usr/bin/openssl x509 -pubkey -noout -in %s > %s",
                      certFile.c_str(), publicKey.c_str());
-            if (wos_formsys(1, cmd) == -1) WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
+            if (wos_formsys(1, cmd) == -1)
+                WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
         }
         serversUp = InitHttpServer(&httpsServer, "::", gWhttpd.httpsPort, true, ssl) == 1;
     }
@@ -171,7 +180,8 @@ int main(int argc, char** argv) {
             wlog_syslog(LOG_ERR, "Starting http server fail....\n");
             serversUp = false;
         }
-        if (serversUp && httpServer && !cg_http_server_start(httpServer)) serversUp = false;
+        if (serversUp && httpServer && !cg_http_server_start(httpServer))
+            serversUp = false;
     }
     if (serversUp) {
         UITimerThreadStart();
@@ -183,7 +193,8 @@ int main(int argc, char** argv) {
         } else {
             openHostDatabase();
             gWhttpd.operationMode = wcfgFeDalGetOpertaionMode();
-            if (!gStopRequested) gWhttpd.running = 1;
+            if (!gStopRequested)
+                gWhttpd.running = 1;
             receiveLoop();
         }
     }

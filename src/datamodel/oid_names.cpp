@@ -7,13 +7,15 @@
 namespace {
 int compareOidName(const void* key, int index, void** row) {
     int c = strcmp(static_cast<const char*>(key), gOidNameTable[index].name);
-    if (c == 0) *row = const_cast<OidNameRow*>(&gOidNameTable[index]);
+    if (c == 0)
+        *row = const_cast<OidNameRow*>(&gOidNameTable[index]);
     return c;
 }
 }  // namespace
 
 int32_t wHttpOidByName(const char* name) {
-    if (!name) return -1;
+    if (!name)
+        return -1;
     void* row = vxUtilSortedArraySearch(name, 0, gOidNameTableRows - 1, compareOidName);
     return row ? static_cast<int32_t>(static_cast<OidNameRow*>(row)->id) : -1;
 }

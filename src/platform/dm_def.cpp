@@ -11,7 +11,8 @@ namespace wdm {
 
 const Param* Object::param(const std::string& n) const {
     for (const Param& p : params)
-        if (p.name == n) return &p;
+        if (p.name == n)
+            return &p;
     return nullptr;
 }
 
@@ -27,7 +28,8 @@ const Object* Model::byPathForm(const std::string& path) const {
 
 int32_t Model::idOf(const std::string& rdm) const {
     for (const auto& [name, id] : ids)
-        if (name == rdm) return id;
+        if (name == rdm)
+            return id;
     return -1;
 }
 
@@ -40,20 +42,25 @@ std::vector<std::string> tokenize(const std::string& line, std::vector<bool>& qu
     quoted.clear();
     size_t i = 0;
     while (i < line.size()) {
-        while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-        if (i >= line.size() || line[i] == '#') break;
+        while (i < line.size() && (line[i] == ' ' || line[i] == '\t'))
+            ++i;
+        if (i >= line.size() || line[i] == '#')
+            break;
         std::string tok;
         if (line[i] == '"') {
             ++i;
             while (i < line.size() && line[i] != '"') {
-                if (line[i] == '\\' && i + 1 < line.size()) ++i;
+                if (line[i] == '\\' && i + 1 < line.size())
+                    ++i;
                 tok += line[i++];
             }
-            if (i >= line.size()) throw std::runtime_error("unterminated string");
+            if (i >= line.size())
+                throw std::runtime_error("unterminated string");
             ++i;
             quoted.push_back(true);
         } else {
-            while (i < line.size() && line[i] != ' ' && line[i] != '\t') tok += line[i++];
+            while (i < line.size() && line[i] != ' ' && line[i] != '\t')
+                tok += line[i++];
             quoted.push_back(false);
         }
         out.push_back(tok);
@@ -64,7 +71,8 @@ std::vector<std::string> tokenize(const std::string& line, std::vector<bool>& qu
 int64_t toInt(const std::string& s) {
     char* end = nullptr;
     long long v = strtoll(s.c_str(), &end, 10);
-    if (s.empty() || *end) throw std::runtime_error("bad number '" + s + "'");
+    if (s.empty() || *end)
+        throw std::runtime_error("bad number '" + s + "'");
     return v;
 }
 
@@ -73,9 +81,12 @@ void parseRange(const std::string& spec, Param& p) {
     size_t colon = spec.find(':');
     if (spec.size() < 3 || spec.front() != '[' || spec.back() != ']' || colon == std::string::npos)
         throw std::runtime_error("bad range " + spec);
-    std::string lo = spec.substr(1, colon - 1), hi = spec.substr(colon + 1, spec.size() - colon - 2);
-    if (!lo.empty()) p.hasMin = true, p.min = toInt(lo);
-    if (!hi.empty()) p.hasMax = true, p.max = toInt(hi);
+    std::string lo = spec.substr(1, colon - 1),
+                hi = spec.substr(colon + 1, spec.size() - colon - 2);
+    if (!lo.empty())
+        p.hasMin = true, p.min = toInt(lo);
+    if (!hi.empty())
+        p.hasMax = true, p.max = toInt(hi);
 }
 
 void parseType(const std::string& t, Param& p) {
@@ -85,11 +96,13 @@ void parseType(const std::string& t, Param& p) {
     } else if (t.rfind("int", 0) == 0) {
         p.type = Type::Int, p.schemaType = "int32";
         p.hasMin = p.hasMax = true, p.min = INT32_MIN, p.max = INT32_MAX;
-        if (t.size() > 3) parseRange(arg("int"), p);
+        if (t.size() > 3)
+            parseRange(arg("int"), p);
     } else if (t.rfind("uint", 0) == 0) {
         p.type = Type::Uint, p.schemaType = "uint32";
         p.hasMin = p.hasMax = true, p.min = 0, p.max = UINT32_MAX;
-        if (t.size() > 4) parseRange(arg("uint"), p);
+        if (t.size() > 4)
+            parseRange(arg("uint"), p);
     } else if (t == "ulong") {
         p.type = Type::Ulong, p.schemaType = "uint64";
         p.hasMin = true, p.min = 0;
@@ -109,7 +122,8 @@ void parseType(const std::string& t, Param& p) {
         std::string body = t.substr(5, t.size() - 6);
         std::stringstream ss(body);
         std::string v;
-        while (std::getline(ss, v, '|')) p.enums.push_back(v);
+        while (std::getline(ss, v, '|'))
+            p.enums.push_back(v);
     } else {
         throw std::runtime_error("unknown type " + t);
     }
@@ -129,7 +143,8 @@ std::string classOf(const std::string& path) {
 }
 
 void addObject(Model& m, Object o) {
-    if (o.path.size() < 2 || o.path.back() != '.') throw std::runtime_error("bad path " + o.path);
+    if (o.path.size() < 2 || o.path.back() != '.')
+        throw std::runtime_error("bad path " + o.path);
     std::string body = o.path.substr(0, o.path.size() - 1);
     o.table = body.size() > 4 && body.compare(body.size() - 4, 4, ".{i}") == 0;
     std::string own = o.table ? body.substr(0, body.size() - 4) : body;
@@ -139,17 +154,22 @@ void addObject(Model& m, Object o) {
     for (size_t p = o.path.find("{i}"); p != std::string::npos; p = o.path.find("{i}", p + 3))
         ++o.depth;
     o.className = classOf(o.path);
-    if (o.table && o.maxInst <= 0) o.maxInst = 255;
+    if (o.table && o.maxInst <= 0)
+        o.maxInst = 255;
     if (!parentPath.empty()) {
         auto it = m.byPath.find(parentPath);
-        if (it == m.byPath.end()) throw std::runtime_error("no parent for " + o.path);
+        if (it == m.byPath.end())
+            throw std::runtime_error("no parent for " + o.path);
         o.parent = it->second;
     }
-    if (m.byPath.count(o.path)) throw std::runtime_error("duplicate path " + o.path);
+    if (m.byPath.count(o.path))
+        throw std::runtime_error("duplicate path " + o.path);
     int index = static_cast<int>(m.objects.size());
     m.byPath[o.path] = index;
-    if (o.id >= 0) m.byIdIndex[o.id] = index;
-    if (o.parent >= 0) m.objects[o.parent].children.push_back(index);
+    if (o.id >= 0)
+        m.byIdIndex[o.id] = index;
+    if (o.parent >= 0)
+        m.objects[o.parent].children.push_back(index);
     m.objects.push_back(std::move(o));
 }
 
@@ -167,7 +187,8 @@ bool parse(const std::string& text, Model& m, std::string& err) {
             ++lineNo;
             std::vector<bool> quoted;
             std::vector<std::string> t = tokenize(line, quoted);
-            if (t.empty()) continue;
+            if (t.empty())
+                continue;
             bool indented = line[0] == ' ' || line[0] == '\t';
             if (!indented && t[0] == "ids") {
                 section = Ids;
@@ -182,23 +203,28 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                 continue;
             }
             if (section == Ids) {
-                if (t.size() != 2) throw std::runtime_error("expected NAME ID");
+                if (t.size() != 2)
+                    throw std::runtime_error("expected NAME ID");
                 int32_t id = static_cast<int32_t>(toInt(t[1]));
                 for (auto& [n, i] : m.ids)
-                    if (n == t[0] || i == id) throw std::runtime_error("duplicate id " + t[0]);
+                    if (n == t[0] || i == id)
+                        throw std::runtime_error("duplicate id " + t[0]);
                 m.ids.emplace_back(t[0], id);
                 continue;
             }
-            if (section != Objects) throw std::runtime_error("line outside a section");
+            if (section != Objects)
+                throw std::runtime_error("line outside a section");
             if (!indented) {
-                if (haveCur) addObject(m, std::move(cur));
+                if (haveCur)
+                    addObject(m, std::move(cur));
                 cur = Object{};
                 haveCur = true;
                 size_t opt;
                 if (t[0] == "object" && t.size() >= 3) {
                     cur.rdm = t[1];
                     cur.id = m.idOf(t[1]);
-                    if (cur.id < 0) throw std::runtime_error("object without id " + t[1]);
+                    if (cur.id < 0)
+                        throw std::runtime_error("object without id " + t[1]);
                     cur.path = t[2];
                     opt = 3;
                 } else if (t[0] == "virtual" && t.size() >= 2) {
@@ -218,12 +244,15 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                 }
                 continue;
             }
-            if (!haveCur) throw std::runtime_error("parameter outside an object");
-            if (t.size() < 3) throw std::runtime_error("expected NAME TYPE ACCESS [DEFAULT]");
+            if (!haveCur)
+                throw std::runtime_error("parameter outside an object");
+            if (t.size() < 3)
+                throw std::runtime_error("expected NAME TYPE ACCESS [DEFAULT]");
             Param p;
             p.name = t[0];
             parseType(t[1], p);
-            if (t[2] != "R" && t[2] != "W") throw std::runtime_error("access must be R or W");
+            if (t[2] != "R" && t[2] != "W")
+                throw std::runtime_error("access must be R or W");
             p.writable = t[2] == "W";
             for (size_t k = 3; k < t.size(); ++k) {
                 if (t[k] == "hidden" && !quoted[k]) {
@@ -235,10 +264,12 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                     throw std::runtime_error("unexpected " + t[k]);
                 }
             }
-            if (cur.param(p.name)) throw std::runtime_error("duplicate parameter " + p.name);
+            if (cur.param(p.name))
+                throw std::runtime_error("duplicate parameter " + p.name);
             cur.params.push_back(std::move(p));
         }
-        if (haveCur) addObject(m, std::move(cur));
+        if (haveCur)
+            addObject(m, std::move(cur));
     } catch (const std::exception& e) {
         err = "line " + std::to_string(lineNo) + ": " + e.what();
         return false;

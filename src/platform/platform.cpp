@@ -20,7 +20,8 @@ const std::string& platformRoot() {
     static const std::string root = [] {
         const char* r = getenv("WHTTPD_ROOT");
         std::string s = (r && *r) ? r : "/";
-        while (s.size() > 1 && s.back() == '/') s.pop_back();
+        while (s.size() > 1 && s.back() == '/')
+            s.pop_back();
         return s;
     }();
     return root;
@@ -28,11 +29,14 @@ const std::string& platformRoot() {
 
 std::string platformPath(const char* absPath) {
     const std::string& root = platformRoot();
-    if (root == "/") return absPath;
+    if (root == "/")
+        return absPath;
     return root + absPath;
 }
 
-std::string platformToolDir() { return platformPath("/usr/sbin"); }
+std::string platformToolDir() {
+    return platformPath("/usr/sbin");
+}
 
 void platformInit() {
     const char* old = getenv("PATH");
@@ -43,15 +47,19 @@ void platformInit() {
 void platformBlockStopSignals() {
     sigset_t set;
     sigemptyset(&set);
-    for (int s : {SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2}) sigaddset(&set, s);
+    for (int s : {SIGTERM, SIGQUIT, SIGINT, SIGUSR1, SIGUSR2})
+        sigaddset(&set, s);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 int wos_formsys(int flags, const char* cmd) {
-    if (!cmd) return -1;
-    if (flags & 1) wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", cmd);
+    if (!cmd)
+        return -1;
+    if (flags & 1)
+        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", cmd);
     pid_t pid = fork();
-    if (pid < 0) return -1;
+    if (pid < 0)
+        return -1;
     if (pid == 0) {
         int fd = open("/dev/null", O_RDONLY);
         if (fd >= 0) {
@@ -66,9 +74,11 @@ int wos_formsys(int flags, const char* cmd) {
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
+        if (errno != EINTR)
+            return -1;
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
     return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
@@ -113,10 +123,13 @@ int logThreshold() {
 }
 }  // namespace
 
-bool wlog_levelAllow(int level) { return level <= logThreshold(); }
+bool wlog_levelAllow(int level) {
+    return level <= logThreshold();
+}
 
 void wlog_log_f(int level, const char* file, int line, const char* func, const char* fmt, ...) {
-    if (!wlog_levelAllow(level)) return;
+    if (!wlog_levelAllow(level))
+        return;
     char text[2048];
     va_list ap;
     va_start(ap, fmt);
@@ -146,16 +159,20 @@ void wlog_syslog(int priority, const char* fmt, ...) {
 }
 
 int vxUtilAuthUserAccount(const char* user, const char* password) {
-    if (!user || !*user) return 1;
+    if (!user || !*user)
+        return 1;
     std::ifstream in(platformPath("/etc/shadow"));
-    if (!in) return 1;
+    if (!in)
+        return 1;
     std::string line;
     std::string prefix = std::string(user) + ":";
     while (std::getline(in, line)) {
-        if (line.compare(0, prefix.size(), prefix) != 0) continue;
+        if (line.compare(0, prefix.size(), prefix) != 0)
+            continue;
         std::string hash = line.substr(prefix.size());
         hash = hash.substr(0, hash.find(':'));
-        if (!password || !*password || hash.empty()) return 2;
+        if (!password || !*password || hash.empty())
+            return 2;
         crypt_data data{};
         const char* out = crypt_r(password, hash.c_str(), &data);
         return (out && hash == out) ? 0 : 2;
@@ -164,13 +181,16 @@ int vxUtilAuthUserAccount(const char* user, const char* password) {
 }
 
 int vxUtilIGetBaseMACwithColon(char* buf, size_t size) {
-    if (!buf || size < 18) return -1;
+    if (!buf || size < 18)
+        return -1;
     std::string file = platformPath("/data/factory/device.json");
     json_object* doc = json_object_from_file(file.c_str());
-    if (!doc) return -1;
+    if (!doc)
+        return -1;
     int ret = -1;
     json_object* mac = nullptr;
-    if (json_object_object_get_ex(doc, "BaseMAC", &mac) && json_object_is_type(mac, json_type_string)) {
+    if (json_object_object_get_ex(doc, "BaseMAC", &mac) &&
+        json_object_is_type(mac, json_type_string)) {
         const char* s = json_object_get_string(mac);
         unsigned b[6];
         if (sscanf(s, "%2x:%2x:%2x:%2x:%2x:%2x", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]) == 6) {
@@ -189,7 +209,8 @@ void* vxUtilSortedArraySearch(const void* key, int low, int high,
         int mid = low + (high - low) / 2;
         void* row = nullptr;
         int c = cmp(key, mid, &row);
-        if (c == 0) return row;
+        if (c == 0)
+            return row;
         if (c < 0)
             high = mid - 1;
         else

@@ -52,9 +52,11 @@ bool writeFile(const std::string& absPath, const std::string& content) {
     std::string tmp = file + ".tmp";
     {
         std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        if (!out) return false;
+        if (!out)
+            return false;
         out << content;
-        if (!out) return false;
+        if (!out)
+            return false;
     }
     return rename(tmp.c_str(), file.c_str()) == 0;
 }
@@ -62,21 +64,25 @@ bool writeFile(const std::string& absPath, const std::string& content) {
 json_object* schemaNode(const wdm::Object& o) {
     const wdm::Model& m = wdm::model();
     json_object* node = json_object_new_object();
-    json_object_object_add(node, "_Node", json_object_new_string(o.table ? "index_object" : "object"));
+    json_object_object_add(node, "_Node",
+                           json_object_new_string(o.table ? "index_object" : "object"));
     if (o.table) {
         json_object_object_add(node, "_MaxLength", json_object_new_int(o.maxInst));
         json_object_object_add(node, "_Attribute",
                                json_object_new_string(o.create ? "read write create" : "read"));
     }
     for (const wdm::Param& p : o.params) {
-        if (p.hidden) continue;
+        if (p.hidden)
+            continue;
         json_object* pn = json_object_new_object();
         json_object_object_add(pn, "_Node", json_object_new_string("parameter"));
         json_object_object_add(pn, "_Type", json_object_new_string(p.schemaType.c_str()));
-        json_object_object_add(pn, "_Attribute", json_object_new_string(p.writable ? "read write" : "read"));
+        json_object_object_add(pn, "_Attribute",
+                               json_object_new_string(p.writable ? "read write" : "read"));
         json_object_object_add(node, p.name.c_str(), pn);
     }
-    for (int c : o.children) json_object_object_add(node, m.objects[c].name.c_str(), schemaNode(m.objects[c]));
+    for (int c : o.children)
+        json_object_object_add(node, m.objects[c].name.c_str(), schemaNode(m.objects[c]));
     return node;
 }
 
@@ -99,7 +105,8 @@ unsigned long uptime() {
 json_object* buildSchema() {
     const wdm::Object* root = wdm::model().byPathForm("Device.");
     json_object* schema = json_object_new_object();
-    if (root) json_object_object_add(schema, "Device", schemaNode(*root));
+    if (root)
+        json_object_object_add(schema, "Device", schemaNode(*root));
     return schema;
 }
 
@@ -145,7 +152,8 @@ bool writeHostDatabase(std::string& err) {
         " '06:10:18:3A:6D:05','36','2','');"
         "INSERT INTO Device VALUES('EndDevice','plug','192.168.2.20','','02:AA:00:00:00:05',"
         " 'Espressif','','','','Wi-Fi','02:10:18:3A:5C:00','1700000000','1699990000','1','600',"
-        " '-80','26','','1','1','1200','3400','26','13','OLVEX-Guest','02:10:18:3A:5C:04','6','1','');"
+        " '-80','26','','1','1','1200','3400','26','13','OLVEX-Guest','02:10:18:3A:5C:04','6','1','"
+        "');"
         "INSERT INTO DevFunc VALUES('02:10:18:3A:5C:00','6','36','Controller','V1.20(ABCD.7)C0');"
         "INSERT INTO DevFunc VALUES('02:10:18:3A:6D:00','6','36','Agent','V1.20(ABCD.7)C0');"
         "INSERT INTO SubIntf VALUES('06:10:18:3A:6D:03','02:10:18:3A:6D:00','2');"
@@ -155,7 +163,8 @@ bool writeHostDatabase(std::string& err) {
         "COMMIT;";
     char* msg = nullptr;
     bool ok = sqlite3_exec(db, sql, nullptr, nullptr, &msg) == SQLITE_OK;
-    if (!ok) err = std::string("host database: ") + (msg ? msg : "?");
+    if (!ok)
+        err = std::string("host database: ") + (msg ? msg : "?");
     sqlite3_free(msg);
     sqlite3_close(db);
     return ok && rename(tmp.c_str(), file.c_str()) == 0;
@@ -169,18 +178,23 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
             return false;
         }
     }
-    if (!writeFile("/data/factory/device.json", kFactory)) return err = "factory data", false;
+    if (!writeFile("/data/factory/device.json", kFactory))
+        return err = "factory data", false;
 
-    for (const char* f : {"/data/wcfg/config.db", "/data/wcfg/config.db-wal", "/data/wcfg/config.db-shm"})
+    for (const char* f :
+         {"/data/wcfg/config.db", "/data/wcfg/config.db-wal", "/data/wcfg/config.db-shm"})
         unlink(platformPath(f).c_str());
-    if (!wcfg::Store::instance().isOpen()) return err = "cannot create the configuration store", false;
+    if (!wcfg::Store::instance().isOpen())
+        return err = "cannot create the configuration store", false;
 
     JsonPtr schema(buildSchema());
     if (!writeFile("/etc/wcfg_REST_API_schema.json",
                    json_object_to_json_string_ext(schema.get(), JSON_C_TO_STRING_PRETTY)))
         return err = "cannot write the REST schema", false;
-    if (!writeFile("/etc/config/openssl.cnf", kOpensslCnf)) return err = "cannot write openssl.cnf", false;
-    if (!writeHostDatabase(err)) return false;
+    if (!writeFile("/etc/config/openssl.cnf", kOpensslCnf))
+        return err = "cannot write openssl.cnf", false;
+    if (!writeHostDatabase(err))
+        return false;
 
     unsigned long up = uptime();
     char leases[512];
@@ -192,14 +206,17 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
              "%lu 3600 02:aa:00:00:00:05 192.168.2.20 * 01:02:aa:00:00:00:05\n",
              up > 600 ? up - 600 : 0, up > 1200 ? up - 1200 : 0, up > 300 ? up - 300 : 0,
              up > 60 ? up - 60 : 0, up > 900 ? up - 900 : 0);
-    bool ok = writeFile("/var/dnsmasq/dnsmasq.leases", leases) &&
-              writeFile("/tmp/wan_info", "Enable 100.64.12.34 02:10:18:3A:5C:01 eth4\n") &&
-              writeFile("/tmp/bwm_result", packRates(23000, 4100)) &&
-              writeFile("/tmp/assoc_list.24g",
-                        "02:AA:00:00:00:02  0000000360  -52 \n02:AA:00:00:00:05  0000000120  -80 \n") &&
-              writeFile("/tmp/assoc_list.5g", "06:10:18:3A:6D:03  0000003600  -47 \n");
-    if (!ok) return err = "cannot write the status files", false;
-    if (!standin::installTools(self)) return err = "cannot install the stand-in tools", false;
+    bool ok =
+        writeFile("/var/dnsmasq/dnsmasq.leases", leases) &&
+        writeFile("/tmp/wan_info", "Enable 100.64.12.34 02:10:18:3A:5C:01 eth4\n") &&
+        writeFile("/tmp/bwm_result", packRates(23000, 4100)) &&
+        writeFile("/tmp/assoc_list.24g",
+                  "02:AA:00:00:00:02  0000000360  -52 \n02:AA:00:00:00:05  0000000120  -80 \n") &&
+        writeFile("/tmp/assoc_list.5g", "06:10:18:3A:6D:03  0000003600  -47 \n");
+    if (!ok)
+        return err = "cannot write the status files", false;
+    if (!standin::installTools(self))
+        return err = "cannot install the stand-in tools", false;
     return true;
 }
 

@@ -16,7 +16,8 @@ void journal(json_object* entry);
 // length (8 bytes, little-endian), SHA-256 of the body (32 bytes), body.
 constexpr const char* kImageMagic = "OLVFWIMG";
 constexpr size_t kImageHeaderSize = 96;
-std::string makeImage(const std::string& model, const std::string& version, const std::string& body);
+std::string makeImage(const std::string& model, const std::string& version,
+                      const std::string& body);
 // 0 when the file is a sound image for this device's model, else
 // WCFG_INVALID_IMAGE; the image's version goes to `version`.
 int checkImage(const std::string& file, std::string* version);

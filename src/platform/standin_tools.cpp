@@ -33,7 +33,8 @@ void journalTool(const char* tool, int argc, char** argv) {
     JsonPtr entry(json_object_new_object());
     json_object_object_add(entry.get(), "tool", json_object_new_string(tool));
     json_object* args = json_object_new_array();
-    for (int i = 1; i < argc; ++i) json_object_array_add(args, json_object_new_string(trim(argv[i]).c_str()));
+    for (int i = 1; i < argc; ++i)
+        json_object_array_add(args, json_object_new_string(trim(argv[i]).c_str()));
     json_object_object_add(entry.get(), "args", args);
     journal(entry.get());
 }
@@ -41,7 +42,8 @@ void journalTool(const char* tool, int argc, char** argv) {
 // Mesh topology from the host-probe database's mesh nodes.
 int vxslctl(int argc, char** argv) {
     journalTool("vxslctl", argc, argv);
-    if (argc < 2 || strcmp(argv[1], "-t") != 0) return 0;
+    if (argc < 2 || strcmp(argv[1], "-t") != 0)
+        return 0;
     char base[32] = "";
     vxUtilIGetBaseMACwithColon(base, sizeof base);
     sqlite3* db = nullptr;
@@ -52,8 +54,8 @@ int vxslctl(int argc, char** argv) {
     }
     printf("Mesh topology\n");
     sqlite3_stmt* s = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT ALMac, DevName FROM Device WHERE DevType='L2Device';", -1, &s,
-                           nullptr) == SQLITE_OK) {
+    if (sqlite3_prepare_v2(db, "SELECT ALMac, DevName FROM Device WHERE DevType='L2Device';", -1,
+                           &s, nullptr) == SQLITE_OK) {
         while (sqlite3_step(s) == SQLITE_ROW) {
             const char* mac = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
             const char* name = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
@@ -69,7 +71,8 @@ int vxslctl(int argc, char** argv) {
 
 int vx1905App(int argc, char** argv) {
     journalTool("vx1905App", argc, argv);
-    if (argc < 3) return 1;
+    if (argc < 3)
+        return 1;
     int code = atoi(argv[1]);
     return (code == 2 || code == 10) ? 0 : 1;
 }
@@ -98,12 +101,14 @@ int ifconfig(int argc, char** argv) {
     int32_t ipIf = m.idOf("RDM_OID_IP_IFACE");
     while (wcfgFeObjJsonGetNextWithoutUpdate(ipIf, &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr owned(obj);
-        if (member(obj, "X_OLVEX_IfName") != "br0") continue;
+        if (member(obj, "X_OLVEX_IfName") != "br0")
+            continue;
         objIndex_t a = iid;
         json_object* addr = nullptr;
         if (wcfgFeObjJsonGetNextWithoutUpdate(m.idOf("RDM_OID_IP_IFACE_V4_ADDR"), &a, &addr) == 0) {
             JsonPtr ownedAddr(addr);
-            if (a.idx[0] == iid.idx[0]) ip = member(addr, "IPAddress"), mask = member(addr, "SubnetMask");
+            if (a.idx[0] == iid.idx[0])
+                ip = member(addr, "IPAddress"), mask = member(addr, "SubnetMask");
         }
         break;
     }
@@ -122,24 +127,31 @@ int ifconfig(int argc, char** argv) {
 }  // namespace
 
 int runTool(int argc, char** argv) {
-    if (argc < 1) return -1;
+    if (argc < 1)
+        return -1;
     const char* name = strrchr(argv[0], '/');
     name = name ? name + 1 : argv[0];
-    if (!strcmp(name, "vxslctl")) return vxslctl(argc, argv);
-    if (!strcmp(name, "vx1905App")) return vx1905App(argc, argv);
-    if (!strcmp(name, "killall")) return killall(argc, argv);
-    if (!strcmp(name, "ifconfig")) return ifconfig(argc, argv);
+    if (!strcmp(name, "vxslctl"))
+        return vxslctl(argc, argv);
+    if (!strcmp(name, "vx1905App"))
+        return vx1905App(argc, argv);
+    if (!strcmp(name, "killall"))
+        return killall(argc, argv);
+    if (!strcmp(name, "ifconfig"))
+        return ifconfig(argc, argv);
     return -1;
 }
 
 bool installTools(const std::string& self) {
     std::string dir = platformToolDir();
     std::string cmd = "mkdir -p '" + dir + "'";
-    if (system(cmd.c_str()) != 0) return false;
+    if (system(cmd.c_str()) != 0)
+        return false;
     for (const char* t : kTools) {
         std::string link = dir + "/" + t;
         unlink(link.c_str());
-        if (symlink(self.c_str(), link.c_str()) != 0) return false;
+        if (symlink(self.c_str(), link.c_str()) != 0)
+            return false;
     }
     return true;
 }

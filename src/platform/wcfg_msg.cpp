@@ -29,10 +29,13 @@ int gWakeFd = -1;
 sockaddr_un gServerAddr{};
 std::atomic<uint32_t> gSeq{1};
 
-std::string busDir() { return platformPath("/var/run/wcfg"); }
+std::string busDir() {
+    return platformPath("/var/run/wcfg");
+}
 
 bool makeAddr(const std::string& path, sockaddr_un& addr) {
-    if (path.size() >= sizeof addr.sun_path) return false;
+    if (path.size() >= sizeof addr.sun_path)
+        return false;
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
     memcpy(addr.sun_path, path.c_str(), path.size() + 1);
@@ -64,11 +67,14 @@ int wcfg_msg_eidInit(int eid, const char* /*identity*/) {
 }
 
 int wcfg_msg_serverInit(void) {
-    if (gServerFd >= 0) return 0;
+    if (gServerFd >= 0)
+        return 0;
     ensureDir();
-    if (!endpointAddr(gEid, gServerAddr)) return -1;
+    if (!endpointAddr(gEid, gServerAddr))
+        return -1;
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    if (fd < 0)
+        return -1;
     unlink(gServerAddr.sun_path);
     if (bind(fd, reinterpret_cast<sockaddr*>(&gServerAddr), sizeof gServerAddr) < 0) {
         close(fd);
@@ -82,27 +88,35 @@ int wcfg_msg_serverInit(void) {
 }
 
 void wcfg_msg_serverWakeup(void) {
-    if (gWakeFd < 0) return;
+    if (gWakeFd < 0)
+        return;
     int saved = errno;
     sendto(gWakeFd, "", 0, 0, reinterpret_cast<const sockaddr*>(&gServerAddr), sizeof gServerAddr);
     errno = saved;
 }
 
 int wcfg_msg_serverRecv(void** msg, int timeoutMs, const char* /*file*/, int /*line*/) {
-    if (!msg || gServerFd < 0) return -1;
+    if (!msg || gServerFd < 0)
+        return -1;
     pollfd p{gServerFd, POLLIN, 0};
     int r = poll(&p, 1, timeoutMs > 0 ? timeoutMs : -1);
-    if (r == 0 || (r < 0 && errno != EINTR)) return -1;
+    if (r == 0 || (r < 0 && errno != EINTR))
+        return -1;
     // Take the next real message; empty datagrams are wake-ups and a wait
     // that a signal interrupted ends with -1 once they are drained.
     std::vector<char> buf(WCFG_MSG_MAX_SIZE);
     for (;;) {
         ssize_t n = recv(gServerFd, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0) return -1;
-        if (n == 0) continue;
-        if (n < static_cast<ssize_t>(sizeof(uint32_t))) return -1;
-        void* out = malloc(n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)) ? sizeof(wcfgMsgHdr_t) : n);
-        if (!out) return -1;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            continue;
+        if (n < static_cast<ssize_t>(sizeof(uint32_t)))
+            return -1;
+        void* out =
+            malloc(n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)) ? sizeof(wcfgMsgHdr_t) : n);
+        if (!out)
+            return -1;
         memset(out, 0, sizeof(wcfgMsgHdr_t));
         memcpy(out, buf.data(), n);
         *msg = out;
@@ -112,33 +126,41 @@ int wcfg_msg_serverRecv(void** msg, int timeoutMs, const char* /*file*/, int /*l
 
 int wcfg_msg_send(int dstEid, const void* msg, size_t length) {
     sockaddr_un addr;
-    if (!msg || !endpointAddr(dstEid, addr)) return WCFG_INVALID_EID;
+    if (!msg || !endpointAddr(dstEid, addr))
+        return WCFG_INVALID_EID;
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return WCFG_INTERNAL_ERROR;
+    if (fd < 0)
+        return WCFG_INTERNAL_ERROR;
     int rc = sendTo(fd, addr, msg, length);
     close(fd);
     return rc == 0 ? 0 : WCFG_INVALID_EID;
 }
 
 int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
-    if (!request || !reply) return WCFG_INVALID_ARGUMENTS;
+    if (!request || !reply)
+        return WCFG_INVALID_ARGUMENTS;
     const auto* hdr = static_cast<const wcfgMsgHdr_t*>(request);
     size_t len = sizeof(wcfgMsgHdr_t) + hdr->length;
-    if (len > WCFG_MSG_MAX_SIZE) return WCFG_INVALID_ARGUMENTS;
-    std::vector<char> msg(static_cast<const char*>(request), static_cast<const char*>(request) + len);
+    if (len > WCFG_MSG_MAX_SIZE)
+        return WCFG_INVALID_ARGUMENTS;
+    std::vector<char> msg(static_cast<const char*>(request),
+                          static_cast<const char*>(request) + len);
     auto* out = reinterpret_cast<wcfgMsgHdr_t*>(msg.data());
     uint32_t seq = gSeq++;
     out->seq = seq;
 
     sockaddr_un dst;
-    if (!endpointAddr(hdr->dstEid, dst)) return WCFG_INVALID_EID;
+    if (!endpointAddr(hdr->dstEid, dst))
+        return WCFG_INVALID_EID;
     ensureDir();
     static std::atomic<unsigned> counter{0};
     sockaddr_un self;
-    if (!makeAddr(busDir() + "/c." + std::to_string(getpid()) + "." + std::to_string(counter++), self))
+    if (!makeAddr(busDir() + "/c." + std::to_string(getpid()) + "." + std::to_string(counter++),
+                  self))
         return WCFG_INTERNAL_ERROR;
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return WCFG_INTERNAL_ERROR;
+    if (fd < 0)
+        return WCFG_INTERNAL_ERROR;
     unlink(self.sun_path);
     if (bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof self) < 0) {
         close(fd);
@@ -166,18 +188,25 @@ int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
     std::vector<char> buf(WCFG_MSG_MAX_SIZE);
     for (;;) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now()).count();
-        if (left <= 0) break;
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0)
+            break;
         pollfd p{fd, POLLIN, 0};
         int r = poll(&p, 1, static_cast<int>(left));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) break;
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
         ssize_t n = recv(fd, buf.data(), buf.size(), 0);
-        if (n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t))) continue;
+        if (n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)))
+            continue;
         auto* rh = reinterpret_cast<wcfgMsgHdr_t*>(buf.data());
-        if (rh->seq != seq) continue;
+        if (rh->seq != seq)
+            continue;
         void* copy = malloc(n + 1);
-        if (!copy) break;
+        if (!copy)
+            break;
         memcpy(copy, buf.data(), n);
         static_cast<char*>(copy)[n] = '\0';
         *reply = copy;
@@ -193,21 +222,27 @@ namespace wcfg {
 void notifyDataModelChanged() {
     std::string dir = busDir();
     DIR* d = opendir(dir.c_str());
-    if (!d) return;
+    if (!d)
+        return;
     wcfgMsgHdr_t hdr{};
     hdr.type = WCFG_MSG_DATA_MODEL_CHANGED;
     hdr.srcEid = 1;
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     while (fd >= 0) {
         dirent* e = readdir(d);
-        if (!e) break;
-        if (strncmp(e->d_name, "eid.", 4) != 0) continue;
+        if (!e)
+            break;
+        if (strncmp(e->d_name, "eid.", 4) != 0)
+            continue;
         sockaddr_un addr;
-        if (!makeAddr(dir + "/" + e->d_name, addr)) continue;
+        if (!makeAddr(dir + "/" + e->d_name, addr))
+            continue;
         hdr.dstEid = static_cast<uint8_t>(atoi(e->d_name + 4));
-        if (sendTo(fd, addr, &hdr, sizeof hdr) == -ECONNREFUSED) unlink(addr.sun_path);
+        if (sendTo(fd, addr, &hdr, sizeof hdr) == -ECONNREFUSED)
+            unlink(addr.sun_path);
     }
-    if (fd >= 0) close(fd);
+    if (fd >= 0)
+        close(fd);
     closedir(d);
 }
 

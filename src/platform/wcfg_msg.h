@@ -14,9 +14,9 @@ struct wcfgMsgHdr_t {
     uint8_t srcEid;
     uint8_t dstEid;
     uint16_t flags;
-    uint32_t length;    // payload length
-    uint32_t seq;       // echoed by the replier
-    int32_t statCode;   // reply kind: 0 JSON payload, 1 success without reply, <0 error
+    uint32_t length;   // payload length
+    uint32_t seq;      // echoed by the replier
+    int32_t statCode;  // reply kind: 0 JSON payload, 1 success without reply, <0 error
     char ifName[28];
     uint8_t reserved[8];
 };

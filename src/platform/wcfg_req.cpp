@@ -21,7 +21,9 @@
 
 namespace standin {
 
-std::string journalPath() { return platformPath("/var/log/standin/journal.log"); }
+std::string journalPath() {
+    return platformPath("/var/log/standin/journal.log");
+}
 
 void journal(json_object* entry) {
     static std::mutex m;
@@ -43,13 +45,15 @@ bool sha256(const std::string& data, unsigned char out[32]) {
     return EVP_Digest(data.data(), data.size(), out, &len, EVP_sha256(), nullptr) == 1 && len == 32;
 }
 
-std::string makeImage(const std::string& model, const std::string& version, const std::string& body) {
+std::string makeImage(const std::string& model, const std::string& version,
+                      const std::string& body) {
     std::string img(kImageHeaderSize, '\0');
     memcpy(&img[0], kImageMagic, 8);
     memcpy(&img[8], model.data(), std::min<size_t>(model.size(), 15));
     memcpy(&img[24], version.data(), std::min<size_t>(version.size(), 31));
     uint64_t n = body.size();
-    for (int i = 0; i < 8; ++i) img[56 + i] = static_cast<char>(n >> (8 * i));
+    for (int i = 0; i < 8; ++i)
+        img[56 + i] = static_cast<char>(n >> (8 * i));
     unsigned char digest[32];
     sha256(body, digest);
     memcpy(&img[64], digest, 32);
@@ -58,15 +62,20 @@ std::string makeImage(const std::string& model, const std::string& version, cons
 
 int checkImage(const std::string& file, std::string* version) {
     std::ifstream in(file, std::ios::binary);
-    if (!in) return WCFG_INVALID_IMAGE;
+    if (!in)
+        return WCFG_INVALID_IMAGE;
     std::string img((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (img.size() <= kImageHeaderSize || img.compare(0, 8, kImageMagic) != 0) return WCFG_INVALID_IMAGE;
+    if (img.size() <= kImageHeaderSize || img.compare(0, 8, kImageMagic) != 0)
+        return WCFG_INVALID_IMAGE;
     uint64_t n = 0;
-    for (int i = 0; i < 8; ++i) n |= static_cast<uint64_t>(static_cast<unsigned char>(img[56 + i])) << (8 * i);
+    for (int i = 0; i < 8; ++i)
+        n |= static_cast<uint64_t>(static_cast<unsigned char>(img[56 + i])) << (8 * i);
     std::string body = img.substr(kImageHeaderSize);
-    if (n != body.size()) return WCFG_INVALID_IMAGE;
+    if (n != body.size())
+        return WCFG_INVALID_IMAGE;
     unsigned char digest[32];
-    if (!sha256(body, digest) || memcmp(digest, &img[64], 32) != 0) return WCFG_INVALID_IMAGE;
+    if (!sha256(body, digest) || memcmp(digest, &img[64], 32) != 0)
+        return WCFG_INVALID_IMAGE;
     std::string model(img.c_str() + 8, strnlen(img.c_str() + 8, 16));
     objIndex_t iid{};
     json_object* info = nullptr;
@@ -76,7 +85,8 @@ int checkImage(const std::string& file, std::string* version) {
         if (json_object_object_get_ex(info, "ModelName", &m) && model != json_object_get_string(m))
             return WCFG_INVALID_IMAGE;
     }
-    if (version) *version = std::string(img.c_str() + 24, strnlen(img.c_str() + 24, 32));
+    if (version)
+        *version = std::string(img.c_str() + 24, strnlen(img.c_str() + 24, 32));
     return WCFG_SUCCESS;
 }
 
@@ -98,11 +108,13 @@ int wcfgFeReqSend(uint32_t type, const char* payload) {
             bool upgrade = type == WCFG_REQ_UPGRADE;
             json_object_object_add(entry.get(), "req",
                                    json_object_new_string(upgrade ? "upgrade" : "image_check"));
-            json_object_object_add(entry.get(), "image", json_object_new_string(payload ? payload : ""));
+            json_object_object_add(entry.get(), "image",
+                                   json_object_new_string(payload ? payload : ""));
             std::string version;
             rc = payload ? standin::checkImage(payload, &version) : WCFG_INVALID_IMAGE;
             if (rc == WCFG_SUCCESS && upgrade) {
-                json_object_object_add(entry.get(), "version", json_object_new_string(version.c_str()));
+                json_object_object_add(entry.get(), "version",
+                                       json_object_new_string(version.c_str()));
                 std::string dir = platformPath("/data/standin");
                 mkdir(dir.c_str(), 0755);
                 std::ifstream in(payload, std::ios::binary);

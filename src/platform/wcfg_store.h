@@ -22,7 +22,7 @@ uint64_t keyOf(const objIndex_t& iid, int levels);
 std::string instancePath(const wdm::Object& o, const objIndex_t& iid);
 
 class Store {
-public:
+  public:
     // The store of this process's device root, opened on first use.
     static Store& instance();
 
@@ -46,7 +46,7 @@ public:
     std::recursive_mutex& mutex() { return mutex_; }
     bool isOpen() const { return db_ != nullptr; }
 
-private:
+  private:
     Store();
     bool exec(const char* sql);
     bool readRow(int32_t oid, uint64_t key, std::string& vals);

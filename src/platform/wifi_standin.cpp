@@ -38,8 +38,10 @@ int wpsStatus(const std::string& ifName) {
     if (it == gSessions.end() || !it->second.running) {
         // A shortened name (the status poll) matches the interface it begins.
         for (auto& [name, s] : gSessions)
-            if (s.running && name.compare(0, ifName.size(), ifName) == 0) it = gSessions.find(name);
-        if (it == gSessions.end() || !it->second.running) return 0;
+            if (s.running && name.compare(0, ifName.size(), ifName) == 0)
+                it = gSessions.find(name);
+        if (it == gSessions.end() || !it->second.running)
+            return 0;
     }
     auto elapsed = std::chrono::steady_clock::now() - it->second.started;
     return elapsed < std::chrono::seconds(walkSeconds()) ? 1 : 4;
@@ -48,21 +50,24 @@ int wpsStatus(const std::string& ifName) {
 void* makeReply(const wcfgMsgHdr_t& req, int kind, const char* payload) {
     size_t plen = payload ? strlen(payload) + 1 : 0;
     auto* out = static_cast<char*>(calloc(1, sizeof(wcfgMsgHdr_t) + plen + 1));
-    if (!out) return nullptr;
+    if (!out)
+        return nullptr;
     auto* hdr = reinterpret_cast<wcfgMsgHdr_t*>(out);
     *hdr = req;
     hdr->srcEid = req.dstEid;
     hdr->dstEid = req.srcEid;
     hdr->statCode = kind;
     hdr->length = static_cast<uint32_t>(plen);
-    if (plen) memcpy(out + sizeof(wcfgMsgHdr_t), payload, plen);
+    if (plen)
+        memcpy(out + sizeof(wcfgMsgHdr_t), payload, plen);
     return out;
 }
 
 }  // namespace
 
 void* wifiServiceReply(const void* request, size_t length) {
-    if (!request || length < sizeof(wcfgMsgHdr_t)) return nullptr;
+    if (!request || length < sizeof(wcfgMsgHdr_t))
+        return nullptr;
     const auto& req = *static_cast<const wcfgMsgHdr_t*>(request);
     std::string ifName(req.ifName, strnlen(req.ifName, sizeof req.ifName));
     JsonPtr entry(json_object_new_object());

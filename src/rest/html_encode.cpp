@@ -15,12 +15,13 @@ const struct {
 } kEntities[] = {{'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'"', "&quot;"}, {'\'', "&#x27;"}};
 
 // Members whose values are never encoded.
-const char* const kExempt[] = {"Authentication", "BlockChar", "AllowCharList",
+const char* const kExempt[] = {"Authentication",      "BlockChar",          "AllowCharList",
                                "X_OLVEX_Certificate", "X_OLVEX_PrivateKey", "RemoteLogFormat"};
 
 bool exempt(const char* name) {
     for (const char* e : kExempt)
-        if (!strcmp(name, e)) return true;
+        if (!strcmp(name, e))
+            return true;
     return false;
 }
 
@@ -42,26 +43,32 @@ bool encodeText(std::string& s) {
 }  // namespace
 
 void wHttpHtmlEncode(json_object* value) {
-    if (gWhttpd.htmlEncode != 1 || !value) return;
+    if (gWhttpd.htmlEncode != 1 || !value)
+        return;
     if (json_object_is_type(value, json_type_array)) {
         size_t n = json_object_array_length(value);
         for (size_t i = 0; i < n; ++i) {
             json_object* el = json_object_array_get_idx(value, i);
             // Strings directly in an array are left alone.
-            if (json_object_is_type(el, json_type_object) || json_object_is_type(el, json_type_array))
+            if (json_object_is_type(el, json_type_object) ||
+                json_object_is_type(el, json_type_array))
                 wHttpHtmlEncode(el);
         }
         return;
     }
-    if (!json_object_is_type(value, json_type_object)) return;
+    if (!json_object_is_type(value, json_type_object))
+        return;
     json_object_object_foreach(value, name, member) {
-        if (json_object_is_type(member, json_type_object) || json_object_is_type(member, json_type_array)) {
+        if (json_object_is_type(member, json_type_object) ||
+            json_object_is_type(member, json_type_array)) {
             wHttpHtmlEncode(member);
             continue;
         }
-        if (!json_object_is_type(member, json_type_string) || exempt(name)) continue;
+        if (!json_object_is_type(member, json_type_string) || exempt(name))
+            continue;
         std::string text = json_object_get_string(member);
-        if (text.empty() || !encodeText(text)) continue;
+        if (text.empty() || !encodeText(text))
+            continue;
         json_object_object_add(value, name, json_object_new_string(text.c_str()));
     }
 }

@@ -19,16 +19,20 @@ namespace {
 const char* const kUserLogin = "UserLogin";
 
 bool modifying(const char* method) {
-    return method && (!strcmp(method, "POST") || !strcmp(method, "PUT") || !strcmp(method, "DELETE"));
+    return method &&
+           (!strcmp(method, "POST") || !strcmp(method, "PUT") || !strcmp(method, "DELETE"));
 }
 
 // Whether the caller's session holds `key`.  Sessions come with logins; until
 // a login entry exists no key matches.
-bool sessionHoldsKey(CgHttpRequest* /*request*/, int32_t /*key*/) { return false; }
+bool sessionHoldsKey(CgHttpRequest* /*request*/, int32_t /*key*/) {
+    return false;
+}
 
 int keyCheck(CgHttpRequest* request) {
     const char* key = cg_http_request_getparam(request, "sessionkey");
-    if (!key) return 0;
+    if (!key)
+        return 0;
     return sessionHoldsKey(request, atoi(key)) ? 1 : 0;
 }
 }  // namespace
@@ -38,20 +42,25 @@ WHttpReqCtx* wHttpReqCtx(CgHttpRequest* request) {
 }
 
 int wHttpCheckSessionKey(const char* uriName, CgHttpRequest* request) {
-    if (uriName && !strcmp(uriName, kUserLogin)) return 1;
-    if (!modifying(cg_http_request_getmethod(request))) return 1;
+    if (uriName && !strcmp(uriName, kUserLogin))
+        return 1;
+    if (!modifying(cg_http_request_getmethod(request)))
+        return 1;
     return keyCheck(request);
 }
 
 int wHttpCheckDeviceActionSessionKey(const char* uriName, CgHttpRequest* request) {
-    if (uriName && !strcmp(uriName, kUserLogin)) return 0;
+    if (uriName && !strcmp(uriName, kUserLogin))
+        return 0;
     const char* method = cg_http_request_getmethod(request);
-    if (!method || (strcmp(method, "POST") && strcmp(method, "PUT"))) return 0;
+    if (!method || (strcmp(method, "POST") && strcmp(method, "PUT")))
+        return 0;
     return keyCheck(request);
 }
 
 void wHttpdSessionFailHandle(const char* result, CgHttpRequest* request) {
-    if (!result) result = "unknown";
+    if (!result)
+        result = "unknown";
     wos_pk("%s() authResult=%s\n", __func__, result);
     int status = 401;
     if (!strcmp(result, "Timeout"))
@@ -85,7 +94,8 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
     const char* uri = cg_http_request_geturi(request);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() fullUri=%s\n", __func__, uri);
     // The first five characters ("/api/") are not examined.
-    if (!uri || strlen(uri) < 8 || strncmp(uri + 5, "v1/", 3) != 0) return;
+    if (!uri || strlen(uri) < 8 || strncmp(uri + 5, "v1/", 3) != 0)
+        return;
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "use restApiHandler_v1\n");
     const char* name = uri + 8;
     if (strcmp(name, kUserLogin) != 0) {

@@ -9,30 +9,36 @@
 #include "timer/uitimer.h"
 
 int wHttpSetOperStatus(json_object* doc, const char* text) {
-    if (!doc) return -1;
+    if (!doc)
+        return -1;
     return json_object_object_add(doc, "oper_status", json_object_new_string(text ? text : ""));
 }
 
 void wHttpSetObject(json_object* doc, json_object* value) {
-    if (doc && value) json_object_object_add(doc, "Object", value);
+    if (doc && value)
+        json_object_object_add(doc, "Object", value);
 }
 
 void wHttpArrayAppend(json_object* array, json_object* value) {
-    if (array && value) json_object_array_add(array, value);
+    if (array && value)
+        json_object_array_add(array, value);
 }
 
 void wHttpSetRequestedPath(json_object* doc, const char* path) {
-    if (doc && path) json_object_object_add(doc, "requested_path", json_object_new_string(path));
+    if (doc && path)
+        json_object_object_add(doc, "requested_path", json_object_new_string(path));
 }
 
 void wHttpSetMethodList(json_object* doc, json_object* value) {
-    if (doc && value) json_object_object_add(doc, "MethodList", value);
+    if (doc && value)
+        json_object_object_add(doc, "MethodList", value);
 }
 
 namespace {
 
 bool isModifying(const char* method) {
-    return method && (!strcmp(method, "PUT") || !strcmp(method, "POST") || !strcmp(method, "DELETE"));
+    return method &&
+           (!strcmp(method, "PUT") || !strcmp(method, "POST") || !strcmp(method, "DELETE"));
 }
 
 // A new session key: the nanoseconds of the monotonic clock (0 after ten
@@ -41,7 +47,8 @@ int32_t newSessionKey() {
     UITime t{};
     for (int i = 0; i < 10; ++i) {
         getMonotonicTime(&t);
-        if (t.usec != 0) return static_cast<int32_t>(t.usec);
+        if (t.usec != 0)
+            return static_cast<int32_t>(t.usec);
     }
     return 0;
 }
@@ -61,7 +68,8 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
     if (gWhttpd.htmlEncode == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
         wHttpHtmlEncode(object);
     if (renewSessionKey && isModifying(cg_http_request_getmethod(request))) {
-        if (!doc) doc = json_object_new_object();
+        if (!doc)
+            doc = json_object_new_object();
         if (json_object_is_type(doc, json_type_object)) {
             int32_t key = newSessionKey();
             storeSessionKey(request, key);
@@ -72,7 +80,8 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
     if (doc)
         text = gWhttpd.compactOutput ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
                                      : json_object_to_json_string(doc);
-    if (text.find("WCFG_INVALID_IMAGE") != std::string::npos) cg_http_response_setstatuscode(response, 400);
+    if (text.find("WCFG_INVALID_IMAGE") != std::string::npos)
+        cg_http_response_setstatuscode(response, 400);
     if (!chunked) {
         cg_http_response_setcontent(response, text.data(), text.size());
         cg_http_response_setheader(response, "Content-Length", std::to_string(text.size()).c_str());
@@ -83,6 +92,7 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
         cg_http_request_postchunkeddata(request, text.data(), text.size());
         cg_http_request_postlastchunk(request);
     }
-    if (doc) json_object_put(doc);
+    if (doc)
+        json_object_put(doc);
     cg_http_response_delete(response);
 }

@@ -51,19 +51,24 @@ int32_t resolve(const std::string& target, objIndex_t& iid, bool forAdd) {
         size_t dot = target.find('.');
         int32_t oid = wdm::model().idOf(target.substr(0, dot));
         const wdm::Object* o = wdm::model().byId(oid);
-        if (!o) return -1;
+        if (!o)
+            return -1;
         while (dot != std::string::npos && iid.level < 6) {
             size_t next = target.find('.', dot + 1);
-            std::string n = target.substr(dot + 1, next == std::string::npos ? next : next - dot - 1);
-            if (!n.empty()) iid.idx[iid.level++] = static_cast<uint8_t>(atoi(n.c_str()));
+            std::string n =
+                target.substr(dot + 1, next == std::string::npos ? next : next - dot - 1);
+            if (!n.empty())
+                iid.idx[iid.level++] = static_cast<uint8_t>(atoi(n.c_str()));
             dot = next;
         }
-        if (forAdd && iid.level + 1 == o->depth) iid.idx[iid.level++] = 0;
+        if (forAdd && iid.level + 1 == o->depth)
+            iid.idx[iid.level++] = 0;
         return oid;
     }
     std::string path = target;
     if (forAdd) {
-        if (path.empty() || path.back() != '.') path += '.';
+        if (path.empty() || path.back() != '.')
+            path += '.';
         path += 'i';
     }
     return wcfgFeObjNameToObjId(path.c_str(), &iid);
@@ -79,18 +84,21 @@ json_object* parseJson(const char* text) {
 }
 
 void printJson(json_object* v) {
-    printf("%s\n", json_object_to_json_string_ext(v, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
+    printf("%s\n", json_object_to_json_string_ext(
+                       v, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
 }
 
 int cmdGet(const std::string& target) {
     objIndex_t iid;
     int32_t oid = resolve(target, iid, false);
     const wdm::Object* o = wdm::model().byId(oid);
-    if (!o) return fail("no such object");
+    if (!o)
+        return fail("no such object");
     json_object* out = nullptr;
     if (iid.level == o->depth) {
         int rc = wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &out);
-        if (rc) return fail("get failed", rc);
+        if (rc)
+            return fail("get failed", rc);
         JsonPtr owned(out);
         printJson(out);
         return 0;
@@ -114,9 +122,11 @@ int cmdGet(const std::string& target) {
 int cmdSet(const std::string& target, const char* json) {
     objIndex_t iid;
     int32_t oid = resolve(target, iid, false);
-    if (oid < 0) return fail("no such object");
+    if (oid < 0)
+        return fail("no such object");
     JsonPtr values(parseJson(json));
-    if (!values) return fail("values must be a JSON object");
+    if (!values)
+        return fail("values must be a JSON object");
     int rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
     return rc ? fail("set failed", rc) : 0;
 }
@@ -125,11 +135,14 @@ int cmdAdd(const std::string& target, const char* json) {
     objIndex_t iid;
     int32_t oid = resolve(target, iid, true);
     const wdm::Object* o = wdm::model().byId(oid);
-    if (!o) return fail("no such object");
+    if (!o)
+        return fail("no such object");
     JsonPtr values;
-    if (json && !(values = JsonPtr(parseJson(json)))) return fail("values must be a JSON object");
+    if (json && !(values = JsonPtr(parseJson(json))))
+        return fail("values must be a JSON object");
     int rc = wcfg::Store::instance().add(oid, &iid);
-    if (rc) return fail("add failed", rc);
+    if (rc)
+        return fail("add failed", rc);
     if (values) {
         rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
         if (rc) {
@@ -144,7 +157,8 @@ int cmdAdd(const std::string& target, const char* json) {
 int cmdDel(const std::string& target) {
     objIndex_t iid;
     int32_t oid = resolve(target, iid, false);
-    if (oid < 0) return fail("no such object");
+    if (oid < 0)
+        return fail("no such object");
     int rc = wcfg::Store::instance().del(oid, &iid);
     return rc ? fail("delete failed", rc) : 0;
 }
@@ -156,7 +170,8 @@ int cmdPasswd(const char* user, const char* password) {
     while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr owned(obj);
         json_object* name = nullptr;
-        if (json_object_object_get_ex(obj, "Username", &name) && !strcmp(json_object_get_string(name), user)) {
+        if (json_object_object_get_ex(obj, "Username", &name) &&
+            !strcmp(json_object_get_string(name), user)) {
             JsonPtr values(json_object_new_object());
             json_object_object_add(values.get(), "Password", json_object_new_string(password));
             int rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
@@ -174,13 +189,15 @@ int cmdRequests(bool clear) {
     }
     std::ifstream in(file);
     std::string line;
-    while (std::getline(in, line)) printf("%s\n", line.c_str());
+    while (std::getline(in, line))
+        printf("%s\n", line.c_str());
     return 0;
 }
 
 int cmdMkimage(const char* file, const char* version, const char* model) {
     std::string body = "OLVEX firmware " + std::string(version) + "\n";
-    for (int i = 0; i < 4096; ++i) body += static_cast<char>('a' + i % 26);
+    for (int i = 0; i < 4096; ++i)
+        body += static_cast<char>('a' + i % 26);
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out << standin::makeImage(model ? model : "NX5150", version, body);
     return out ? 0 : fail("cannot write the image");
@@ -190,7 +207,8 @@ int cmdMkimage(const char* file, const char* version, const char* model) {
 
 int main(int argc, char** argv) {
     int tool = standin::runTool(argc, argv);
-    if (tool >= 0) return tool;
+    if (tool >= 0)
+        return tool;
     if (argc < 2) {
         fputs(kUsage, stderr);
         return 2;
@@ -200,18 +218,25 @@ int main(int argc, char** argv) {
     if (cmd == "init" && argc == 2) {
         char self[PATH_MAX];
         ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        if (n <= 0) return fail("cannot find this program");
+        if (n <= 0)
+            return fail("cannot find this program");
         self[n] = '\0';
         std::string err;
-        if (!provision::initDeviceRoot(self, err)) return fail(err.c_str());
+        if (!provision::initDeviceRoot(self, err))
+            return fail(err.c_str());
         printf("device root ready: %s\n", platformRoot().c_str());
         return 0;
     }
-    if (cmd == "get" && argc == 3) return cmdGet(argv[2]);
-    if (cmd == "set" && argc == 4) return cmdSet(argv[2], argv[3]);
-    if (cmd == "add" && (argc == 3 || argc == 4)) return cmdAdd(argv[2], argc == 4 ? argv[3] : nullptr);
-    if (cmd == "del" && argc == 3) return cmdDel(argv[2]);
-    if (cmd == "passwd" && argc == 4) return cmdPasswd(argv[2], argv[3]);
+    if (cmd == "get" && argc == 3)
+        return cmdGet(argv[2]);
+    if (cmd == "set" && argc == 4)
+        return cmdSet(argv[2], argv[3]);
+    if (cmd == "add" && (argc == 3 || argc == 4))
+        return cmdAdd(argv[2], argc == 4 ? argv[3] : nullptr);
+    if (cmd == "del" && argc == 3)
+        return cmdDel(argv[2]);
+    if (cmd == "passwd" && argc == 4)
+        return cmdPasswd(argv[2], argv[3]);
     if (cmd == "reset" && argc == 2) {
         int rc = wcfgFeReqSend(WCFG_REQ_RESET, nullptr);
         return rc ? fail("reset failed", rc) : 0;
@@ -226,7 +251,8 @@ int main(int argc, char** argv) {
     }
     if (cmd == "requests" && (argc == 2 || (argc == 3 && !strcmp(argv[2], "--clear"))))
         return cmdRequests(argc == 3);
-    if (cmd == "mkimage" && (argc == 4 || argc == 5)) return cmdMkimage(argv[2], argv[3], argc == 5 ? argv[4] : nullptr);
+    if (cmd == "mkimage" && (argc == 4 || argc == 5))
+        return cmdMkimage(argv[2], argv[3], argc == 5 ? argv[4] : nullptr);
     fputs(kUsage, stderr);
     return 2;
 }

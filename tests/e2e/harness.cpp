@@ -29,15 +29,19 @@ std::string slurp(const std::string& file) {
 pid_t spawn(const std::vector<std::string>& argv, const std::string& root, const std::string& out,
             const std::string& err) {
     pid_t pid = fork();
-    if (pid != 0) return pid;
+    if (pid != 0)
+        return pid;
     setenv("WHTTPD_ROOT", root.c_str(), 1);
     setenv("WHTTPD_SECOND_MS", "10", 1);
     int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (o >= 0) dup2(o, 1);
-    if (e >= 0) dup2(e, 2);
+    if (o >= 0)
+        dup2(o, 1);
+    if (e >= 0)
+        dup2(e, 2);
     std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
     execv(args[0], args.data());
     _exit(127);
@@ -48,9 +52,12 @@ int waitStatus(pid_t pid, int timeoutMs) {
     for (;;) {
         int status = 0;
         pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (r < 0) return -1;
-        if (std::chrono::steady_clock::now() > end) return -1000;
+        if (r == pid)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0)
+            return -1;
+        if (std::chrono::steady_clock::now() > end)
+            return -1000;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
@@ -66,7 +73,8 @@ DeviceRoot::DeviceRoot() {
     char tmpl[] = "/tmp/whttpd-e2e-XXXXXX";
     dir_ = mkdtemp(tmpl);
     std::string out;
-    if (wcfgctl({"init"}, &out) != 0) dir_.clear();
+    if (wcfgctl({"init"}, &out) != 0)
+        dir_.clear();
 }
 
 DeviceRoot::~DeviceRoot() {
@@ -83,12 +91,17 @@ int DeviceRoot::wcfgctl(const std::vector<std::string>& args, std::string* out) 
     std::string o = dir_ + "/.wcfgctl.out", e = dir_ + "/.wcfgctl.err";
     pid_t pid = spawn(argv, dir_, o, e);
     int rc = waitStatus(pid, 60000);
-    if (out) *out = slurp(o);
+    if (out)
+        *out = slurp(o);
     return rc;
 }
 
-std::string DeviceRoot::read(const std::string& abs) const { return slurp(path(abs)); }
-bool DeviceRoot::exists(const std::string& abs) const { return access(path(abs).c_str(), F_OK) == 0; }
+std::string DeviceRoot::read(const std::string& abs) const {
+    return slurp(path(abs));
+}
+bool DeviceRoot::exists(const std::string& abs) const {
+    return access(path(abs).c_str(), F_OK) == 0;
+}
 
 Daemon::~Daemon() {
     if (pid_ > 0) {
@@ -133,29 +146,38 @@ bool Daemon::waitReady(int port, int timeoutMs) {
 }
 
 int Daemon::stop(int sig, int timeoutMs) {
-    if (pid_ <= 0) return -1;
+    if (pid_ <= 0)
+        return -1;
     kill(pid_, sig);
     return wait(timeoutMs);
 }
 
 int Daemon::wait(int timeoutMs) {
-    if (pid_ <= 0) return -1;
+    if (pid_ <= 0)
+        return -1;
     int rc = waitStatus(pid_, timeoutMs);
-    if (rc != -1000) pid_ = -1;
+    if (rc != -1000)
+        pid_ = -1;
     return rc;
 }
 
 void Daemon::signal(int sig) const {
-    if (pid_ > 0) kill(pid_, sig);
+    if (pid_ > 0)
+        kill(pid_, sig);
 }
 
-std::string Daemon::out() const { return slurp(outFile_); }
-std::string Daemon::err() const { return slurp(errFile_); }
+std::string Daemon::out() const {
+    return slurp(outFile_);
+}
+std::string Daemon::err() const {
+    return slurp(errFile_);
+}
 
 bool Daemon::waitForOutput(const std::string& text, int timeoutMs) const {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (std::chrono::steady_clock::now() < end) {
-        if (out().find(text) != std::string::npos || err().find(text) != std::string::npos) return true;
+        if (out().find(text) != std::string::npos || err().find(text) != std::string::npos)
+            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
@@ -165,21 +187,25 @@ Reply https(const std::string& method, const std::string& url, const std::string
             const std::vector<std::string>& headers, const std::string& local) {
     Reply r;
     CURL* c = curl_easy_init();
-    if (!c) return r;
+    if (!c)
+        return r;
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, method.c_str());
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 0L);
     curl_easy_setopt(c, CURLOPT_TIMEOUT, 30L);
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    if (!local.empty()) curl_easy_setopt(c, CURLOPT_INTERFACE, local.c_str());
+    if (!local.empty())
+        curl_easy_setopt(c, CURLOPT_INTERFACE, local.c_str());
     if (!body.empty() || method == "POST" || method == "PUT") {
         curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
         curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
     }
     curl_slist* list = nullptr;
-    for (const auto& h : headers) list = curl_slist_append(list, h.c_str());
-    if (list) curl_easy_setopt(c, CURLOPT_HTTPHEADER, list);
+    for (const auto& h : headers)
+        list = curl_slist_append(list, h.c_str());
+    if (list)
+        curl_easy_setopt(c, CURLOPT_HTTPHEADER, list);
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &r.body);
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collect);

@@ -11,7 +11,7 @@ namespace e2e {
 
 // A device root prepared by `wcfgctl init` in a temporary directory.
 class DeviceRoot {
-public:
+  public:
     DeviceRoot();
     ~DeviceRoot();
     const std::string& dir() const { return dir_; }
@@ -21,13 +21,13 @@ public:
     std::string read(const std::string& abs) const;
     bool exists(const std::string& abs) const;
 
-private:
+  private:
     std::string dir_;
 };
 
 // The daemon, started as a child process.
 class Daemon {
-public:
+  public:
     ~Daemon();
     // Starts build/whttpd_rest with `args` in `root`; a platform second lasts
     // 10 ms so that the certificate wait passes quickly.
@@ -45,7 +45,7 @@ public:
     // Waits until standard output or error contains `text`.
     bool waitForOutput(const std::string& text, int timeoutMs = 10000) const;
 
-private:
+  private:
     pid_t pid_ = -1;
     std::string outFile_, errFile_;
 };

@@ -21,23 +21,26 @@ std::string url(int port, const std::string& path, const std::string& host = "12
 std::string run(const std::string& cmd) {
     std::string out;
     FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return out;
+    if (!p)
+        return out;
     char buf[512];
     size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        out.append(buf, n);
     pclose(p);
     return out;
 }
 
 bool pairMatches(const DeviceRoot& root) {
     std::string a = run("openssl x509 -noout -modulus -in " + root.path("/data/CA/newreq.crt"));
-    std::string b = run("openssl rsa -noout -modulus -in " + root.path("/data/CA/newreq.key") + " 2>/dev/null");
+    std::string b =
+        run("openssl rsa -noout -modulus -in " + root.path("/data/CA/newreq.key") + " 2>/dev/null");
     return !a.empty() && a == b;
 }
 
 void makePair(const std::string& key, const std::string& cert) {
-    std::string cmd = "openssl req -newkey rsa:2048 -nodes -keyout " + key + " -x509 -days 1 -out " +
-                      cert + " -subj /CN=test 2>/dev/null";
+    std::string cmd = "openssl req -newkey rsa:2048 -nodes -keyout " + key +
+                      " -x509 -days 1 -out " + cert + " -subj /CN=test 2>/dev/null";
     ASSERT_EQ(0, system(cmd.c_str()));
 }
 
@@ -48,14 +51,17 @@ TEST(Startup, NewRootGeneratesCertificateServesHttpsAndStopsCleanly) {
     ASSERT_FALSE(root.dir().empty());
     int port = e2e::freePort();
     Daemon d;
-    ASSERT_TRUE(d.start(root, {"-p", "80", "-s", std::to_string(port), "-P", root.path("/var/run/extra.pid")}));
+    ASSERT_TRUE(d.start(
+        root, {"-p", "80", "-s", std::to_string(port), "-P", root.path("/var/run/extra.pid")}));
     ASSERT_TRUE(d.waitReady(port)) << d.out() << d.err();
 
     // No pair and no companion script: five waits, then a pair of its own.
     std::string out = d.out();
-    EXPECT_NE(std::string::npos, out.find("cert file not ready, and whttpd doesn's exist... count=5/5"));
+    EXPECT_NE(std::string::npos,
+              out.find("cert file not ready, and whttpd doesn's exist... count=5/5"));
     EXPECT_EQ(std::string::npos, out.find("re-generate CA"));
-    EXPECT_NE(std::string::npos, out.find("Initial http with port(" + std::to_string(port) + "), SSL enable."));
+    EXPECT_NE(std::string::npos,
+              out.find("Initial http with port(" + std::to_string(port) + "), SSL enable."));
     EXPECT_TRUE(pairMatches(root));
     EXPECT_TRUE(root.exists("/var/public_key.pem"));
 
@@ -129,7 +135,8 @@ TEST(Startup, OptionsAndMissingFiles) {
     {
         // A schema that is not JSON is the same failure.
         ASSERT_EQ(0, system(("cp " + root.path("/etc/wcfg_REST_API_schema.json") + " " +
-                             root.path("/etc/schema.saved")).c_str()));
+                             root.path("/etc/schema.saved"))
+                                .c_str()));
         FILE* f = fopen(root.path("/etc/wcfg_REST_API_schema.json").c_str(), "w");
         fputs("{\"Device\": ", f);
         fclose(f);
@@ -163,7 +170,8 @@ TEST(Startup, BusNoticeSignalsAndStoreAcrossRestart) {
     EXPECT_TRUE(d.waitForOutput("data model change, update login timer."));
 
     // An applied write from wcfgctl while the daemon runs notifies it too.
-    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\": 2}"}));
+    ASSERT_EQ(
+        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\": 2}"}));
     std::string added;
     ASSERT_EQ(0, root.wcfgctl({"add", "Device.NAT.PortMapping.",
                                "{\"Enable\": true, \"ExternalPort\": 2222, \"InternalPort\": 22, "

@@ -36,14 +36,17 @@ TEST(HtmlEncode, EntitiesExemptionsAndNesting) {
     EXPECT_EQ(R"({"Name":"a&lt;b"})", encoded(R"({"Name":"a<b"})"));
     EXPECT_EQ(R"({"Name":"&amp;&lt;"})", encoded(R"({"Name":"&<"})"));
     EXPECT_EQ(R"({"Name":"&quot;x&#x27;&gt;"})", encoded(R"({"Name":"\"x'>"})"));
-    EXPECT_EQ(R"({"BlockChar":"<","AllowCharList":"&"})", encoded(R"({"BlockChar":"<","AllowCharList":"&"})"));
+    EXPECT_EQ(R"({"BlockChar":"<","AllowCharList":"&"})",
+              encoded(R"({"BlockChar":"<","AllowCharList":"&"})"));
     // Strings directly in an array stay; objects in arrays are encoded.
     EXPECT_EQ(R"(["<",{"A":"&lt;"}])", encoded(R"(["<",{"A":"<"}])"));
-    EXPECT_EQ(R"({"T":[{"B":{"C":"&gt;"}}],"N":5,"E":""})", encoded(R"({"T":[{"B":{"C":">"}}],"N":5,"E":""})"));
+    EXPECT_EQ(R"({"T":[{"B":{"C":"&gt;"}}],"N":5,"E":""})",
+              encoded(R"({"T":[{"B":{"C":">"}}],"N":5,"E":""})"));
     // Switched off: nothing changes.
     JsonPtr v(json_tokener_parse(R"({"Name":"a<b"})"));
     wHttpHtmlEncode(v.get());
-    EXPECT_STREQ(R"({"Name":"a<b"})", json_object_to_json_string_ext(v.get(), JSON_C_TO_STRING_PLAIN));
+    EXPECT_STREQ(R"({"Name":"a<b"})",
+                 json_object_to_json_string_ext(v.get(), JSON_C_TO_STRING_PLAIN));
 }
 
 TEST(ReturnCodes, OperStatusTexts) {
@@ -56,8 +59,9 @@ TEST(ReturnCodes, OperStatusTexts) {
     EXPECT_EQ("The object cannot be added or deleted", status(WCFG_INS_CREATE_ERR));
     EXPECT_EQ("Invalid HTTP content format", status(WCFG_INVALID_FORMAT));
     // Everything else, informational codes included, is a bad value.
-    for (int code : std::initializer_list<int>{WCFG_SET_READ_ONLY_PARAM, WCFG_INVALID_PARAM_VALUE, WCFG_SUCCESS_AND_NO_REPLY,
-                     WCFG_NO_MORE_INSTANCE, WCFG_DELAY_APPLY, WCFG_TIMEOUT, 99})
+    for (int code : std::initializer_list<int>{WCFG_SET_READ_ONLY_PARAM, WCFG_INVALID_PARAM_VALUE,
+                                               WCFG_SUCCESS_AND_NO_REPLY, WCFG_NO_MORE_INSTANCE,
+                                               WCFG_DELAY_APPLY, WCFG_TIMEOUT, 99})
         EXPECT_EQ("Invalid parameter value", status(code)) << code;
     EXPECT_EQ(-1, wHttpSetOperStatusByWcfgRet(nullptr, 0));
     EXPECT_STREQ("WCFG_RET_OFFSET", wHttpRetCodeName(-22));
@@ -71,7 +75,8 @@ TEST(OidNames, SortedCompleteAndSearchable) {
     EXPECT_EQ(nullptr, gOidNameTable[417].name);
     EXPECT_EQ(0u, gOidNameTable[417].id);
     for (int i = 1; i < gOidNameTableRows; ++i)
-        EXPECT_LT(strcmp(gOidNameTable[i - 1].name, gOidNameTable[i].name), 0) << gOidNameTable[i].name;
+        EXPECT_LT(strcmp(gOidNameTable[i - 1].name, gOidNameTable[i].name), 0)
+            << gOidNameTable[i].name;
     for (int i = 0; i < gOidNameTableRows; ++i)
         EXPECT_EQ(static_cast<int32_t>(gOidNameTable[i].id), wHttpOidByName(gOidNameTable[i].name));
     EXPECT_EQ(63828, wHttpOidByName("RDM_OID_A_P_P_U_I_CUSTOMIZATION"));

@@ -18,33 +18,39 @@
 
 namespace {
 
-int32_t oidOf(const char* name) { return wdm::model().idOf(name); }
+int32_t oidOf(const char* name) {
+    return wdm::model().idOf(name);
+}
 
 class StoreTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         unitTestRoot();
         ASSERT_EQ(0, wcfg::Store::instance().resetToDefaults());
     }
     static objIndex_t rec(std::initializer_list<int> idx) {
         objIndex_t r{};
-        for (int i : idx) r.idx[r.level++] = static_cast<uint8_t>(i);
+        for (int i : idx)
+            r.idx[r.level++] = static_cast<uint8_t>(i);
         return r;
     }
     static int set(const char* path, const char* json) {
         objIndex_t iid;
         int32_t oid = wcfgFeObjNameToObjId(path, &iid);
         JsonPtr v(json_tokener_parse(json));
-        return wcfgFeObjJsonSetWithAdditions(oid, &iid, v.get(), nullptr, WCFG_APPLY_FLAGS, nullptr);
+        return wcfgFeObjJsonSetWithAdditions(oid, &iid, v.get(), nullptr, WCFG_APPLY_FLAGS,
+                                             nullptr);
     }
     static std::string get(const char* path, const char* key) {
         objIndex_t iid;
         int32_t oid = wcfgFeObjNameToObjId(path, &iid);
         json_object* o = nullptr;
-        if (wcfgFeObjJsonGet(oid, &iid, &o) != 0) return "<none>";
+        if (wcfgFeObjJsonGet(oid, &iid, &o) != 0)
+            return "<none>";
         JsonPtr owned(o);
         json_object* v = nullptr;
-        if (!json_object_object_get_ex(o, key, &v)) return "<missing>";
+        if (!json_object_object_get_ex(o, key, &v))
+            return "<missing>";
         return json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN);
     }
 };
@@ -53,25 +59,30 @@ protected:
 
 TEST_F(StoreTest, PathResolution) {
     objIndex_t iid;
-    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"), wcfgFeObjNameToObjId("Device.NAT.PortMapping.3.", &iid));
+    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"),
+              wcfgFeObjNameToObjId("Device.NAT.PortMapping.3.", &iid));
     EXPECT_EQ(1, iid.level);
     EXPECT_EQ(3, iid.idx[0]);
-    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"), wcfgFeObjNameToObjId("Device.NAT.PortMapping.i", &iid));
+    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"),
+              wcfgFeObjNameToObjId("Device.NAT.PortMapping.i", &iid));
     EXPECT_EQ(1, iid.level);
     EXPECT_EQ(0, iid.idx[0]);
-    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"), wcfgFeObjNameToObjId("Device.NAT.PortMapping.", &iid));
+    EXPECT_EQ(oidOf("RDM_OID_NAT_PORT_MAPPING"),
+              wcfgFeObjNameToObjId("Device.NAT.PortMapping.", &iid));
     EXPECT_EQ(0, iid.level);
     EXPECT_EQ(oidOf("RDM_OID_IP_IFACE"), wcfgFeObjNameToObjId("IP.Interface.2", &iid));
     EXPECT_EQ(2, iid.idx[0]);
-    EXPECT_EQ(oidOf("RDM_OID_WIFI_ACCESS_POINT_WPS"), wcfgFeObjNameToObjId("Device.WiFi.AccessPoint.2.WPS.", &iid));
+    EXPECT_EQ(oidOf("RDM_OID_WIFI_ACCESS_POINT_WPS"),
+              wcfgFeObjNameToObjId("Device.WiFi.AccessPoint.2.WPS.", &iid));
     EXPECT_EQ(1, iid.level);
     EXPECT_EQ(oidOf("RDM_OID_VX_LOG_CFG_GP_ACCOUNT"),
               wcfgFeObjNameToObjId("Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.", &iid));
     EXPECT_EQ(2, iid.level);
     EXPECT_EQ(2, iid.idx[0]);
     EXPECT_EQ(1, iid.idx[1]);
-    for (const char* bad : {"Device.DeviceInfo.WanInfo.", "Device.NAT.1.", "Device.NAT.PortMapping.256.",
-                            "Device.Bogus.", "Device.NAT.PortMapping.Enable.", "", "Device.WiFi.Radio.1.2."})
+    for (const char* bad :
+         {"Device.DeviceInfo.WanInfo.", "Device.NAT.1.", "Device.NAT.PortMapping.256.",
+          "Device.Bogus.", "Device.NAT.PortMapping.Enable.", "", "Device.WiFi.Radio.1.2."})
         EXPECT_LT(wcfgFeObjNameToObjId(bad, &iid), 0) << bad;
 }
 
@@ -85,9 +96,9 @@ TEST_F(StoreTest, GapsEndsAndWalks) {
     ASSERT_EQ(0, wcfgFeObjJsonDel(pm, &a, nullptr));
     json_object* o = nullptr;
     objIndex_t r = rec({2});
-    EXPECT_EQ(WCFG_NO_SUCH_OBJECT, wcfgFeObjJsonGet(pm, &r, &o));   // a gap below instance 3
+    EXPECT_EQ(WCFG_NO_SUCH_OBJECT, wcfgFeObjJsonGet(pm, &r, &o));  // a gap below instance 3
     r = rec({4});
-    EXPECT_EQ(WCFG_NO_MORE_INSTANCE, wcfgFeObjJsonGet(pm, &r, &o)); // past the last one
+    EXPECT_EQ(WCFG_NO_MORE_INSTANCE, wcfgFeObjJsonGet(pm, &r, &o));  // past the last one
     r = rec({9, 1});
     EXPECT_EQ(WCFG_NOT_FOUND, wcfgFeObjJsonGet(oidOf("RDM_OID_IP_IFACE_V4_ADDR"), &r, &o));
     r = rec({});
@@ -105,7 +116,8 @@ TEST_F(StoreTest, GapsEndsAndWalks) {
         JsonPtr owned(o);
         json_object* n = nullptr;
         json_object_object_get_ex(o, "Username", &n);
-        names += std::to_string(w.idx[0]) + "." + std::to_string(w.idx[1]) + "=" + json_object_get_string(n) + " ";
+        names += std::to_string(w.idx[0]) + "." + std::to_string(w.idx[1]) + "=" +
+                 json_object_get_string(n) + " ";
     }
     EXPECT_EQ("1.1=supervisor 2.1=admin 3.1=user ", names);
     // From a parent record: its first child.
@@ -126,13 +138,18 @@ TEST_F(StoreTest, WritesAreValidatedAndAllOrNothing) {
     EXPECT_EQ(WCFG_NO_SUCH_PARAMETER, set("Device.NAT.PortMapping.1.", R"({"Bogus": 1})"));
     EXPECT_EQ(WCFG_SET_READ_ONLY_PARAM, set("Device.NAT.PortMapping.1.", R"({"Status": "Error"})"));
     // An unchanged read-only value written back with the rest is accepted.
-    EXPECT_EQ(0, set("Device.NAT.PortMapping.1.", R"({"Status": "Enabled", "Description": "web2"})"));
+    EXPECT_EQ(0,
+              set("Device.NAT.PortMapping.1.", R"({"Status": "Enabled", "Description": "web2"})"));
     EXPECT_EQ("\"web2\"", get("Device.NAT.PortMapping.1.", "Description"));
-    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE, set("Device.NAT.PortMapping.1.", R"({"ExternalPort": 1, "InternalPort": 70000})"));
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE,
+              set("Device.NAT.PortMapping.1.", R"({"ExternalPort": 1, "InternalPort": 70000})"));
     EXPECT_EQ("8080", get("Device.NAT.PortMapping.1.", "ExternalPort"));
-    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE, set("Device.NAT.PortMapping.1.", R"({"Protocol": "SCTP"})"));
-    EXPECT_EQ(WCFG_ERROR_PARAMETER_TYPE, set("Device.NAT.PortMapping.1.", R"({"ExternalPort": "x"})"));
-    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE_LENGTH, set("Device.WiFi.SSID.1.", R"({"SSID": "0123456789012345678901234567890123"})"));
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE,
+              set("Device.NAT.PortMapping.1.", R"({"Protocol": "SCTP"})"));
+    EXPECT_EQ(WCFG_ERROR_PARAMETER_TYPE,
+              set("Device.NAT.PortMapping.1.", R"({"ExternalPort": "x"})"));
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE_LENGTH,
+              set("Device.WiFi.SSID.1.", R"({"SSID": "0123456789012345678901234567890123"})"));
     EXPECT_EQ(0, set("Device.NAT.PortMapping.1.", R"({"Enable": "false", "ExternalPort": "81"})"));
     EXPECT_EQ("false", get("Device.NAT.PortMapping.1.", "Enable"));
     EXPECT_EQ("81", get("Device.NAT.PortMapping.1.", "ExternalPort"));
@@ -212,7 +229,8 @@ TEST_F(StoreTest, AccountEditor) {
 
 TEST_F(StoreTest, FirmwareImageCheck) {
     std::string good = platformPath("/tmp/good.bin");
-    std::ofstream(good, std::ios::binary) << standin::makeImage("NX5150", "V1.21(ABCD.8)C0", "payload");
+    std::ofstream(good, std::ios::binary)
+        << standin::makeImage("NX5150", "V1.21(ABCD.8)C0", "payload");
     std::string version;
     EXPECT_EQ(0, standin::checkImage(good, &version));
     EXPECT_EQ("V1.21(ABCD.8)C0", version);
@@ -222,9 +240,11 @@ TEST_F(StoreTest, FirmwareImageCheck) {
     img.back() ^= 1;
     std::ofstream(bad, std::ios::binary) << img;
     EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, bad.c_str()));
-    std::ofstream(bad, std::ios::binary | std::ios::trunc) << standin::makeImage("NX9999", "V1", "payload");
+    std::ofstream(bad, std::ios::binary | std::ios::trunc)
+        << standin::makeImage("NX9999", "V1", "payload");
     EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_UPGRADE, bad.c_str()));
-    EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, platformPath("/tmp/none.bin").c_str()));
+    EXPECT_EQ(WCFG_INVALID_IMAGE,
+              wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, platformPath("/tmp/none.bin").c_str()));
     EXPECT_EQ(0, wcfgFeReqSend(WCFG_REQ_UPGRADE, good.c_str()));
     EXPECT_EQ(0, wcfgFeReqSend(WCFG_REQ_REBOOT, nullptr));
     std::ifstream journal(standin::journalPath());

@@ -14,7 +14,8 @@ inline const std::string& unitTestRoot() {
         std::string dir = mkdtemp(tmpl);
         setenv("WHTTPD_ROOT", dir.c_str(), 1);
         std::string err;
-        if (!provision::initDeviceRoot("/bin/true", err)) abort();
+        if (!provision::initDeviceRoot("/bin/true", err))
+            abort();
         return dir;
     }();
     return root;

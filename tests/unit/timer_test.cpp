@@ -17,7 +17,7 @@
 namespace {
 
 class TimerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/whttpd-uptime-XXXXXX";
         int fd = mkstemp(tmpl);
@@ -45,7 +45,8 @@ protected:
     // Lets the timer thread run a few ticks.
     static void ticks() { std::this_thread::sleep_for(std::chrono::milliseconds(60)); }
     static bool waitFor(const std::atomic<int>& v, int want) {
-        for (int i = 0; i < 200 && v.load() < want; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < 200 && v.load() < want; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return v.load() >= want;
     }
     std::string file_;
@@ -194,12 +195,14 @@ TEST_F(TimerTest, ConcurrentStartStopWhileFiring) {
             for (int i = 0; i < 300; ++i) {
                 int id = UITimerStart(static_cast<uint32_t>(i % 3) * 1000, countCallback, &fired);
                 int pid = UIPeriodicTimerStart(1000, countCallback, &fired);
-                if (i % 2) UITimerStop(static_cast<uint32_t>(id));
+                if (i % 2)
+                    UITimerStop(static_cast<uint32_t>(id));
                 UIPeriodicTimerStop(static_cast<uint32_t>(pid));
             }
         });
     }
-    for (auto& t : workers) t.join();
+    for (auto& t : workers)
+        t.join();
     done = true;
     clock.join();
     EXPECT_GT(fired.load(), 0);
@@ -211,9 +214,10 @@ TEST(TimerList, InsertGetRemoveAndIterate) {
     int v[5] = {0, 1, 2, 3, 4};
     EXPECT_EQ(1, timer_list_insert(&l, -1, &v[1]));
     EXPECT_EQ(2, timer_list_insert(&l, 0, &v[0]));
-    EXPECT_EQ(3, timer_list_insert(&l, 7, &v[3]));   // past the end appends
-    EXPECT_EQ(4, timer_list_insert(&l, 2, &v[2]));   // after index 1
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(&v[i], timer_list_get(&l, i));
+    EXPECT_EQ(3, timer_list_insert(&l, 7, &v[3]));  // past the end appends
+    EXPECT_EQ(4, timer_list_insert(&l, 2, &v[2]));  // after index 1
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(&v[i], timer_list_get(&l, i));
     EXPECT_EQ(nullptr, timer_list_get(&l, 4));
     timer_list_iter it;
     int seen = 0;

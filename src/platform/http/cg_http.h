@@ -23,11 +23,11 @@ typedef void (*CG_HTTP_LISTENER)(CgHttpRequest* request);
 
 // Limits of the server.
 struct CgHttpLimits {
-    int maxConnections = 128;        // concurrent connections; more wait in the backlog
-    int handshakeTimeoutSec = 10;    // TLS handshake
-    int readTimeoutSec = 30;         // one whole request, headers and body
-    int idleTimeoutSec = 60;         // a keep-alive connection between requests
-    int writeTimeoutSec = 30;        // one response
+    int maxConnections = 128;      // concurrent connections; more wait in the backlog
+    int handshakeTimeoutSec = 10;  // TLS handshake
+    int readTimeoutSec = 30;       // one whole request, headers and body
+    int idleTimeoutSec = 60;       // a keep-alive connection between requests
+    int writeTimeoutSec = 30;      // one response
     size_t maxHeaderBytes = 16 * 1024;
     size_t maxBodyBytes = 64 * 1024;
 };

@@ -73,7 +73,8 @@ std::string percentDecode(std::string_view s) {
 std::string addressText(const net::ip::address& a) {
     if (a.is_v6()) {
         net::ip::address_v6 v6 = a.to_v6();
-        if (v6.is_v4_mapped()) return net::ip::make_address_v4(net::ip::v4_mapped, v6).to_string();
+        if (v6.is_v4_mapped())
+            return net::ip::make_address_v4(net::ip::v4_mapped, v6).to_string();
         v6.scope_id(0);
         return v6.to_string();
     }
@@ -127,7 +128,8 @@ namespace {
 
 void parseQuery(CgHttpRequest& r) {
     size_t q = r.uri.find('?');
-    if (q == std::string::npos) return;
+    if (q == std::string::npos)
+        return;
     std::string_view rest(r.uri);
     rest.remove_prefix(q + 1);
     while (!rest.empty()) {
@@ -136,8 +138,10 @@ void parseQuery(CgHttpRequest& r) {
         size_t eq = pair.find('=');
         std::string name = percentDecode(pair.substr(0, eq));
         std::string value = eq == std::string_view::npos ? "" : percentDecode(pair.substr(eq + 1));
-        if (!name.empty()) r.params.emplace_back(std::move(name), std::move(value));
-        if (amp == std::string_view::npos) break;
+        if (!name.empty())
+            r.params.emplace_back(std::move(name), std::move(value));
+        if (amp == std::string_view::npos)
+            break;
         rest.remove_prefix(amp + 1);
     }
 }
@@ -163,15 +167,16 @@ void serveConnection(std::shared_ptr<ServerState> st, std::unique_ptr<net::io_co
     int localPort = 0;
     {
         tcp::endpoint re = sock.remote_endpoint(ec);
-        if (!ec) remote = addressText(re.address());
+        if (!ec)
+            remote = addressText(re.address());
         tcp::endpoint le = sock.local_endpoint(ec);
-        if (!ec) local = addressText(le.address()), localPort = le.port();
+        if (!ec)
+            local = addressText(le.address()), localPort = le.port();
     }
     int fd = sock.native_handle();
     Stream stream(std::move(sock), st->sslCtx);
-    if (!runOp(*ioc, stream, lim.handshakeTimeoutSec, [&](auto&& h) {
-            stream.async_handshake(ssl::stream_base::server, std::move(h));
-        })) {
+    if (!runOp(*ioc, stream, lim.handshakeTimeoutSec,
+               [&](auto&& h) { stream.async_handshake(ssl::stream_base::server, std::move(h)); })) {
         beast::flat_buffer buffer;
         bool first = true;
         while (st->running) {
@@ -211,9 +216,11 @@ void serveConnection(std::shared_ptr<ServerState> st, std::unique_ptr<net::io_co
             req.local = local;
             req.localPort = localPort;
             parseQuery(req);
-            if (st->listener) st->listener(&req);
+            if (st->listener)
+                st->listener(&req);
             // A request the listener left unanswered ends the connection.
-            if (!req.answered || req.failed || !req.msg.keep_alive()) break;
+            if (!req.answered || req.failed || !req.msg.keep_alive())
+                break;
         }
         runOp(*ioc, stream, 2, [&](auto&& h) { stream.async_shutdown(std::move(h)); });
     }
@@ -236,15 +243,18 @@ void acceptLoop(CgHttpServer* srv) {
             std::unique_lock<std::mutex> lock(st->m);
             st->cv.wait_for(lock, std::chrono::milliseconds(200),
                             [&] { return st->active < st->limits.maxConnections || !st->running; });
-            if (st->active >= st->limits.maxConnections) continue;
+            if (st->active >= st->limits.maxConnections)
+                continue;
         }
         pollfd p{lfd, POLLIN, 0};
-        if (poll(&p, 1, 200) <= 0) continue;
+        if (poll(&p, 1, 200) <= 0)
+            continue;
         auto ioc = std::make_unique<net::io_context>(1);
         tcp::socket sock(*ioc);
         beast::error_code ec;
         srv->acceptor->accept(sock, ec);
-        if (ec) continue;
+        if (ec)
+            continue;
         {
             std::lock_guard<std::mutex> lock(st->m);
             ++st->active;
@@ -261,52 +271,66 @@ void acceptLoop(CgHttpServer* srv) {
 
 template <class Message>
 void fillHeaders(Message& m, const CgHttpResponse& res) {
-    for (const auto& [name, value] : res.headers) m.insert(name, value);
+    for (const auto& [name, value] : res.headers)
+        m.insert(name, value);
 }
 
 }  // namespace
 
-CgHttpServer* cg_http_server_new(void) { return new CgHttpServer; }
+CgHttpServer* cg_http_server_new(void) {
+    return new CgHttpServer;
+}
 
 void cg_http_server_setlimits(CgHttpServer* server, const CgHttpLimits& limits) {
-    if (server) server->state->limits = limits;
+    if (server)
+        server->state->limits = limits;
 }
 
 bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, int /*reserved*/,
                          bool useSsl, const CgHttpSslSettings* settings) {
-    if (!server || !useSsl || !settings || !settings->certFile || !settings->keyFile) return false;
+    if (!server || !useSsl || !settings || !settings->certFile || !settings->keyFile)
+        return false;
     beast::error_code ec;
     ssl::context& ctx = server->state->sslCtx;
     ctx.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                     ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 |
                     ssl::context::single_dh_use);
     ctx.use_certificate_chain_file(settings->certFile, ec);
-    if (ec) return false;
+    if (ec)
+        return false;
     ctx.use_private_key_file(settings->keyFile, ssl::context::pem, ec);
-    if (ec) return false;
+    if (ec)
+        return false;
     net::ip::address addr = net::ip::make_address(bindAddr ? bindAddr : "::", ec);
-    if (ec) return false;
+    if (ec)
+        return false;
     auto acc = std::make_unique<tcp::acceptor>(server->acceptIoc);
     tcp::endpoint ep(addr, static_cast<unsigned short>(port));
     acc->open(ep.protocol(), ec);
-    if (ec) return false;
-    if (addr.is_v6()) acc->set_option(net::ip::v6_only(false), ec);
+    if (ec)
+        return false;
+    if (addr.is_v6())
+        acc->set_option(net::ip::v6_only(false), ec);
     acc->set_option(net::socket_base::reuse_address(true), ec);
     acc->bind(ep, ec);
-    if (ec) return false;
+    if (ec)
+        return false;
     acc->listen(net::socket_base::max_listen_connections, ec);
-    if (ec) return false;
+    if (ec)
+        return false;
     acc->non_blocking(true, ec);
     server->acceptor = std::move(acc);
     return true;
 }
 
 void cg_http_server_setlistener(CgHttpServer* server, CG_HTTP_LISTENER listener) {
-    if (server) server->state->listener = listener;
+    if (server)
+        server->state->listener = listener;
 }
 
 bool cg_http_server_start(CgHttpServer* server) {
-    if (!server || !server->acceptor || server->state->running) return false;
+    if (!server || !server->acceptor || server->state->running)
+        return false;
     server->state->running = true;
     try {
         server->acceptThread = std::thread(acceptLoop, server);
@@ -318,51 +342,70 @@ bool cg_http_server_start(CgHttpServer* server) {
 }
 
 bool cg_http_server_stop(CgHttpServer* server) {
-    if (!server) return false;
+    if (!server)
+        return false;
     std::shared_ptr<ServerState> st = server->state;
     st->running = false;
     st->cv.notify_all();
-    if (server->acceptThread.joinable()) server->acceptThread.join();
+    if (server->acceptThread.joinable())
+        server->acceptThread.join();
     beast::error_code ec;
-    if (server->acceptor) server->acceptor->close(ec);
+    if (server->acceptor)
+        server->acceptor->close(ec);
     std::unique_lock<std::mutex> lock(st->m);
-    for (int fd : st->fds) ::shutdown(fd, SHUT_RDWR);
+    for (int fd : st->fds)
+        ::shutdown(fd, SHUT_RDWR);
     st->cv.wait_for(lock, std::chrono::seconds(3), [&] { return st->active == 0; });
     return true;
 }
 
-void cg_http_server_delete(CgHttpServer* server) { delete server; }
+void cg_http_server_delete(CgHttpServer* server) {
+    delete server;
+}
 
-const char* cg_http_request_geturi(CgHttpRequest* r) { return r ? r->uri.c_str() : nullptr; }
-const char* cg_http_request_getmethod(CgHttpRequest* r) { return r ? r->method.c_str() : nullptr; }
+const char* cg_http_request_geturi(CgHttpRequest* r) {
+    return r ? r->uri.c_str() : nullptr;
+}
+const char* cg_http_request_getmethod(CgHttpRequest* r) {
+    return r ? r->method.c_str() : nullptr;
+}
 
 const char* cg_http_request_getparam(CgHttpRequest* r, const char* name) {
-    if (!r || !name) return nullptr;
+    if (!r || !name)
+        return nullptr;
     for (const auto& [n, v] : r->params)
-        if (n == name) return v.c_str();
+        if (n == name)
+            return v.c_str();
     return nullptr;
 }
 
 const char* cg_http_request_getheader(CgHttpRequest* r, const char* name) {
-    if (!r || !name) return nullptr;
+    if (!r || !name)
+        return nullptr;
     auto it = r->msg.find(name);
-    if (it == r->msg.end()) return nullptr;
+    if (it == r->msg.end())
+        return nullptr;
     auto [pos, inserted] = r->headerCache.emplace(name, std::string(it->value()));
-    if (!inserted) pos->second = std::string(it->value());
+    if (!inserted)
+        pos->second = std::string(it->value());
     return pos->second.c_str();
 }
 
 const char* cg_http_request_getcookie(CgHttpRequest* r, const char* name) {
-    if (!r || !name) return nullptr;
+    if (!r || !name)
+        return nullptr;
     if (!r->cookiesParsed) {
         r->cookiesParsed = true;
-        for (auto it = r->msg.find(http::field::cookie); it != r->msg.end() && it->name() == http::field::cookie; ++it) {
+        for (auto it = r->msg.find(http::field::cookie);
+             it != r->msg.end() && it->name() == http::field::cookie; ++it) {
             std::string_view v(it->value().data(), it->value().size());
             while (!v.empty()) {
                 size_t semi = v.find(';');
                 std::string_view item = v.substr(0, semi);
-                while (!item.empty() && item.front() == ' ') item.remove_prefix(1);
-                while (!item.empty() && item.back() == ' ') item.remove_suffix(1);
+                while (!item.empty() && item.front() == ' ')
+                    item.remove_prefix(1);
+                while (!item.empty() && item.back() == ' ')
+                    item.remove_suffix(1);
                 size_t eq = item.find('=');
                 if (eq != std::string_view::npos && eq > 0) {
                     std::string_view val = item.substr(eq + 1);
@@ -370,13 +413,15 @@ const char* cg_http_request_getcookie(CgHttpRequest* r, const char* name) {
                         val = val.substr(1, val.size() - 2);
                     r->cookies.emplace_back(std::string(item.substr(0, eq)), std::string(val));
                 }
-                if (semi == std::string_view::npos) break;
+                if (semi == std::string_view::npos)
+                    break;
                 v.remove_prefix(semi + 1);
             }
         }
     }
     for (const auto& [n, v] : r->cookies)
-        if (n == name) return v.c_str();
+        if (n == name)
+            return v.c_str();
     return nullptr;
 }
 
@@ -384,26 +429,45 @@ const char* cg_http_request_getcontent(CgHttpRequest* r) {
     return (r && !r->msg.body().empty()) ? r->msg.body().c_str() : nullptr;
 }
 
-size_t cg_http_request_getcontentlength(CgHttpRequest* r) { return r ? r->msg.body().size() : 0; }
-const char* cg_http_request_getremoteaddress(CgHttpRequest* r) { return r ? r->remote.c_str() : ""; }
-const char* cg_http_request_getlocaladdress(CgHttpRequest* r) { return r ? r->local.c_str() : ""; }
-int cg_http_request_getlocalport(CgHttpRequest* r) { return r ? r->localPort : 0; }
+size_t cg_http_request_getcontentlength(CgHttpRequest* r) {
+    return r ? r->msg.body().size() : 0;
+}
+const char* cg_http_request_getremoteaddress(CgHttpRequest* r) {
+    return r ? r->remote.c_str() : "";
+}
+const char* cg_http_request_getlocaladdress(CgHttpRequest* r) {
+    return r ? r->local.c_str() : "";
+}
+int cg_http_request_getlocalport(CgHttpRequest* r) {
+    return r ? r->localPort : 0;
+}
 
 void cg_http_request_setuserdata(CgHttpRequest* r, void* data) {
-    if (r) r->userData = data;
+    if (r)
+        r->userData = data;
 }
-void* cg_http_request_getuserdata(CgHttpRequest* r) { return r ? r->userData : nullptr; }
+void* cg_http_request_getuserdata(CgHttpRequest* r) {
+    return r ? r->userData : nullptr;
+}
 
-CgHttpResponse* cg_http_response_new(void) { return new CgHttpResponse; }
-void cg_http_response_delete(CgHttpResponse* res) { delete res; }
+CgHttpResponse* cg_http_response_new(void) {
+    return new CgHttpResponse;
+}
+void cg_http_response_delete(CgHttpResponse* res) {
+    delete res;
+}
 
 void cg_http_response_setstatuscode(CgHttpResponse* res, int code) {
-    if (res) res->status = code;
+    if (res)
+        res->status = code;
 }
-int cg_http_response_getstatuscode(CgHttpResponse* res) { return res ? res->status : 0; }
+int cg_http_response_getstatuscode(CgHttpResponse* res) {
+    return res ? res->status : 0;
+}
 
 void cg_http_response_setheader(CgHttpResponse* res, const char* name, const char* value) {
-    if (!res || !name || !value) return;
+    if (!res || !name || !value)
+        return;
     for (auto it = res->headers.begin(); it != res->headers.end();) {
         if (beast::iequals(it->first, name))
             it = res->headers.erase(it);
@@ -414,54 +478,66 @@ void cg_http_response_setheader(CgHttpResponse* res, const char* name, const cha
 }
 
 void cg_http_response_addheader(CgHttpResponse* res, const char* name, const char* value) {
-    if (res && name && value) res->headers.emplace_back(name, value);
+    if (res && name && value)
+        res->headers.emplace_back(name, value);
 }
 
 void cg_http_response_setcontent(CgHttpResponse* res, const char* data, size_t length) {
-    if (res) res->body.assign(data ? data : "", data ? length : 0);
+    if (res)
+        res->body.assign(data ? data : "", data ? length : 0);
 }
 
 bool cg_http_request_postresponse(CgHttpRequest* r, CgHttpResponse* res) {
-    if (!r || !res || r->failed) return false;
+    if (!r || !res || r->failed)
+        return false;
     http::response<http::string_body> m{static_cast<http::status>(res->status), 11};
     fillHeaders(m, *res);
     m.body() = res->body;
-    if (!r->msg.keep_alive()) m.set(http::field::connection, "close");
+    if (!r->msg.keep_alive())
+        m.set(http::field::connection, "close");
     r->answered = true;
     beast::error_code ec = runOp(*r->ioc, *r->stream, r->limits->writeTimeoutSec,
                                  [&](auto&& h) { http::async_write(*r->stream, m, std::move(h)); });
-    if (ec) r->failed = true;
+    if (ec)
+        r->failed = true;
     return !ec;
 }
 
 bool cg_http_request_postheader(CgHttpRequest* r, CgHttpResponse* res) {
-    if (!r || !res || r->failed) return false;
+    if (!r || !res || r->failed)
+        return false;
     http::response<http::empty_body> m{static_cast<http::status>(res->status), 11};
     fillHeaders(m, *res);
-    if (!r->msg.keep_alive()) m.set(http::field::connection, "close");
+    if (!r->msg.keep_alive())
+        m.set(http::field::connection, "close");
     r->answered = true;
     http::response_serializer<http::empty_body> sr{m};
     beast::error_code ec = runOp(*r->ioc, *r->stream, r->limits->writeTimeoutSec, [&](auto&& h) {
         http::async_write_header(*r->stream, sr, std::move(h));
     });
-    if (ec) r->failed = true;
+    if (ec)
+        r->failed = true;
     return !ec;
 }
 
 bool cg_http_request_postchunkeddata(CgHttpRequest* r, const char* data, size_t length) {
-    if (!r || r->failed || !data || !length) return false;
+    if (!r || r->failed || !data || !length)
+        return false;
     beast::error_code ec = runOp(*r->ioc, *r->stream, r->limits->writeTimeoutSec, [&](auto&& h) {
         net::async_write(*r->stream, http::make_chunk(net::buffer(data, length)), std::move(h));
     });
-    if (ec) r->failed = true;
+    if (ec)
+        r->failed = true;
     return !ec;
 }
 
 bool cg_http_request_postlastchunk(CgHttpRequest* r) {
-    if (!r || r->failed) return false;
+    if (!r || r->failed)
+        return false;
     beast::error_code ec = runOp(*r->ioc, *r->stream, r->limits->writeTimeoutSec, [&](auto&& h) {
         net::async_write(*r->stream, http::make_chunk_last(), std::move(h));
     });
-    if (ec) r->failed = true;
+    if (ec)
+        r->failed = true;
     return !ec;
 }
