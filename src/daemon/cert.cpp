@@ -16,10 +16,9 @@ bool fileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
-// Compares the outputs of two commands block by block.  With `eofFirst` the
-// end of both outputs is tested before each read and ends the comparison
-// with success; without it the loop runs while either output has data left.
-int compareOutputs(const char* cmdA, const char* cmdB, bool eofFirst) {
+// Compares the outputs of two commands block by block while either has data
+// left; 1 when they agree to the end of both.
+int compareOutputs(const char* cmdA, const char* cmdB) {
     FILE* a = popen(cmdA, "r");
     if (!a)
         return 0;
@@ -29,13 +28,7 @@ int compareOutputs(const char* cmdA, const char* cmdB, bool eofFirst) {
         return 0;
     }
     int same = 1;
-    for (;;) {
-        if (eofFirst) {
-            if (feof(a) && feof(b))
-                break;
-        } else if (feof(a) && feof(b)) {
-            break;
-        }
+    while (!feof(a) || !feof(b)) {
         char bufA[256] = {0}, bufB[256] = {0};
         size_t na = fread(bufA, 1, sizeof bufA, a);
         size_t nb = fread(bufB, 1, sizeof bufB, b);
@@ -55,11 +48,11 @@ int wHttpCheckCertKeyPair(const char* certPath, const char* keyPath) {
     char cmdA[512], cmdB[512];
     snprintf(cmdA, sizeof cmdA, "openssl x509 -noout -modulus -in %s", certPath);
     snprintf(cmdB, sizeof cmdB, "openssl rsa -noout -modulus -in %s", keyPath);
-    if (!compareOutputs(cmdA, cmdB, false))
+    if (!compareOutputs(cmdA, cmdB))
         return 0;
     snprintf(cmdA, sizeof cmdA, "openssl x509 -in %s -noout -pubkey", certPath);
     snprintf(cmdB, sizeof cmdB, "openssl rsa -in %s -pubout", keyPath);
-    return compareOutputs(cmdA, cmdB, true);
+    return compareOutputs(cmdA, cmdB);
 }
 
 int wHttpCompanionScriptRunning(void) {

@@ -76,13 +76,14 @@ int64_t toInt(const std::string& s) {
     return v;
 }
 
-void parseRange(const std::string& spec, Param& p) {
+void parseRange(const std::string& range, Param& p) {
     // "[lo:hi]", either bound may be empty
-    size_t colon = spec.find(':');
-    if (spec.size() < 3 || spec.front() != '[' || spec.back() != ']' || colon == std::string::npos)
-        throw std::runtime_error("bad range " + spec);
-    std::string lo = spec.substr(1, colon - 1),
-                hi = spec.substr(colon + 1, spec.size() - colon - 2);
+    size_t colon = range.find(':');
+    if (range.size() < 3 || range.front() != '[' || range.back() != ']' ||
+        colon == std::string::npos)
+        throw std::runtime_error("bad range " + range);
+    std::string lo = range.substr(1, colon - 1),
+                hi = range.substr(colon + 1, range.size() - colon - 2);
     if (!lo.empty())
         p.hasMin = true, p.min = toInt(lo);
     if (!hi.empty())

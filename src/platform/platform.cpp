@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <json-c/json.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -36,6 +37,25 @@ std::string platformPath(const char* absPath) {
 
 std::string platformToolDir() {
     return platformPath("/usr/sbin");
+}
+
+bool platformMakeDirs(const std::string& dir) {
+    for (size_t pos = 1; pos <= dir.size(); ++pos) {
+        if (pos != dir.size() && dir[pos] != '/')
+            continue;
+        std::string part = dir.substr(0, pos);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+            return false;
+    }
+    struct stat st;
+    return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+unsigned long platformUptimeSeconds() {
+    std::ifstream in("/proc/uptime");
+    double up = 0;
+    in >> up;
+    return static_cast<unsigned long>(up);
 }
 
 void platformInit() {

@@ -16,6 +16,10 @@ const std::string& platformRoot();
 std::string platformPath(const char* absPath);
 // Directory of the stand-in shell tools, put first on PATH by platformInit.
 std::string platformToolDir();
+// Creates a directory and its missing parents (mode 0755); true when it exists.
+bool platformMakeDirs(const std::string& dir);
+// Whole seconds of system uptime ("/proc/uptime").
+unsigned long platformUptimeSeconds();
 // Process set-up shared by the daemon and wcfgctl: PATH with the tool
 // directory first.
 void platformInit();

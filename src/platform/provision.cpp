@@ -42,11 +42,6 @@ const char* const kFactory =
     "{\"BaseMAC\": \"02:10:18:3A:5C:00\", \"SerialNumber\": \"S240Y00012345\", "
     "\"ModelName\": \"NX5150\", \"SoftwareVersion\": \"V1.20(ABCD.7)C0\"}\n";
 
-bool mkdirs(const std::string& dir) {
-    std::string cmd = "mkdir -p '" + dir + "'";
-    return system(cmd.c_str()) == 0;
-}
-
 bool writeFile(const std::string& absPath, const std::string& content) {
     std::string file = platformPath(absPath.c_str());
     std::string tmp = file + ".tmp";
@@ -91,13 +86,6 @@ std::string packRates(int32_t rx, int32_t tx) {
     memcpy(&s[0], &rx, 4);
     memcpy(&s[4], &tx, 4);
     return s;
-}
-
-unsigned long uptime() {
-    std::ifstream in("/proc/uptime");
-    double up = 0;
-    in >> up;
-    return static_cast<unsigned long>(up);
 }
 
 }  // namespace
@@ -173,7 +161,7 @@ bool writeHostDatabase(std::string& err) {
 bool initDeviceRoot(const std::string& self, std::string& err) {
     for (const char* d : {"/etc/config", "/data/factory", "/data/wcfg", "/tmp", "/var/run/wcfg",
                           "/var/dnsmasq", "/var/log/standin"}) {
-        if (!mkdirs(platformPath(d))) {
+        if (!platformMakeDirs(platformPath(d))) {
             err = std::string("cannot create ") + platformPath(d);
             return false;
         }
@@ -196,7 +184,7 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
     if (!writeHostDatabase(err))
         return false;
 
-    unsigned long up = uptime();
+    unsigned long up = platformUptimeSeconds();
     char leases[512];
     snprintf(leases, sizeof leases,
              "%lu 86400 02:aa:00:00:00:01 192.168.1.33 desktop-pc 01:02:aa:00:00:00:01\n"

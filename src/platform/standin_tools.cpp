@@ -82,11 +82,6 @@ int killall(int argc, char** argv) {
     return 0;
 }
 
-std::string member(json_object* o, const char* k) {
-    json_object* v = nullptr;
-    return json_object_object_get_ex(o, k, &v) ? json_object_get_string(v) : "";
-}
-
 // net-tools style output for the LAN bridge, from the data model.
 int ifconfig(int argc, char** argv) {
     if (argc < 2 || strcmp(argv[1], "br0") != 0) {
@@ -101,14 +96,14 @@ int ifconfig(int argc, char** argv) {
     int32_t ipIf = m.idOf("RDM_OID_IP_IFACE");
     while (wcfgFeObjJsonGetNextWithoutUpdate(ipIf, &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr owned(obj);
-        if (member(obj, "X_OLVEX_IfName") != "br0")
+        if (strcmp(jsonString(obj, "X_OLVEX_IfName"), "br0") != 0)
             continue;
         objIndex_t a = iid;
         json_object* addr = nullptr;
         if (wcfgFeObjJsonGetNextWithoutUpdate(m.idOf("RDM_OID_IP_IFACE_V4_ADDR"), &a, &addr) == 0) {
             JsonPtr ownedAddr(addr);
             if (a.idx[0] == iid.idx[0])
-                ip = member(addr, "IPAddress"), mask = member(addr, "SubnetMask");
+                ip = jsonString(addr, "IPAddress"), mask = jsonString(addr, "SubnetMask");
         }
         break;
     }
@@ -116,7 +111,7 @@ int ifconfig(int argc, char** argv) {
     json_object* l = nullptr;
     if (wcfgFeObjJsonGetWithoutUpdate(m.idOf("RDM_OID_ETH_LINK"), &link, &l) == WCFG_SUCCESS) {
         JsonPtr owned(l);
-        mac = member(l, "MACAddress");
+        mac = jsonString(l, "MACAddress");
     }
     printf("br0       Link encap:Ethernet  HWaddr %s  \n", mac.c_str());
     printf("          inet addr:%s  Bcast:192.168.1.255  Mask:%s\n", ip.c_str(), mask.c_str());
@@ -144,8 +139,7 @@ int runTool(int argc, char** argv) {
 
 bool installTools(const std::string& self) {
     std::string dir = platformToolDir();
-    std::string cmd = "mkdir -p '" + dir + "'";
-    if (system(cmd.c_str()) != 0)
+    if (!platformMakeDirs(dir))
         return false;
     for (const char* t : kTools) {
         std::string link = dir + "/" + t;

@@ -13,14 +13,6 @@
 
 namespace {
 
-std::string member(json_object* obj, const char* key) {
-    json_object* v = nullptr;
-    if (!obj || !json_object_object_get_ex(obj, key, &v) ||
-        !json_object_is_type(v, json_type_string))
-        return "";
-    return json_object_get_string(v);
-}
-
 int reply(char* buf, size_t size, const char* text, int code) {
     if (buf && size)
         snprintf(buf, size, "%s", text);
@@ -78,12 +70,12 @@ int wcfgFeDalGetOpertaionMode(void) {
 int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
     if (!request)
         return reply(buf, size, "Invalid request", WCFG_INVALID_ARGUMENTS);
-    std::string user = member(request, "Username");
-    std::string newUser = member(request, "new_Username");
-    std::string pw = member(request, "Password");
-    std::string verify = member(request, "verifyNewpassword");
-    std::string oldPw = member(request, "oldPw");
-    std::string level = member(request, "DAL_LOGIN_LEVEL");
+    std::string user = jsonString(request, "Username");
+    std::string newUser = jsonString(request, "new_Username");
+    std::string pw = jsonString(request, "Password");
+    std::string verify = jsonString(request, "verifyNewpassword");
+    std::string oldPw = jsonString(request, "oldPw");
+    std::string level = jsonString(request, "DAL_LOGIN_LEVEL");
 
     wcfg::Store& store = wcfg::Store::instance();
     std::lock_guard<std::recursive_mutex> lock(store.mutex());
@@ -94,7 +86,7 @@ int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
     bool taken = false;
     while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr cur(obj);
-        std::string name = member(obj, "Username");
+        std::string name = jsonString(obj, "Username");
         if (!account && name == user) {
             account = std::move(cur);
             found = iid;
@@ -104,7 +96,7 @@ int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
     }
     if (!account)
         return reply(buf, size, "Account not found", WCFG_NO_SUCH_OBJECT);
-    if (!passwordMatches(member(account.get(), "shadow"), oldPw))
+    if (!passwordMatches(jsonString(account.get(), "shadow"), oldPw))
         return reply(buf, size, "Old password is incorrect", WCFG_INVALID_PARAM_VALUE);
     if (pw != verify)
         return reply(buf, size, "New passwords do not match", WCFG_INVALID_PARAM_VALUE);

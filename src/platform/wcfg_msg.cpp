@@ -48,8 +48,7 @@ bool endpointAddr(int eid, sockaddr_un& addr) {
 
 void ensureDir() {
     std::string dir = busDir();
-    std::string cmd = "mkdir -p '" + dir + "'";
-    if (access(dir.c_str(), F_OK) != 0 && system(cmd.c_str()) != 0)
+    if (!platformMakeDirs(dir))
         wlog_log_f(WLOG_ERR, "wcfg_msg", __LINE__, __func__, "cannot create %s\n", dir.c_str());
 }
 

@@ -29,10 +29,7 @@ void journal(json_object* entry) {
     static std::mutex m;
     std::lock_guard<std::mutex> lock(m);
     std::string file = journalPath();
-    std::string dir = file.substr(0, file.rfind('/'));
-    std::string parent = dir.substr(0, dir.rfind('/'));
-    mkdir(parent.c_str(), 0755);
-    mkdir(dir.c_str(), 0755);
+    platformMakeDirs(file.substr(0, file.rfind('/')));
     json_object_object_add(entry, "time", json_object_new_int64(time(nullptr)));
     if (FILE* f = fopen(file.c_str(), "a")) {
         fprintf(f, "%s\n", json_object_to_json_string_ext(entry, JSON_C_TO_STRING_PLAIN));
@@ -116,7 +113,7 @@ int wcfgFeReqSend(uint32_t type, const char* payload) {
                 json_object_object_add(entry.get(), "version",
                                        json_object_new_string(version.c_str()));
                 std::string dir = platformPath("/data/standin");
-                mkdir(dir.c_str(), 0755);
+                platformMakeDirs(dir);
                 std::ifstream in(payload, std::ios::binary);
                 std::ofstream out(dir + "/upgraded.bin", std::ios::binary);
                 out << in.rdbuf();

@@ -149,19 +149,11 @@ bool sameValue(json_object* a, json_object* b) {
                   json_object_to_json_string_ext(b, JSON_C_TO_STRING_PLAIN)) == 0;
 }
 
-const char* stringOf(json_object* obj, const char* key) {
-    json_object* v = nullptr;
-    if (!obj || !json_object_object_get_ex(obj, key, &v) ||
-        !json_object_is_type(v, json_type_string))
-        return "";
-    return json_object_get_string(v);
-}
-
 // Turns a clear-text "Password" of an account into its "shadow" line.
 void sealAccountPassword(json_object* vals) {
-    std::string user = stringOf(vals, "Username");
-    std::string pw = stringOf(vals, "Password");
-    std::string shadow = stringOf(vals, "shadow");
+    std::string user = jsonString(vals, "Username");
+    std::string pw = jsonString(vals, "Password");
+    std::string shadow = jsonString(vals, "shadow");
     std::string hash;
     if (!pw.empty()) {
         char salt[CRYPT_GENSALT_OUTPUT_SIZE];
@@ -185,13 +177,6 @@ std::string nowIso() {
     char buf[32];
     strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tmv);
     return buf;
-}
-
-unsigned long uptimeSeconds() {
-    std::ifstream in("/proc/uptime");
-    double up = 0;
-    in >> up;
-    return static_cast<unsigned long>(up);
 }
 
 }  // namespace
@@ -227,8 +212,7 @@ Store& Store::instance() {
 
 Store::Store() {
     std::string dir = platformPath("/data/wcfg");
-    std::string cmd = "mkdir -p '" + dir + "'";
-    if (access(dir.c_str(), F_OK) != 0 && system(cmd.c_str()) != 0)
+    if (!platformMakeDirs(dir))
         return;
     std::string file = dir + "/config.db";
     if (sqlite3_open_v2(file.c_str(), &db_,
@@ -366,7 +350,7 @@ json_object* Store::build(const wdm::Object& o, const objIndex_t& iid, const std
     }
     if (update) {
         if (o.rdm == "RDM_OID_DEV_INFO")
-            json_object_object_add(out, "UpTime", json_object_new_int64(uptimeSeconds()));
+            json_object_object_add(out, "UpTime", json_object_new_int64(platformUptimeSeconds()));
         else if (o.rdm == "RDM_OID_TIME")
             json_object_object_add(out, "CurrentLocalTime",
                                    json_object_new_string(nowIso().c_str()));
@@ -730,12 +714,12 @@ void Store::writePasswordStore() {
     while (sqlite3_step(s.get()) == SQLITE_ROW) {
         JsonPtr vals(
             json_tokener_parse(reinterpret_cast<const char*>(sqlite3_column_text(s.get(), 0))));
-        std::string line = stringOf(vals.get(), "shadow");
+        std::string line = jsonString(vals.get(), "shadow");
         if (!line.empty())
             text += line + "\n";
     }
     std::string dir = platformPath("/etc");
-    mkdir(dir.c_str(), 0755);
+    platformMakeDirs(dir);
     std::string file = dir + "/shadow";
     std::string tmp = file + ".tmp";
     FILE* f = fopen(tmp.c_str(), "w");
@@ -764,13 +748,13 @@ void Store::runApplyHooks() {
         iid.level = static_cast<uint8_t>(o->depth);
         for (int i = 0; i < o->depth; ++i)
             iid.idx[i] = static_cast<uint8_t>(key >> (8 * (5 - i)));
-        std::string state = stringOf(obj.get(), "DiagnosticsState");
+        std::string state = jsonString(obj.get(), "DiagnosticsState");
         if (o->rdm == "RDM_OID_IP_DIAG_IPPING" && state == "Requested") {
             bool reachable =
                 access(platformPath("/etc/standin/internet_unreachable").c_str(), F_OK) != 0;
             std::string file = platformPath("/var/diagResult");
             if (FILE* f = fopen(file.c_str(), "w")) {
-                fprintf(f, "PING %s: 64 data bytes\n", stringOf(obj.get(), "Host"));
+                fprintf(f, "PING %s: 64 data bytes\n", jsonString(obj.get(), "Host"));
                 fprintf(f, "\n--- ping statistics ---\n");
                 fprintf(f, reachable
                                ? "1 packets transmitted, 1 packets received, 0%% packet loss\n"

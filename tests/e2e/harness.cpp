@@ -80,8 +80,7 @@ DeviceRoot::DeviceRoot() {
 DeviceRoot::~DeviceRoot() {
     if (!dir_.empty() && !getenv("WHTTPD_KEEP_ROOT")) {
         std::string cmd = "rm -rf '" + dir_ + "'";
-        if (system(cmd.c_str()) != 0) {
-        }
+        (void)!system(cmd.c_str());
     }
 }
 
