@@ -1,12 +1,233 @@
+// Login authentication and account lock.
 #include "auth/login_auth.h"
 
-#include "daemon/whttpd.h"
+#include <syslog.h>
 
-const char* wHttpLoginAuth(WHttpReqCtx* /*ctx*/, int /*loginMode*/, char* /*buf*/,
-                           size_t /*size*/) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    // Without a login entry for the request's session cookie no account is
-    // found, and the result stays "Timeout".  The account checks of a login
-    // come with the login handler.
-    return "Timeout";
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "auth/retry_table.h"
+#include "auth/session.h"
+#include "daemon/whttpd.h"
+#include "datamodel/oid_names.h"
+#include "platform/json_util.h"
+#include "platform/wcfg.h"
+
+namespace {
+
+// The last user name refused as locked and whether the last authenticated
+// account was of the high group; shared by the request threads.
+std::mutex gAuthMutex;
+char gLockedUser[17] = "";
+uint8_t gHighPrivilege = 0;
+
+void setLocked(const char* user, unsigned left, char* buf, size_t size) {
+    {
+        std::lock_guard<std::mutex> lock(gAuthMutex);
+        wos_strlcpy(gLockedUser, user, sizeof gLockedUser);
+    }
+    if (buf && size)
+        snprintf(buf, size, "AfterLockTime=%d", static_cast<int>(left));
+}
+
+bool jsonBool(json_object* obj, const char* key) {
+    json_object* v = nullptr;
+    return json_object_object_get_ex(obj, key, &v) && json_object_get_boolean(v);
+}
+
+const char* privilegeOfGroup(int group) {
+    switch (group) {
+        case 1:
+            return "high";
+        case 2:
+            return "medium";
+        case 3:
+            return "low";
+        default:
+            return "";
+    }
+}
+
+// Whether the account's group may use the app ("app" in "GP_Privilege").
+bool groupAllowsApp(const objIndex_t& account) {
+    static const int32_t oid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP");
+    objIndex_t gid{};
+    gid.level = static_cast<uint8_t>(account.level - 1);
+    gid.idx[0] = account.idx[0];
+    json_object* group = nullptr;
+    if (wcfgFeObjJsonGet(oid, &gid, &group) != WCFG_SUCCESS)
+        return false;
+    JsonPtr owned(group);
+    return strstr(jsonString(group, "GP_Privilege"), "app") != nullptr;
+}
+
+}  // namespace
+
+char* jsonGetPassword(json_object* account) {
+    const char* shadow = jsonString(account, "shadow");
+    if (!*shadow) {
+        wos_pk("%s(): Fail to get shadow info!!!\n", "jsonGetPassword");
+        return nullptr;
+    }
+    size_t n = strlen(shadow);
+    char* hash = static_cast<char*>(calloc(n + 1, 1));
+    if (!hash)
+        return nullptr;
+    // "user:$id$salt$hash:..." keeps "hash"; any other form leaves "".
+    if (sscanf(shadow, "%*[^:]:$%*[^$]$%*[^$]$%[^:]", hash) != 1)
+        hash[0] = '\0';
+    return hash;
+}
+
+int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
+    const char* body = cg_http_request_getcontent(request);
+    const char* length = cg_http_request_getheader(request, "Content-Length");
+    if (!body || !length || atoi(length) == 0 || cg_http_request_getcontentlength(request) == 0)
+        return 3;
+    JsonPtr doc(json_tokener_parse(body));
+    std::string username = jsonString(doc.get(), "username");
+    std::string password = jsonString(doc.get(), "password");
+    if (username.empty() || username != user)
+        return 1;
+    if (password.empty())
+        return 2;
+    switch (vxUtilAuthUserAccount(username.c_str(), password.c_str())) {
+        case 0:
+            return 0;
+        case 1:
+            return (hash && password == hash) ? 0 : 2;
+        default:
+            return 2;
+    }
+}
+
+const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t size) {
+    static const int32_t accountOid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
+    wos_pk("%s() Enter\n", "wHttpLoginAuth");
+    CgHttpRequest* request = ctx->request;
+    const char* remote = cg_http_request_getremoteaddress(request);
+    if (!remote)
+        remote = "";
+    const char* cookieSid = cg_http_request_getcookie(request, "Session");
+    if (!cookieSid)
+        cookieSid = "";
+
+    // A session-checked request without a session cookie cannot name a login
+    // entry.
+    if (!loginMode && !*cookieSid)
+        return "Invalid Session ID";
+    std::string cookieUser = loginMode ? std::string() : getCookieUser(request);
+
+    const char* result = "Timeout";
+    int code = 0;
+    objIndex_t iid{};
+    json_object* obj = nullptr;
+    JsonPtr account;
+    while (wcfgFeObjJsonGetNextWithoutUpdate(accountOid, &iid, &obj) == WCFG_SUCCESS) {
+        JsonPtr current(obj);
+        const char* name = jsonString(obj, "Username");
+        if (loginMode) {
+            char* hash = jsonGetPassword(obj);
+            code = authLoginBody(request, name, hash);
+            free(hash);
+            if (code == 0 || code == 2) {
+                account = std::move(current);
+                break;
+            }
+        } else if (!cookieUser.empty() && cookieUser == name) {
+            account = std::move(current);
+            break;
+        }
+    }
+
+    if (account && code == 2) {
+        // Wrong password for a known user.
+        const char* name = jsonString(account.get(), "Username");
+        wlog_syslog(LOG_INFO,
+                    "Account: Enter an invalid password for User '%s' form the host(%s).\n", name,
+                    remote);
+        result = "Invalid Password";
+        retryTableMgt("set", name);
+        if (unsigned left = isRestriction(name)) {
+            setLocked(name, left, buf, size);
+            result = "Locked User";
+        }
+        return result;
+    }
+
+    if (account) {
+        json_object* acc = account.get();
+        int group = iid.idx[0];
+        if (!jsonBool(acc, "Enabled"))
+            code = 1;
+        else if (group != 2 && !groupAllowsApp(iid))
+            code = 1;
+        if (code == 0) {
+            const char* name = jsonString(acc, "Username");
+            wos_pk("%s() user=%s\n", "wHttpLoginAuth", name);
+            {
+                std::lock_guard<std::mutex> lock(gAuthMutex);
+                gHighPrivilege = group == 1 ? 1 : 0;
+            }
+            if (*cookieSid) {
+                setCurrentSessionID(cookieSid);
+                wos_strlcpy(ctx->sessionID, cookieSid, sizeof ctx->sessionID);
+            }
+            setCurrentUserName(name);
+            wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
+            wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
+            if (group > 1 && !jsonBool(acc, "DotChangeDefPwd")) {
+                ctx->changeDefaultPassword = 1;
+                ctx->showSkipButton = jsonBool(acc, "ShowSkipBtnInChgDefPwdPage") ? 1 : 0;
+                if (jsonBool(acc, "AutoShowQuickStart"))
+                    ctx->quickStart = 1;
+            }
+            if (!loginMode) {
+                switch (checkLoginEntry(ctx)) {
+                    case 0:
+                        break;
+                    case 1:
+                        return "Timeout";
+                    case 2:
+                        return "Invalid Session ID";
+                    default:
+                        return "Internal Error";
+                }
+            } else {
+                setCurrentSessionID("");
+            }
+            if (unsigned left = isRestriction(name)) {
+                setLocked(name, left, buf, size);
+                return "Locked User";
+            }
+            wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
+            wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
+            return "Success";
+        }
+    }
+
+    switch (code) {
+        case 1:
+            wlog_syslog(LOG_INFO, "Account: Enter an invalid username form the host(%s).\n",
+                        remote);
+            result = "Invalid Username";
+            retryTableMgt("set", INVALID_ACCOUNT_NAME);
+            if (unsigned left = isRestriction(INVALID_ACCOUNT_NAME)) {
+                setLocked(INVALID_ACCOUNT_NAME, left, buf, size);
+                result = "Locked User";
+            }
+            break;
+        case 3:
+            result = "InitLogin";
+            break;
+        case -1:
+            result = "Internal Error";
+            wlog_syslog(LOG_INFO, "Account: Login authentication fail, %s \n", result);
+            break;
+        default:
+            break;
+    }
+    return result;
 }

@@ -1,5 +1,8 @@
-// Login authentication.
+// Login authentication: the account checks shared by the login handler and
+// the session check of every other request.
 #pragma once
+
+#include <json-c/json.h>
 
 #include <cstddef>
 
@@ -9,5 +12,14 @@
 // user name and password, in session mode (0) the request's session cookie.
 // Returns a result text: "Success", "Invalid Username", "Invalid Password",
 // "Invalid Session ID", "InitLogin", "Locked User", "Timeout" or
-// "Internal Error".
+// "Internal Error".  For "Locked User", "AfterLockTime=<seconds left>" is
+// written into `buf` when one is given.
 const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t size);
+
+// Checks the login body against one account: 0 match, 1 wrong or missing
+// user name, 2 wrong or missing password, 3 no body.
+int authLoginBody(CgHttpRequest* request, const char* user, const char* hash);
+
+// The hash field of the account's "shadow" line (newly allocated, free()),
+// or nullptr when the account has no shadow line.
+char* jsonGetPassword(json_object* account);

@@ -1,17 +1,78 @@
-// Session table: one login entry per logged-in client.
+// Session table: one login entry per logged-in client, each with an idle
+// timer in the timer service.
+//
+// Request threads, the timer thread (idle time-outs) and the main thread
+// (data-model notice, dump) all reach the table.  Every walk takes the
+// session-table mutex, so an entry freed by its idle timer is never read
+// afterwards; functions marked "caller holds the mutex" are the building
+// blocks of the login handler, which finds or adds an entry and gives it a
+// key in one locked step.
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/http/cg_http.h"
+#include "rest/whttpd_rest.h"
 
-// Stores a renewed session key in the caller's session (the entry that
-// matches the connection's addresses and the request's user and session id).
+#define SESSION_ID_LEN 32
+
+struct LoginEntry {
+    char remoteHost[48];  // client address at login
+    char localHost[48];   // server address the login arrived on
+    uint8_t reserved[32];
+    char userName[64];
+    uint8_t timeout;  // 1 once the idle timer fired
+    uint32_t timerID;
+    char sessionID[SESSION_ID_LEN + 1];
+    int32_t sessionKey;
+    uint8_t flag1;
+    uint8_t flag2;
+    // Identifies the entry to its idle timer: the timer's data is this
+    // number, never the entry's address, so a late timer cannot reach a
+    // freed entry.
+    uint64_t serial;
+};
+
+// Fills `out` (33 bytes) with a new session id of 32 characters from the
+// 62-character alphabet.
+void genSessionID(char* out);
+// A new session key: the nanosecond part of the monotonic clock.
+int32_t getSessionKey(void);
+
+// Caller holds the session-table mutex.
+LoginEntry* findLoginEntry(WHttpReqCtx* ctx, const char* user, const char* sessionID);
+LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user);
+void setLoginTimer(LoginEntry* entry);
+void resetLoginTimer(LoginEntry* entry);
+
+// Number of login entries.
+int countLoginEntries(void);
+// 1 when an entry has both the user name and the session id.
+int isLoginEntryExist(const char* user, const char* sessionID);
+// 1 when the caller's entry (client and local address, user name, session id)
+// holds `key`.
+int checkSessionKey(WHttpReqCtx* ctx, int32_t key);
+// Stores a renewed session key in the caller's entry, if there is one.
 void storeSessionKey(CgHttpRequest* request, int32_t key);
-// The user name of the entry whose session id equals the request's
-// "Session" cookie, or nullptr.
-const char* getCookieUser(CgHttpRequest* request);
-// Prints the table on the console.
-void dumpLoginEntry(void);
+// -1 no user/session or no entry, 0 alive (timer restarted), 1 timed out,
+// 2 presented from another client address (the entry is removed).
+int checkLoginEntry(WHttpReqCtx* ctx);
+// Removes the caller's entry at logout: 1 removed, 0 not found.
+int delLoginEntry(WHttpReqCtx* ctx);
+// The user name of the entry whose session id equals the request's "Session"
+// cookie; "" when there is none.
+std::string getCookieUser(CgHttpRequest* request);
+// Idle-timer callback (timer thread).
+int loginTimeoutHandle(uint32_t id, void* data);
 // Re-arms the idle timer of every entry (the data model changed).
 void updateLoginTimer(void);
+// Adds "Set-Cookie: Session=...".
+void setSessionCookie(WHttpReqCtx* ctx, CgHttpResponse* response);
+// Prints the table on the console.
+void dumpLoginEntry(void);
+
+// Daemon-wide values beside the table.
+void setCurrentUserName(const char* user);
+void setCurrentSessionID(const char* sessionID);
+std::string currentSessionID(void);

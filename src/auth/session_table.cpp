@@ -1,24 +1,303 @@
+// Session table: login entries, session ids and keys, idle timers, the
+// session cookie.
 #include <syslog.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <list>
+#include <mutex>
+
+#include "auth/retry_table.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
-#include "rest/whttpd_rest.h"
+#include "datamodel/oid_names.h"
+#include "platform/json_util.h"
+#include "platform/wcfg.h"
+#include "timer/uitimer.h"
 
-// Logins and their entries arrive with the login handler; until then the
-// table stays empty and every walk finds nothing.
+namespace {
 
-void storeSessionKey(CgHttpRequest* /*request*/, int32_t /*key*/) {}
+const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+const int kMinIdleSeconds = 300;
 
-const char* getCookieUser(CgHttpRequest* /*request*/) {
-    return nullptr;
+// The table and the serial numbers of its entries; guarded by
+// gSessionTableMutex.  The list keeps entries at fixed addresses until they
+// are erased.
+std::list<LoginEntry> gTable;
+uint64_t gNextSerial = 0;
+
+uint8_t gSeeded = 0;  // guarded by gSessionKeyMutex
+
+// Current user name and session id of the daemon, written by every request
+// thread.
+std::mutex gCurrentMutex;
+char gCurrentUserName[17] = "";
+char gCurrentSessionID[SESSION_ID_LEN + 1] = "";
+
+class TableLock {
+  public:
+    TableLock() { pthread_mutex_lock(&gSessionTableMutex); }
+    ~TableLock() { pthread_mutex_unlock(&gSessionTableMutex); }
+    TableLock(const TableLock&) = delete;
+    TableLock& operator=(const TableLock&) = delete;
+};
+
+const char* remoteOf(WHttpReqCtx* ctx) {
+    const char* a = ctx && ctx->request ? cg_http_request_getremoteaddress(ctx->request) : nullptr;
+    return a ? a : "";
+}
+const char* localOf(WHttpReqCtx* ctx) {
+    const char* a = ctx && ctx->request ? cg_http_request_getlocaladdress(ctx->request) : nullptr;
+    return a ? a : "";
 }
 
-void dumpLoginEntry(void) {
-    wos_pk("========================================\n");
+// The entry of all four: client address, local address, user, session id.
+std::list<LoginEntry>::iterator findExact(WHttpReqCtx* ctx, const char* user, const char* sid) {
+    const char* remote = remoteOf(ctx);
+    const char* local = localOf(ctx);
+    for (auto it = gTable.begin(); it != gTable.end(); ++it) {
+        if (!strcmp(it->remoteHost, remote) && !strcmp(it->localHost, local) &&
+            !strcmp(it->userName, user) && !strcmp(it->sessionID, sid))
+            return it;
+    }
+    return gTable.end();
+}
+
+void* timerData(const LoginEntry* entry) {
+    return reinterpret_cast<void*>(static_cast<uintptr_t>(entry->serial));
+}
+
+// The account's idle time in seconds, raised to the five-minute floor.
+int idleSeconds(const char* user) {
+    static const int32_t oid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
+    int idle = 0;
+    bool found = false;
+    objIndex_t iid{};
+    json_object* obj = nullptr;
+    while (wcfgFeObjJsonGetNext(oid, &iid, &obj) == WCFG_SUCCESS) {
+        JsonPtr owned(obj);
+        if (!strcmp(jsonString(obj, "Username"), user)) {
+            json_object* v = nullptr;
+            if (json_object_object_get_ex(obj, "AccountIdleTime", &v))
+                idle = json_object_get_int(v);
+            found = true;
+            break;
+        }
+    }
+    if (!found || idle < kMinIdleSeconds)
+        idle = kMinIdleSeconds;
+    return idle;
+}
+
+}  // namespace
+
+void genSessionID(char* out) {
+    memset(out, 0, SESSION_ID_LEN + 1);
+    pthread_mutex_lock(&gSessionKeyMutex);
+    if (gSeeded != 1) {
+        srand(static_cast<unsigned>(time(nullptr)));
+        gSeeded = 1;
+    }
+    for (int i = 0; i < SESSION_ID_LEN; ++i)
+        out[i] = kAlphabet[rand() % 62];
+    pthread_mutex_unlock(&gSessionKeyMutex);
+}
+
+int32_t getSessionKey(void) {
+    for (int i = 0; i < 10; ++i) {
+        UITime t{};
+        getMonotonicTime(&t);
+        if (t.usec != 0)
+            return static_cast<int32_t>(t.usec);
+    }
+    return 0;
+}
+
+void setLoginTimer(LoginEntry* entry) {
+    uint64_t ms = static_cast<uint64_t>(idleSeconds(entry->userName)) * 1000;
+    if (ms > UINT32_MAX)
+        ms = UINT32_MAX;
+    entry->timerID = static_cast<uint32_t>(
+        UITimerStart(static_cast<uint32_t>(ms), loginTimeoutHandle, timerData(entry)));
+}
+
+void resetLoginTimer(LoginEntry* entry) {
+    UITimerStop(entry->timerID);
+    setLoginTimer(entry);
+}
+
+int loginTimeoutHandle(uint32_t id, void* data) {
+    uint64_t serial = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(data));
+    TableLock lock;
+    for (auto it = gTable.begin(); it != gTable.end(); ++it) {
+        // A timer that was re-armed or whose entry is gone has nothing to end.
+        if (it->serial == serial && it->timerID == id) {
+            it->timeout = 1;
+            gTable.erase(it);
+            break;
+        }
+    }
+    return 0;
+}
+
+LoginEntry* findLoginEntry(WHttpReqCtx* ctx, const char* user, const char* sessionID) {
+    auto it = findExact(ctx, user ? user : "", sessionID ? sessionID : "");
+    return it == gTable.end() ? nullptr : &*it;
+}
+
+LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user) {
+    wos_pk("%s(): Add this account to login entry\n", "addLoginEntry");
+    LoginEntry& entry = gTable.emplace_back();
+    memset(&entry, 0, sizeof entry);
+    entry.serial = ++gNextSerial;
+    wos_strlcpy(entry.userName, user, sizeof entry.userName);
+    wos_strlcpy(entry.remoteHost, remoteOf(ctx), sizeof entry.remoteHost);
+    wos_strlcpy(entry.localHost, localOf(ctx), sizeof entry.localHost);
+    entry.timeout = 0;
+    genSessionID(entry.sessionID);
+    entry.flag1 = 0;
+    entry.flag2 = 0;
+    setCurrentSessionID(entry.sessionID);
+    setLoginTimer(&entry);
+    wlog_syslog(LOG_INFO, "Account: User '%s' login from the host(%s).\n", entry.userName,
+                entry.remoteHost);
+    retryTableMgt("remove", user);
+    return &entry;
+}
+
+int countLoginEntries(void) {
+    TableLock lock;
+    return static_cast<int>(gTable.size());
+}
+
+int isLoginEntryExist(const char* user, const char* sessionID) {
+    TableLock lock;
+    for (const LoginEntry& e : gTable) {
+        if (!strcmp(e.userName, user) && !strcmp(e.sessionID, sessionID))
+            return 1;
+    }
+    return 0;
+}
+
+int checkSessionKey(WHttpReqCtx* ctx, int32_t key) {
+    TableLock lock;
+    auto it = findExact(ctx, ctx->userName, ctx->sessionID);
+    return (it != gTable.end() && it->sessionKey == key) ? 1 : 0;
+}
+
+void storeSessionKey(CgHttpRequest* request, int32_t key) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    if (!ctx)
+        return;
+    TableLock lock;
+    auto it = findExact(ctx, ctx->userName, ctx->sessionID);
+    if (it != gTable.end())
+        it->sessionKey = key;
+}
+
+int checkLoginEntry(WHttpReqCtx* ctx) {
+    if (!ctx->userName[0] || !ctx->sessionID[0])
+        return -1;
+    const char* remote = remoteOf(ctx);
+    const char* local = localOf(ctx);
+    TableLock lock;
+    for (auto it = gTable.begin(); it != gTable.end(); ++it) {
+        if (strcmp(it->localHost, local) || strcmp(it->userName, ctx->userName) ||
+            strcmp(it->sessionID, ctx->sessionID))
+            continue;
+        if (strcmp(it->remoteHost, remote) != 0) {
+            // The session id was presented from another host: the session ends.
+            UITimerStop(it->timerID);
+            gTable.erase(it);
+            return 2;
+        }
+        if (it->timeout == 1) {
+            setCurrentSessionID("");
+            wlog_syslog(LOG_INFO,
+                        "Account: User '%s' from the host(%s) will be logout because session is "
+                        "timeout.\n",
+                        it->userName, it->remoteHost);
+            gTable.erase(it);
+            return 1;
+        }
+        resetLoginTimer(&*it);
+        return 0;
+    }
+    return -1;
+}
+
+int delLoginEntry(WHttpReqCtx* ctx) {
+    if (!ctx->userName[0] || !ctx->sessionID[0])
+        return 0;
+    TableLock lock;
+    setCurrentSessionID(ctx->sessionID);
+    auto it = findExact(ctx, ctx->userName, ctx->sessionID);
+    if (it == gTable.end())
+        return 0;
+    UITimerStop(it->timerID);
+    setCurrentSessionID("");
+    wlog_syslog(LOG_INFO, "Account: User '%s' Session ID = %s : logout from the host(%s).\n",
+                it->userName, it->sessionID, it->remoteHost);
+    gTable.erase(it);
+    return 1;
+}
+
+std::string getCookieUser(CgHttpRequest* request) {
+    const char* sid = cg_http_request_getcookie(request, "Session");
+    if (!sid || !*sid)
+        return "";
+    TableLock lock;
+    for (const LoginEntry& e : gTable) {
+        if (!strcmp(e.sessionID, sid))
+            return e.userName;
+    }
+    return "";
 }
 
 void updateLoginTimer(void) {
     wlog_syslog(LOG_INFO, "data model change, update login timer.\n");
-    pthread_mutex_lock(&gSessionTableMutex);
-    pthread_mutex_unlock(&gSessionTableMutex);
+    TableLock lock;
+    for (LoginEntry& e : gTable) {
+        if (e.timeout != 1)
+            resetLoginTimer(&e);
+    }
+}
+
+void setSessionCookie(WHttpReqCtx* ctx, CgHttpResponse* response) {
+    char cookie[256];
+    snprintf(cookie, sizeof cookie, "Session=%s; path=/; HttpOnly; SameSite=Strict",
+             ctx->sessionID);
+    cg_http_response_addheader(response, "Set-Cookie", cookie);
+}
+
+void dumpLoginEntry(void) {
+    const char* rule = "========================================\n";
+    TableLock lock;
+    for (const LoginEntry& e : gTable) {
+        wos_pk("%s", rule);
+        wos_pk("userName=%s\n", e.userName);
+        wos_pk("remoteHost=%s\n", e.remoteHost);
+        wos_pk("localHost=%s\n", e.localHost);
+        wos_pk("timeout=%d\n", e.timeout);
+        wos_pk("timerID=%d\n", static_cast<int>(e.timerID));
+        wos_pk("sessionID=%s\n", e.sessionID);
+        wos_pk("sessionKey=%d\n", e.sessionKey);
+    }
+    wos_pk("%s", rule);
+}
+
+void setCurrentUserName(const char* user) {
+    std::lock_guard<std::mutex> lock(gCurrentMutex);
+    wos_strlcpy(gCurrentUserName, user, sizeof gCurrentUserName);
+}
+
+void setCurrentSessionID(const char* sessionID) {
+    std::lock_guard<std::mutex> lock(gCurrentMutex);
+    wos_strlcpy(gCurrentSessionID, sessionID, sizeof gCurrentSessionID);
+}
+
+std::string currentSessionID(void) {
+    std::lock_guard<std::mutex> lock(gCurrentMutex);
+    return gCurrentSessionID;
 }

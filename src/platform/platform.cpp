@@ -110,6 +110,15 @@ void wos_pk(const char* fmt, ...) {
     fflush(stdout);
 }
 
+void wos_strlcpy(char* dst, const char* src, size_t size) {
+    if (!dst || size == 0)
+        return;
+    size_t n = src ? strnlen(src, size - 1) : 0;
+    if (n)
+        memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
 void wos_sleep(unsigned sec) {
     static const long msPerSecond = [] {
         const char* v = getenv("WHTTPD_SECOND_MS");

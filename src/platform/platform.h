@@ -33,6 +33,9 @@ void platformBlockStopSignals();
 int wos_formsys(int flags, const char* cmd);
 // printf to the console (standard output), flushed.
 void wos_pk(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Copies at most size-1 bytes of `src` (nullptr counts as "") and always
+// terminates `dst`; the copy is cut, never overrun.
+void wos_strlcpy(char* dst, const char* src, size_t size);
 // Sleeps for `sec` platform seconds.  WHTTPD_SECOND_MS shortens a platform
 // second for tests (default 1000 ms).
 void wos_sleep(unsigned sec);

@@ -6,12 +6,17 @@
 #include <cstring>
 #include <string>
 
+#include "auth/auth_handlers.h"
 #include "auth/login_auth.h"
+#include "auth/session.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
 
 // Rows are matched by prefix, first row first, so their order matters.
 const WHttpUriRow gRestUriTable[] = {
+    {"UserLogin", wHttpUserLoginHandle},
+    {"UserLogout", wHttpUserLogoutHandle},
+    {"UserUpdate", wHttpUserUpdateHandle},
     {nullptr, nullptr},
 };
 
@@ -23,10 +28,10 @@ bool modifying(const char* method) {
            (!strcmp(method, "POST") || !strcmp(method, "PUT") || !strcmp(method, "DELETE"));
 }
 
-// Whether the caller's session holds `key`.  Sessions come with logins; until
-// a login entry exists no key matches.
-bool sessionHoldsKey(CgHttpRequest* /*request*/, int32_t /*key*/) {
-    return false;
+// Whether the caller's session holds `key`.
+bool sessionHoldsKey(CgHttpRequest* request, int32_t key) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    return ctx && checkSessionKey(ctx, key) == 1;
 }
 
 int keyCheck(CgHttpRequest* request) {

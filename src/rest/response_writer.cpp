@@ -6,7 +6,6 @@
 #include "auth/session.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
-#include "timer/uitimer.h"
 
 int wHttpSetOperStatus(json_object* doc, const char* text) {
     if (!doc)
@@ -41,18 +40,6 @@ bool isModifying(const char* method) {
            (!strcmp(method, "PUT") || !strcmp(method, "POST") || !strcmp(method, "DELETE"));
 }
 
-// A new session key: the nanoseconds of the monotonic clock (0 after ten
-// readings without any).
-int32_t newSessionKey() {
-    UITime t{};
-    for (int i = 0; i < 10; ++i) {
-        getMonotonicTime(&t);
-        if (t.usec != 0)
-            return static_cast<int32_t>(t.usec);
-    }
-    return 0;
-}
-
 }  // namespace
 
 void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
@@ -71,7 +58,7 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
         if (!doc)
             doc = json_object_new_object();
         if (json_object_is_type(doc, json_type_object)) {
-            int32_t key = newSessionKey();
+            int32_t key = getSessionKey();
             storeSessionKey(request, key);
             json_object_object_add(doc, "sessionkey", json_object_new_int(key));
         }

@@ -27,12 +27,15 @@ std::string slurp(const std::string& file) {
 }
 
 pid_t spawn(const std::vector<std::string>& argv, const std::string& root, const std::string& out,
-            const std::string& err) {
+            const std::string& err,
+            const std::vector<std::pair<std::string, std::string>>& env = {}) {
     pid_t pid = fork();
     if (pid != 0)
         return pid;
     setenv("WHTTPD_ROOT", root.c_str(), 1);
     setenv("WHTTPD_SECOND_MS", "10", 1);
+    for (const auto& [name, value] : env)
+        setenv(name.c_str(), value.c_str(), 1);
     int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (o >= 0)
@@ -115,7 +118,7 @@ bool Daemon::start(const DeviceRoot& root, const std::vector<std::string>& args)
     errFile_ = root.dir() + "/.daemon" + std::to_string(serial) + ".err";
     std::vector<std::string> argv{WHTTPD_BIN};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_ = spawn(argv, root.dir(), outFile_, errFile_);
+    pid_ = spawn(argv, root.dir(), outFile_, errFile_, env_);
     return pid_ > 0;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace e2e {
@@ -32,6 +33,10 @@ class Daemon {
     // Starts build/whttpd_rest with `args` in `root`; a platform second lasts
     // 10 ms so that the certificate wait passes quickly.
     bool start(const DeviceRoot& root, const std::vector<std::string>& args);
+    // An environment variable for the next start.
+    void setEnv(const std::string& name, const std::string& value) {
+        env_.emplace_back(name, value);
+    }
     // Waits until the daemon accepts connections on `port`.
     bool waitReady(int port, int timeoutMs = 30000);
     // Sends a signal; waits for the exit and returns the exit status.
@@ -48,6 +53,7 @@ class Daemon {
   private:
     pid_t pid_ = -1;
     std::string outFile_, errFile_;
+    std::vector<std::pair<std::string, std::string>> env_;
 };
 
 struct Reply {

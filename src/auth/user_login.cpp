@@ -1,0 +1,86 @@
+// The UserLogin handler: checks the user name and password of the body, opens
+// or reuses the caller's login entry and answers the cookie, the session key
+// and the method list.
+#include <cstring>
+
+#include "rest/access_check.h"
+#include "auth/auth_handlers.h"
+#include "auth/login_auth.h"
+#include "auth/session.h"
+#include "daemon/whttpd.h"
+
+namespace {
+
+json_object* methodList() {
+    json_object* list = json_object_new_array();
+    for (const WHttpUriRow* row = gRestUriTable; row->name; ++row) {
+        if (row->name[0] == '/')
+            continue;
+        char uri[128];
+        snprintf(uri, sizeof uri, "%s%s%s", "/api/", "v1/", row->name);
+        json_object_array_add(list, json_object_new_string(uri));
+    }
+    return list;
+}
+
+}  // namespace
+
+int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    CgHttpResponse* response = cg_http_response_new();
+    json_object* doc = json_object_new_object();
+
+    int count = countLoginEntries();
+    wos_pk(
+        "Current amount of login user are = %d, Maximum number of login account is %d (0 means "
+        "login account number is unlimited)\n",
+        count, gWhttpd.maxLoginAccounts);
+    if (gWhttpd.maxLoginAccounts != 0 && count >= gWhttpd.maxLoginAccounts) {
+        cg_http_response_setstatuscode(response, 401);
+        wHttpSetOperStatus(doc, "Maximum number of login account has reached");
+        wHttpJsonResponse_restapi(request, response, doc, 0, 0);
+        return 1;
+    }
+
+    char lockInfo[32] = "";
+    const char* result = wHttpLoginAuth(ctx, 1, lockInfo, sizeof lockInfo);
+    if (strcmp(result, "Success") != 0) {
+        if (lockInfo[0])
+            WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() %s %s\n", __func__, result, lockInfo);
+        wHttpdSessionFailHandle(result, request);
+        cg_http_response_delete(response);
+        json_object_put(doc);
+        return 1;
+    }
+
+    if (wHttpCheckAccessPermission(request, ctx->userName) != 1) {
+        cg_http_response_setstatuscode(response, 400);
+        wHttpSetOperStatus(doc, "HTTP permission denied");
+        wHttpJsonResponse_restapi(request, response, doc, 0, 0);
+        return 1;
+    }
+
+    int32_t key = 0;
+    pthread_mutex_lock(&gSessionTableMutex);
+    LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
+    if (!entry) {
+        entry = addLoginEntry(ctx, ctx->userName);
+        wos_strlcpy(ctx->sessionID, entry->sessionID, sizeof ctx->sessionID);
+    }
+    if (entry->timeout) {
+        entry->timeout = 0;
+        setLoginTimer(entry);
+    }
+    key = getSessionKey();
+    entry->sessionKey = key;
+    memset(entry->reserved, 0, sizeof entry->reserved);
+    pthread_mutex_unlock(&gSessionTableMutex);
+
+    cg_http_response_setstatuscode(response, 200);
+    setSessionCookie(ctx, response);
+    json_object_object_add(doc, "sessionkey", json_object_new_int(key));
+    wHttpSetOperStatus(doc, result);
+    wHttpSetMethodList(doc, methodList());
+    wHttpJsonResponse_restapi(request, response, doc, 0, 0);
+    return 1;
+}

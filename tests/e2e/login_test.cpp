@@ -1,0 +1,390 @@
+// Login, the failed-login lock and the session check of every other request,
+// with the real daemon, store and HTTPS client.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "client.h"
+#include "harness.h"
+
+using e2e::Client;
+using e2e::Daemon;
+using e2e::DeviceRoot;
+using e2e::operStatus;
+using e2e::Reply;
+using e2e::Session;
+
+namespace {
+
+const char* const kUserAccount = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
+const char* const kHidden = "Invalid Username or Password";
+
+size_t count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+void sleepMs(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+}  // namespace
+
+TEST(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
+    DeviceRoot root;
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+
+    Session s;
+    Reply r = c.login("admin", "1234abcd", &s);
+    ASSERT_EQ(200, r.status) << r.body;
+    EXPECT_TRUE(std::regex_search(
+        r.headers,
+        std::regex("Set-Cookie: Session=[A-Za-z0-9]{32}; path=/; HttpOnly; SameSite=Strict\r\n")))
+        << r.headers;
+    EXPECT_EQ("Success", operStatus(r));
+    EXPECT_GE(s.key, 0);
+    EXPECT_LE(s.key, 999999999);
+    EXPECT_NE(std::string::npos, r.body.find("\"MethodList\": [ \"\\/api\\/v1\\/UserLogin\", "
+                                             "\"\\/api\\/v1\\/UserLogout\""))
+        << r.body;
+    EXPECT_NE(std::string::npos, r.body.find("\"\\/api\\/v1\\/UserUpdate\"")) << r.body;
+    EXPECT_EQ(0u, r.body.find("{ \"sessionkey\": ")) << r.body;
+
+    // Logins in the same second get different ids from the one generator.
+    std::set<std::string> ids{s.id};
+    for (int i = 0; i < 2; ++i) {
+        Session other;
+        ASSERT_EQ(200, c.login("user", "user1234", &other).status);
+        EXPECT_TRUE(ids.insert(other.id).second);
+    }
+
+    // The session passes the check: an unknown URI is answered 200.
+    r = c.request("GET", "Unknown", "", &s);
+    EXPECT_EQ(200, r.status);
+    EXPECT_EQ("{ \"oper_status\": \"Invalid URI\" }", r.body);
+
+    // Logging in again with the cookie reuses the entry: same id, new key.
+    Session again;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &again, &s).status);
+    EXPECT_EQ(s.id, again.id);
+    EXPECT_NE(s.key, again.key);
+    EXPECT_EQ(403, c.request("PUT", e2e::withKey("Unknown", s), "{}", &s).status);
+    EXPECT_EQ(200, c.request("PUT", e2e::withKey("Unknown", again), "{}", &again).status);
+
+    // SIGUSR1 prints the table: three entries, the reused one once.
+    d.signal(SIGUSR1);
+    ASSERT_TRUE(d.waitForOutput("sessionKey=" + std::to_string(again.key)));
+    sleepMs(100);
+    std::string out = d.out();
+    EXPECT_EQ(1u, count(out, "sessionID=" + s.id));
+    EXPECT_EQ(3u, count(out, "addLoginEntry(): Add this account to login entry"));
+    EXPECT_NE(std::string::npos, out.find("userName=admin\nremoteHost=127.0.0.1\nlocalHost="
+                                          "127.0.0.1\ntimeout=0\n"));
+    EXPECT_NE(std::string::npos, out.find("Current amount of login user are = 3, Maximum number of "
+                                          "login account is 4"));
+    EXPECT_NE(std::string::npos,
+              d.err().find("Account: User 'admin' login from the host(127.0.0.1)."));
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Login, EachFailureHasItsTextAndStatus) {
+    DeviceRoot root;
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.", "{\"Enabled\":false}"}));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+
+    // No body, or an empty one.
+    Reply r = c.request("POST", "UserLogin");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("{ \"oper_status\": \"InitLogin\" }", r.body);
+    EXPECT_EQ(std::string::npos, r.headers.find("Cache-Control"));
+    r = c.request("POST", "UserLogin", "{\"username\":\"admin\"}",
+                  nullptr);  // a body without a password
+    EXPECT_EQ(kHidden, operStatus(r));
+
+    // A wrong password, a disabled account: one text for both.
+    r = c.login("user", "wrong-pass1");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ(kHidden, operStatus(r));
+    r = c.login("supervisor", "Sup3rvisor!");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ(kHidden, operStatus(r));
+    ASSERT_TRUE(d.waitForOutput(
+        "Account: Enter an invalid password for User 'user' form the host(127.0.0.1)."));
+    ASSERT_TRUE(d.waitForOutput("Account: Enter an invalid username form the host(127.0.0.1)."));
+
+    // Session check: no cookie, an unknown id.
+    r = c.request("GET", "Unknown");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("{ \"oper_status\": \"Invalid Session ID\" }", r.body);
+    Session bogus{"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA", 0};
+    r = c.request("GET", "Unknown", "", &bogus);
+    EXPECT_EQ(504, r.status);
+    EXPECT_EQ("{ \"oper_status\": \"Timeout\" }", r.body);
+    ASSERT_TRUE(d.waitForOutput("uri=Unknown authResult=Timeout"));
+
+    // "UserLogin?x=1" is not the login name: it is session-checked first.
+    r = c.request("POST", "UserLogin?x=1", "{\"username\":\"admin\",\"password\":\"1234abcd\"}");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("Invalid Session ID", operStatus(r));
+
+    // Another version gets no answer at all.
+    Reply none =
+        e2e::https("GET", "https://127.0.0.1:" + std::to_string(port) + "/api/v2/UserLogin");
+    EXPECT_EQ(0, none.status);
+
+    // A live session used on another local address: the entry is not found
+    // there ("Internal Error"); from another client address it ends
+    // ("Invalid Session ID"), after which the first client finds nothing.
+    Session s;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
+    Client otherLocal(port, "127.0.0.3", "127.0.0.1");
+    r = otherLocal.request("GET", "Unknown", "", &s);
+    EXPECT_EQ(500, r.status);
+    EXPECT_EQ("Internal Error", operStatus(r));
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &s).status);
+    Client otherClient(port, "127.0.0.1", "127.0.0.2");
+    r = otherClient.request("GET", "Unknown", "", &s);
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("Invalid Session ID", operStatus(r));
+    r = c.request("GET", "Unknown", "", &s);
+    EXPECT_EQ(504, r.status);
+    EXPECT_EQ("Timeout", operStatus(r));
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
+    DeviceRoot root;
+    ASSERT_EQ(
+        0, root.wcfgctl({"set", kUserAccount, "{\"AccountRetryTime\":3,\"AccountLockTime\":3}"}));
+    Daemon d;
+    d.setEnv("WLOG_LEVEL", "7");
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    auto locks = [&] { return count(d.err(), "Locked User AfterLockTime="); };
+
+    Session s;
+    ASSERT_EQ(200, c.login("user", "user1234", &s).status);
+
+    // Two failures are only counted; the third locks for 3 seconds.
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass1")));
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass2")));
+    EXPECT_EQ(0u, locks());
+    Reply r = c.login("user", "bad-pass3");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ(kHidden, operStatus(r));
+    EXPECT_NE(std::string::npos, d.err().find("Locked User AfterLockTime=3"));
+
+    // Locked: even the right password is refused; other users are not.
+    r = c.login("user", "user1234");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ(kHidden, operStatus(r));
+    EXPECT_EQ(2u, locks());
+    EXPECT_NE(std::string::npos, d.out().find("isRestriction: This account is locked"));
+    Session admin;
+    EXPECT_EQ(200, c.login("admin", "1234abcd", &admin).status);
+    // A locked user's session requests are refused as well.
+    EXPECT_EQ(401, c.request("GET", "Unknown", "", &s).status);
+
+    sleepMs(3200);
+    // The lock is over.  The first failure after it counts past the limit
+    // without a new fail time, so the lock test resets the count to 1.
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass4")));
+    EXPECT_EQ(2u, locks());
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass5")));
+    EXPECT_EQ(2u, locks());
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass6")));
+    EXPECT_EQ(3u, locks());
+
+    sleepMs(3200);
+    // A login that reuses its entry leaves one failure on record: two more
+    // failures lock again.
+    r = c.login("user", "user1234", nullptr, &s);
+    EXPECT_EQ(200, r.status) << r.body;
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass7")));
+    EXPECT_EQ(3u, locks());
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass8")));
+    EXPECT_EQ(4u, locks());
+
+    sleepMs(3200);
+    // A login that makes a new entry forgets the failures.
+    Session fresh;
+    ASSERT_EQ(200, c.login("user", "user1234", &fresh).status);
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass9")));
+    EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass10")));
+    EXPECT_EQ(4u, locks());
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Login, UnknownNamesLockThePseudoUser) {
+    DeviceRoot root;
+    Daemon d;
+    d.setEnv("WLOG_LEVEL", "7");
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    Reply r = c.login("nobody", "whatever1");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ(kHidden, operStatus(r));
+    EXPECT_NE(std::string::npos, d.err().find("Locked User AfterLockTime=300"));
+    r = c.login("someone", "whatever2");
+    EXPECT_EQ(kHidden, operStatus(r));
+    EXPECT_EQ(2u, count(d.err(), "Locked User AfterLockTime=")) << d.err();
+    // Known users are not affected.
+    EXPECT_EQ(200, c.login("admin", "1234abcd").status);
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Login, MaximumNumberOfLoginAccounts) {
+    DeviceRoot root;
+    ASSERT_EQ(
+        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":2}"}));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    Session a, b;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &a).status);
+    ASSERT_EQ(200, c.login("user", "user1234", &b).status);
+    // Full: also for a user that already has an entry.
+    Reply r = c.login("admin", "1234abcd", nullptr, &a);
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("{ \"oper_status\": \"Maximum number of login account has reached\" }", r.body);
+    EXPECT_NE(std::string::npos, r.headers.find("Cache-Control: no-cache"));
+    // A logout makes room.
+    r = c.request("POST", e2e::withKey("UserLogout", b), "", &b);
+    EXPECT_EQ("Success", operStatus(r));
+    EXPECT_EQ(200, c.login("supervisor", "Sup3rvisor!").status);
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Session, KeysGuardModifyingRequestsAndLogoutEndsTheSession) {
+    DeviceRoot root;
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    Session s;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
+
+    // GET needs no key; PUT, POST and DELETE need the session's own.
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &s).status);
+    for (const char* method : {"PUT", "POST", "DELETE"}) {
+        Reply r = c.request(method, "Unknown", "{}", &s);
+        EXPECT_EQ(403, r.status) << method;
+        EXPECT_EQ("{ \"oper_status\": \"Invalid SessionKey\" }", r.body);
+        Session wrong = s;
+        wrong.key = s.key + 1;
+        EXPECT_EQ(403, c.request(method, e2e::withKey("Unknown", wrong), "{}", &s).status);
+        r = c.request(method, e2e::withKey("Unknown", s), "{}", &s);
+        EXPECT_EQ(200, r.status) << method;
+        EXPECT_EQ("Invalid URI", operStatus(r));
+    }
+    // The key belongs to the client's own entry: from another session it fails.
+    Session other;
+    ASSERT_EQ(200, c.login("user", "user1234", &other).status);
+    Session mixed{other.id, s.key};
+    if (other.key != s.key) {
+        EXPECT_EQ(403, c.request("PUT", e2e::withKey("Unknown", mixed), "{}", &mixed).status);
+    }
+
+    // Logout only by POST.
+    Reply r = c.request("GET", "UserLogout", "", &s);
+    EXPECT_EQ("{ \"oper_status\": \"Success\" }", r.body);
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &s).status);
+    EXPECT_EQ(403, c.request("POST", "UserLogout", "", &s).status);
+    r = c.request("POST", e2e::withKey("UserLogout", s), "", &s);
+    EXPECT_EQ(200, r.status);
+    EXPECT_EQ("Success", operStatus(r));
+    ASSERT_TRUE(d.waitForOutput("Account: User 'admin' Session ID = " + s.id +
+                                " : logout from the host(127.0.0.1)."));
+    EXPECT_EQ(504, c.request("GET", "Unknown", "", &s).status);
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &other).status);
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Session, IdleTimersFollowTheAccountAndTheDataModelNotice) {
+    DeviceRoot root;
+    ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount, "{\"AccountIdleTime\":60}"}));
+    e2e::Uptime clock(root);
+    Daemon d;
+    int port = e2e::startDaemon(d, root, &clock);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    auto settle = [] { sleepMs(300); };  // several ticks of the timer thread
+
+    // 60 seconds are raised to 300; each request restarts the period.
+    Session u;
+    ASSERT_EQ(200, c.login("user", "user1234", &u).status);
+    clock.advance(250);
+    settle();
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &u).status);
+    clock.advance(250);
+    settle();
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &u).status);
+    clock.advance(301);
+    settle();
+    EXPECT_EQ(504, c.request("GET", "Unknown", "", &u).status);
+
+    // 900 seconds for the supervisor.
+    Session sup;
+    ASSERT_EQ(200, c.login("supervisor", "Sup3rvisor!", &sup).status);
+    clock.advance(850);
+    settle();
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &sup).status);
+
+    // A changed idle time takes effect with the data-model notice, which
+    // restarts every period.
+    Session a;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &a).status);
+    clock.advance(200);
+    settle();
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.",
+                               "{\"AccountIdleTime\":600}"}));
+    ASSERT_EQ(0, root.wcfgctl({"notify"}));
+    ASSERT_TRUE(d.waitForOutput("data model change, update login timer."));
+    settle();
+    clock.advance(500);
+    settle();
+    EXPECT_EQ(200, c.request("GET", "Unknown", "", &a).status);
+    clock.advance(601);
+    settle();
+    EXPECT_EQ(504, c.request("GET", "Unknown", "", &a).status);
+    EXPECT_EQ(504, c.request("GET", "Unknown", "", &sup).status);
+
+    d.signal(SIGUSR1);
+    sleepMs(200);
+    EXPECT_EQ(std::string::npos, d.out().find("userName="));
+    EXPECT_EQ(0, d.stop());
+}
+
+TEST(Session, Ipv6ClientsHaveSessionsOfTheirOwn) {
+    DeviceRoot root;
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client v6(port, "::1");
+    Client v4(port);
+    Session s;
+    ASSERT_EQ(200, v6.login("admin", "1234abcd", &s).status);
+    EXPECT_EQ(200, v6.request("GET", "Unknown", "", &s).status);
+    // The IPv4 client is another client address and another local address.
+    EXPECT_EQ(500, v4.request("GET", "Unknown", "", &s).status);
+    d.signal(SIGUSR1);
+    ASSERT_TRUE(d.waitForOutput("remoteHost=::1\nlocalHost=::1\n"));
+    EXPECT_EQ(0, d.stop());
+}

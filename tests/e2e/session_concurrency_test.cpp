@@ -1,0 +1,108 @@
+// Many clients log in, make requests and log out at once while idle timers
+// fire, the data-model notice re-arms timers and SIGUSR1 dumps the table.
+// Run under AddressSanitizer and ThreadSanitizer builds of the daemon, this
+// finds races and use-after-free in the session table.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client.h"
+#include "harness.h"
+
+using e2e::Client;
+using e2e::Daemon;
+using e2e::DeviceRoot;
+using e2e::Reply;
+using e2e::Session;
+
+TEST(SessionConcurrent, ManyClientsWhileIdleTimersFire) {
+    DeviceRoot root;
+    ASSERT_EQ(
+        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
+    e2e::Uptime clock(root);
+    Daemon d;
+    int port = e2e::startDaemon(d, root, &clock);
+    ASSERT_NE(0, port) << d.out() << d.err();
+
+    struct Account {
+        const char* user;
+        const char* password;
+    };
+    const Account accounts[] = {
+        {"admin", "1234abcd"}, {"user", "user1234"}, {"supervisor", "Sup3rvisor!"}};
+    const int kWorkers = 6, kRounds = 20;
+    std::atomic<int> unexpected{0}, logins{0}, timeouts{0};
+    std::atomic<bool> done{false};
+
+    auto worker = [&](int n) {
+        // Half of the clients come from a second loopback address.
+        Client c(port, "127.0.0.1", n % 2 ? "127.0.0.2" : "127.0.0.1");
+        const std::set<long> sessionAnswers{200, 500, 504};
+        for (int i = 0; i < kRounds; ++i) {
+            const Account& a = accounts[(n + i) % 3];
+            Session s;
+            Reply r = c.login(a.user, a.password, &s);
+            if (r.status != 200) {
+                ++unexpected;
+                continue;
+            }
+            ++logins;
+            Reply get = c.request("GET", "Unknown", "", &s);
+            Reply put = c.request("PUT", e2e::withKey("Unknown", s), "{}", &s);
+            Reply out = c.request("POST", e2e::withKey("UserLogout", s), "", &s);
+            for (const Reply* x : {&get, &put, &out}) {
+                if (!sessionAnswers.count(x->status))
+                    ++unexpected;
+                if (x->status == 504)
+                    ++timeouts;
+            }
+        }
+    };
+
+    std::vector<std::thread> threads;
+    for (int n = 0; n < kWorkers; ++n)
+        threads.emplace_back(worker, n);
+    // Meanwhile: move the clock past every idle period, re-arm all timers,
+    // dump the table.
+    std::thread driver([&] {
+        int step = 0;
+        while (!done) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            clock.advance(step % 3 == 0 ? 301 : 60);
+            if (step % 5 == 0)
+                d.signal(SIGUSR1);
+            if (step % 7 == 0)
+                root.wcfgctl({"notify"});
+            ++step;
+        }
+    });
+    for (auto& t : threads)
+        t.join();
+    done = true;
+    driver.join();
+
+    EXPECT_EQ(0, unexpected.load());
+    EXPECT_EQ(kWorkers * kRounds, logins.load());
+
+    // Whatever is left expires; the table ends empty.
+    clock.advance(1000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::string before = d.out();
+    d.signal(SIGUSR1);
+    ASSERT_TRUE(d.waitForOutput("data model change, update login timer."));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::string after = d.out().substr(before.size());
+    EXPECT_EQ(std::string::npos, after.find("userName=")) << after;
+
+    EXPECT_EQ(0, d.stop());
+    std::string err = d.err();
+    EXPECT_EQ(std::string::npos, err.find("Sanitizer")) << err.substr(0, 4000);
+    std::cout << "logins " << logins << ", requests that found their session expired " << timeouts
+              << "\n";
+}
