@@ -69,13 +69,13 @@ TEST(Startup, NewRootGeneratesCertificateServesHttpsAndStopsCleanly) {
     EXPECT_EQ(std::to_string(d.pid()) + "\n", root.read("/var/run/rest_api_server.pid"));
     EXPECT_EQ(std::to_string(d.pid()), root.read("/var/run/extra.pid"));
 
-    // HTTPS on IPv4 and IPv6 (dual stack); without a session the login check
-    // answers "Timeout".
+    // HTTPS on IPv4 and IPv6 (dual stack); without a session cookie the login
+    // check answers "Invalid Session ID".
     for (const char* host : {"127.0.0.1", "[::1]"}) {
         e2e::Reply r = e2e::https("GET", url(port, "/api/v1/MethodList", host));
         ASSERT_TRUE(r.ok) << host;
-        EXPECT_EQ(504, r.status);
-        EXPECT_EQ("{ \"oper_status\": \"Timeout\" }", r.body);
+        EXPECT_EQ(401, r.status);
+        EXPECT_EQ("{ \"oper_status\": \"Invalid Session ID\" }", r.body);
         EXPECT_NE(std::string::npos, r.headers.find("Content-Type: application/json"));
     }
     // A wrong version prefix gets no answer at all.
