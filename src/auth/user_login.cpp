@@ -8,22 +8,7 @@
 #include "auth/login_auth.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
-
-namespace {
-
-json_object* methodList() {
-    json_object* list = json_object_new_array();
-    for (const WHttpUriRow* row = gRestUriTable; row->name; ++row) {
-        if (row->name[0] == '/')
-            continue;
-        char uri[128];
-        snprintf(uri, sizeof uri, "%s%s%s", "/api/", "v1/", row->name);
-        json_object_array_add(list, json_object_new_string(uri));
-    }
-    return list;
-}
-
-}  // namespace
+#include "datamodel/value_handlers.h"
 
 int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
     WHttpReqCtx* ctx = wHttpReqCtx(request);
@@ -80,7 +65,7 @@ int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spar
     setSessionCookie(ctx, response);
     json_object_object_add(doc, "sessionkey", json_object_new_int(key));
     wHttpSetOperStatus(doc, result);
-    wHttpSetMethodList(doc, methodList());
+    wHttpSetMethodList(doc, wHttpMethodList());
     wHttpJsonResponse_restapi(request, response, doc, 0, 0);
     return 1;
 }

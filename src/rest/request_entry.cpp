@@ -9,6 +9,7 @@
 #include "auth/auth_handlers.h"
 #include "auth/login_auth.h"
 #include "auth/session.h"
+#include "datamodel/value_handlers.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
 
@@ -16,7 +17,13 @@
 const WHttpUriRow gRestUriTable[] = {
     {"UserLogin", wHttpUserLoginHandle},
     {"UserLogout", wHttpUserLogoutHandle},
+    {"MethodList", wHttpGetMethodListHandle},
     {"UserUpdate", wHttpUserUpdateHandle},
+    {"APPUICustomization", wHttpAPPUICustomization},
+    {"TR181/Value/", wHttpTR181ValueHandle},
+    // Never reached: "TR181/Value/" is a prefix of it; same handler.
+    {"TR181/Value/MultiObjects", wHttpTR181ValueHandle},
+    {"TR181/SupportedDM/", wHttpTR181SupportedDMHandle},
     {nullptr, nullptr},
 };
 

@@ -1,0 +1,149 @@
+#include "datamodel/obj_by_path.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/whttpd.h"
+#include "datamodel/obj_ops.h"
+#include "datamodel/schema.h"
+#include "platform/wcfg.h"
+
+namespace {
+
+const int kDefaultTableBound = 256;
+
+// Tables whose instances may be added and deleted.
+bool creatable(json_object* node) {
+    json_object* attr = nullptr;
+    return json_object_object_get_ex(node, "_Attribute", &attr) &&
+           strstr(json_object_get_string(attr), "create") &&
+           !strcmp(wHttpSchemaNodeKind(node), "index_object");
+}
+
+}  // namespace
+
+int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_object** answer) {
+    char className[256] = "", lastName[256] = "";
+    int endWithIndex = 0;
+    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, lastName,
+                                          sizeof lastName, &endWithIndex);
+    if (!node)
+        return WCFG_INVALID_OBJECT;
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s tr181ClassName=%s objName=%s endWithIndex=%d\n",
+         __func__, path, className, lastName, endWithIndex);
+    const char* kind = wHttpSchemaNodeKind(node);
+    int isIndexObj;
+    if (!strcmp(kind, "object"))
+        isIndexObj = 0;
+    else if (!strcmp(kind, "index_object"))
+        isIndexObj = 1;
+    else
+        return WCFG_INVALID_OBJECT;
+    int isArray = isIndexObj && !endWithIndex;
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s isIndexObj=%d endWithIndex=%d isArray=%d isTop=%d\n", __func__,
+         isIndexObj, endWithIndex, isArray, top);
+
+    if (isArray) {
+        json_object* array = json_object_new_array();
+        if (top)
+            *answer = array;
+        else
+            json_object_object_add(*answer, lastName, array);
+        json_object* max = nullptr;
+        int bound = json_object_object_get_ex(node, "_MaxLength", &max) ? json_object_get_int(max)
+                                                                        : kDefaultTableBound;
+        for (int i = 1; i <= bound; ++i) {
+            char childPath[256];
+            snprintf(childPath, sizeof childPath, "%s%d.", path, i);
+            json_object* parent = array;
+            int ret = wHttpGetTR181ObjByPath(childPath, 0, firstLevelOnly, &parent);
+            if (ret != 0) {
+                WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s %d\n", __func__, childPath, ret);
+                break;
+            }
+        }
+        return 0;
+    }
+
+    json_object* obj = nullptr;
+    int ret = wHttpGetSingleTR181Obj(path, className, &obj);
+    if (ret != WCFG_SUCCESS) {
+        if (obj)
+            json_object_put(obj);
+        if (ret == WCFG_NO_SUCH_OBJECT && !top && isIndexObj) {
+            // A gap in the instance numbers keeps its place in the table.
+            json_object* marker = json_object_new_object();
+            json_object_object_add(marker, "_EmptyInstance", json_object_new_boolean(1));
+            json_object_array_add(*answer, marker);
+            return 0;
+        }
+        return ret;
+    }
+    if (!obj)
+        obj = json_object_new_object();
+    json_object_object_add(obj, "Cyber_Security_FSC", json_object_new_boolean(0));
+    wHttpSchemaTrimAnswer(node, obj);
+    wHttpSchemaCompleteAnswer(node, obj);
+    if (top)
+        *answer = obj;
+    else if (!isIndexObj)
+        json_object_object_add(*answer, lastName, obj);
+    else
+        json_object_array_add(*answer, obj);
+
+    if (firstLevelOnly)
+        return ret;
+    json_object_object_foreach(node, key, child) {
+        if (key[0] == '_')
+            continue;
+        const char* childKind = wHttpSchemaNodeKind(child);
+        if (strcmp(childKind, "object") != 0 && strcmp(childKind, "index_object") != 0)
+            continue;
+        char childPath[256];
+        snprintf(childPath, sizeof childPath, "%s%s.", path, key);
+        json_object* parent = obj;
+        ret = wHttpGetTR181ObjByPath(childPath, 0, 0, &parent);
+    }
+    return ret;
+}
+
+int wHttpSetTR181ObjByPath(const char* path, json_object* values, uint8_t apply) {
+    char className[256] = "";
+    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, nullptr);
+    if (!node)
+        return WCFG_INVALID_OBJECT;
+    int ret = wHttpSchemaCheckBody(node, values);
+    if (ret != 0)
+        return ret;
+    return wHttpSetSingleTR181Obj(path, className, values, apply);
+}
+
+int wHttpAddTR181ObjByPath(char* path, json_object* values, size_t size) {
+    char className[256] = "";
+    int endWithIndex = 0;
+    json_object* node =
+        wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, &endWithIndex);
+    if (!node || endWithIndex)
+        return WCFG_INVALID_OBJECT;
+    if (!creatable(node))
+        return WCFG_INS_CREATE_ERR;
+    if (values) {
+        int ret = wHttpSchemaCheckBody(node, values);
+        if (ret != 0)
+            return ret;
+    }
+    return wHttpAddSingleTR181Obj(path, className, values, size);
+}
+
+int wHttpDelTR181ObjByPath(const char* path) {
+    char className[256] = "";
+    int endWithIndex = 0;
+    json_object* node =
+        wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, &endWithIndex);
+    if (!node || !endWithIndex)
+        return WCFG_INVALID_OBJECT;
+    if (!creatable(node))
+        return WCFG_INS_CREATE_ERR;
+    return wHttpDelSingleTR181Obj(path, className);
+}

@@ -1,0 +1,121 @@
+#include "datamodel/obj_ops.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "daemon/whttpd.h"
+#include "extobj/whttpd_extobj.h"
+#include "platform/wcfg.h"
+
+#define IID_FMT "%s iid.level=%u [%u, %u, %u, %u, %u, %u]\n"
+#define IID_ARGS(iid) \
+    (iid).level, (iid).idx[0], (iid).idx[1], (iid).idx[2], (iid).idx[3], (iid).idx[4], (iid).idx[5]
+
+int wHttpGetTR181ObjGeneric(const char* path, json_object** out) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    objIndex_t iid{};
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    if (oid < 0)
+        return WCFG_INVALID_OBJECT;
+    int ret = wcfgFeObjJsonGet(oid, &iid, out);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s ret=%d\n", __func__, ret);
+    return ret;
+}
+
+int wHttpSetTR181ObjGeneric(const char* path, json_object* values, uint8_t apply) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    objIndex_t iid{};
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    if (oid < 0)
+        return WCFG_INVALID_OBJECT;
+    int ret =
+        apply ? wcfgFeObjJsonSetWithAdditions(oid, &iid, values, nullptr, WCFG_APPLY_FLAGS, nullptr)
+              : wcfgFeObjJsonSetWithoutApply(oid, &iid, values, nullptr);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s wcfgRet=%d\n", __func__, ret);
+    return ret;
+}
+
+int wHttpAddTR181ObjGeneric(char* path, json_object* values, size_t size) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    objIndex_t iid{};
+    size_t len = strnlen(path, size);
+    if (len + 1 < size) {
+        path[len] = 'i';
+        path[len + 1] = '\0';
+    }
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, IID_FMT, __func__, IID_ARGS(iid));
+    int ret = wcfgFeObjJsonAdd(oid, &iid, nullptr);
+    if (ret != WCFG_SUCCESS)
+        return ret;
+    // "Device.NAT.PortMapping.i" becomes "Device.NAT.PortMapping.<n>.".
+    size_t n = strnlen(path, size);
+    if (n)
+        path[n - 1] = '\0';
+    char shortened[256];
+    wos_strlcpy(shortened, path, sizeof shortened);
+    unsigned inst = iid.level ? iid.idx[iid.level - 1] : 0;
+    snprintf(path, size, "%s%u.", shortened, inst);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d objPath=%s\n", __func__, __LINE__, path);
+    if (values) {
+        ret = wcfgFeObjJsonSetWithAdditions(oid, &iid, values, nullptr, WCFG_APPLY_FLAGS, nullptr);
+        if (ret != WCFG_SUCCESS) {
+            WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d wcfgRet=%d\n", __func__, __LINE__, ret);
+            wcfgFeObjJsonDel(oid, &iid, nullptr);
+            // Every write error reads "Invalid parameter value".
+            return 1;
+        }
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s return iid.level=%u [%u, %u, %u, %u, %u, %u]\n", __func__,
+             IID_ARGS(iid));
+    }
+    return 0;
+}
+
+int wHttpDelTR181ObjGeneric(const char* path) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    objIndex_t iid{};
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, IID_FMT, __func__, IID_ARGS(iid));
+    return wcfgFeObjJsonDel(oid, &iid, nullptr);
+}
+
+int wHttpGetSingleTR181Obj(const char* path, const char* className, json_object** out) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() TR181ClassName=%s\n", __func__, className);
+    int row = vxExtObjFind(className);
+    if (row < 0)
+        return wHttpGetTR181ObjGeneric(path, out);
+    if (!gVxExtObjTable[row].get)
+        return WCFG_INVALID_OBJECT;
+    return gVxExtObjTable[row].get(path, row, out);
+}
+
+int wHttpSetSingleTR181Obj(const char* path, const char* className, json_object* values,
+                           uint8_t apply) {
+    int row = vxExtObjFind(className);
+    if (row < 0)
+        return wHttpSetTR181ObjGeneric(path, values, apply);
+    if (!gVxExtObjTable[row].set)
+        return WCFG_INVALID_OBJECT;
+    return gVxExtObjTable[row].set(path, row, values, apply);
+}
+
+int wHttpAddSingleTR181Obj(char* path, const char* className, json_object* values, size_t size) {
+    int row = vxExtObjFind(className);
+    if (row < 0)
+        return wHttpAddTR181ObjGeneric(path, values, size);
+    if (!gVxExtObjTable[row].add)
+        return WCFG_INVALID_OBJECT;
+    return gVxExtObjTable[row].add(path, row, values);
+}
+
+int wHttpDelSingleTR181Obj(const char* path, const char* className) {
+    int row = vxExtObjFind(className);
+    if (row < 0)
+        return wHttpDelTR181ObjGeneric(path);
+    if (!gVxExtObjTable[row].del)
+        return WCFG_INVALID_OBJECT;
+    return gVxExtObjTable[row].del(path, row);
+}

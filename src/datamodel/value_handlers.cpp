@@ -1,0 +1,244 @@
+// TR181/Value/: read an object, a table or a subtree (GET), write one object
+// or a batch (PUT), add an instance (POST), delete one (DELETE).  Writes are
+// serialised by the data-model request mutex; reads run beside them.
+#include "datamodel/value_handlers.h"
+
+#include <cstring>
+
+#include "daemon/whttpd.h"
+#include "datamodel/obj_by_path.h"
+#include "datamodel/path_parse.h"
+#include "datamodel/return_codes.h"
+#include "extobj/whttpd_extobj.h"
+#include "platform/json_util.h"
+#include "platform/wcfg.h"
+#include "rest/whttpd_rest.h"
+
+namespace {
+
+void send(CgHttpRequest* request, json_object* doc, uint8_t chunked, uint8_t renew) {
+    wHttpJsonResponse_restapi(request, nullptr, doc, chunked, renew);
+}
+
+// Reads an object back after a write: the object's own parameters.
+json_object* readBack(const char* path) {
+    json_object* obj = nullptr;
+    if (wHttpGetTR181ObjByPath(path, 1, 1, &obj) != 0) {
+        if (obj)
+            json_object_put(obj);
+        return nullptr;
+    }
+    return obj;
+}
+
+class DataModelLock {
+  public:
+    DataModelLock() { pthread_mutex_lock(&gDataModelMutex); }
+    ~DataModelLock() { pthread_mutex_unlock(&gDataModelMutex); }
+    DataModelLock(const DataModelLock&) = delete;
+    DataModelLock& operator=(const DataModelLock&) = delete;
+};
+
+bool isTrue(json_object* obj, const char* key) {
+    json_object* v = nullptr;
+    return json_object_object_get_ex(obj, key, &v) && json_object_is_type(v, json_type_boolean) &&
+           json_object_get_boolean(v);
+}
+
+// Sets every element of a batch without apply; answers the read-back
+// elements.  Returns whether any element was written.
+bool setBatch(json_object* list, json_object* result) {
+    bool anySuccess = false;
+    size_t n = json_object_array_length(list);
+    for (size_t i = 0; i < n; ++i) {
+        json_object* element = json_object_array_get_idx(list, i);
+        if (!json_object_is_type(element, json_type_object))
+            continue;
+        char path[256] = "";
+        json_object* pathValue = nullptr;
+        if (json_object_object_get_ex(element, "object_path", &pathValue)) {
+            wos_strlcpy(path, json_object_get_string(pathValue), sizeof path);
+            json_object_object_del(element, "object_path");
+        }
+        int ret = wHttpSetTR181ObjByPath(path, element, 0);
+        if (ret == WCFG_SUCCESS)
+            anySuccess = true;
+        json_object_object_add(element, "object_path", json_object_new_string(path));
+        if (json_object* obj = readBack(path)) {
+            wHttpSetOperStatusByWcfgRet(obj, ret);
+            wHttpSetRequestedPath(obj, path);
+            json_object_array_add(result, obj);
+        }
+    }
+    return anySuccess;
+}
+
+// Applies the whole batch once, through its first element.
+void applyBatch(json_object* list) {
+    size_t n = json_object_array_length(list);
+    for (size_t i = 0; i < n; ++i) {
+        json_object* element = json_object_array_get_idx(list, i);
+        if (!json_object_is_type(element, json_type_object))
+            continue;
+        char path[256] = "";
+        json_object* pathValue = nullptr;
+        if (json_object_object_get_ex(element, "object_path", &pathValue))
+            wos_strlcpy(path, json_object_get_string(pathValue), sizeof path);
+        json_object_object_del(element, "object_path");
+        if (i == 0 && wHttpSetTR181ObjByPath(path, element, 1) != WCFG_SUCCESS)
+            wos_pk("%s()%d: !!! set object %s with apply fail!!!\n", "wHttpTR181ValueSetHandle",
+                   __LINE__, path);
+    }
+}
+
+}  // namespace
+
+int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    json_object* doc = json_object_new_object();
+    char path[256] = "";
+    int firstLevelOnly = 1;
+    if (wHttpParseTR181Path(request, path, &firstLevelOnly) != 0) {
+        wHttpSetRequestedPath(doc, path);
+        wHttpSetOperStatus(doc, "Invalid object");
+    } else {
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s\n", __func__, path);
+        wHttpSetRequestedPath(doc, path);
+        json_object* answer = nullptr;
+        if (wHttpGetTR181ObjByPath(path, 1, firstLevelOnly, &answer) == 0) {
+            wHttpSetOperStatus(doc, "Success");
+            wHttpSetObject(doc, answer);
+        } else {
+            if (answer)
+                json_object_put(answer);
+            wHttpSetOperStatus(doc, "Invalid object");
+        }
+    }
+    send(request, doc, chunked, 0);
+    // The next request on this thread loads and refreshes the hosts again.
+    vxHostsReleaseTable();
+    vxHostsClearRefreshedMark();
+    return 1;
+}
+
+int wHttpTR181ValueSetHandle(CgHttpRequest* request, uint8_t chunked) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    json_object* doc = json_object_new_object();
+    char path[256] = "";
+    if (wHttpParseTR181Path(request, path, nullptr) != 0) {
+        wHttpSetRequestedPath(doc, path);
+        wHttpSetOperStatus(doc, "Invalid object");
+        send(request, doc, chunked, 1);
+        return 1;
+    }
+    json_object* raw = nullptr;
+    if (wHttpParseTR181Object(request, &raw) != 0) {
+        // Nothing to write: answered as a success.
+        wHttpSetOperStatusByWcfgRet(doc, 0);
+        send(request, doc, chunked, 1);
+        return 1;
+    }
+    JsonPtr body(raw);
+    if (isTrue(body.get(), "MultiObjects")) {
+        json_object* list = nullptr;
+        if (!json_object_object_get_ex(body.get(), "TR181_Objects", &list) ||
+            !json_object_is_type(list, json_type_array)) {
+            wHttpSetRequestedPath(doc, path);
+            wHttpSetOperStatus(doc, "Invalid object");
+            send(request, doc, chunked, 1);
+            return 1;
+        }
+        wHttpSetRequestedPath(doc, path);
+        json_object* result = json_object_new_array();
+        bool anySuccess = setBatch(list, result);
+        if (json_object_array_length(list) > 0)
+            wHttpSetObject(doc, result);
+        else
+            json_object_put(result);
+        wHttpSetOperStatusByWcfgRet(doc, 0);
+        send(request, doc, chunked, 1);
+        if (anySuccess)
+            applyBatch(list);
+        return 1;
+    }
+    wHttpSetRequestedPath(doc, path);
+    int ret = wHttpSetTR181ObjByPath(path, body.get(), 1);
+    body.reset();
+    if (ret == WCFG_SUCCESS) {
+        if (json_object* obj = readBack(path))
+            wHttpSetObject(doc, obj);
+    }
+    wHttpSetOperStatusByWcfgRet(doc, ret);
+    send(request, doc, chunked, 1);
+    return 1;
+}
+
+int wHttpTR181ValueAddHandle(CgHttpRequest* request, uint8_t chunked) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    json_object* doc = json_object_new_object();
+    char path[256] = "";
+    int ret = wHttpParseTR181Path(request, path, nullptr);
+    if (ret != 0) {
+        wHttpSetRequestedPath(doc, path);
+        wHttpSetOperStatusByWcfgRet(doc, ret);
+        send(request, doc, chunked, 1);
+        return 1;
+    }
+    wHttpSetRequestedPath(doc, path);
+    json_object* raw = nullptr;
+    wHttpParseTR181Object(request, &raw);  // no usable body: an add without values
+    JsonPtr body(raw);
+    ret = wHttpAddTR181ObjByPath(path, body.get(), sizeof path);
+    body.reset();
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d wcfgRet=%d objPath=%s\n", __func__, __LINE__, ret, path);
+    if (ret == WCFG_SUCCESS) {
+        if (json_object* obj = readBack(path))
+            wHttpSetObject(doc, obj);
+    }
+    wHttpSetOperStatusByWcfgRet(doc, ret);
+    send(request, doc, chunked, 1);
+    return 1;
+}
+
+int wHttpTR181ValueDelHandle(CgHttpRequest* request, uint8_t chunked) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    json_object* doc = json_object_new_object();
+    char path[256] = "";
+    int ret = wHttpParseTR181Path(request, path, nullptr);
+    if (ret != 0) {
+        wHttpSetRequestedPath(doc, path);
+        wHttpSetOperStatusByWcfgRet(doc, ret);
+        send(request, doc, chunked, 1);
+        return 1;
+    }
+    wHttpSetRequestedPath(doc, path);
+    ret = wHttpDelTR181ObjByPath(path);
+    wHttpSetOperStatusByWcfgRet(doc, ret);
+    send(request, doc, chunked, 1);
+    return 1;
+}
+
+int wHttpTR181ValueHandle(CgHttpRequest* request, uint8_t chunked, int /*spare*/) {
+    const char* method = cg_http_request_getmethod(request);
+    if (!method)
+        method = "";
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Method=%s\n", __func__, method);
+    if (!strcmp(method, "GET"))
+        return wHttpTR181ValueGetHandle(request, chunked);
+    if (!strcmp(method, "PUT")) {
+        DataModelLock lock;
+        return wHttpTR181ValueSetHandle(request, chunked);
+    }
+    if (!strcmp(method, "POST")) {
+        DataModelLock lock;
+        return wHttpTR181ValueAddHandle(request, chunked);
+    }
+    if (!strcmp(method, "DELETE")) {
+        DataModelLock lock;
+        return wHttpTR181ValueDelHandle(request, chunked);
+    }
+    json_object* doc = json_object_new_object();
+    wHttpSetOperStatus(doc, "Invalid method");
+    send(request, doc, chunked, 0);
+    return 1;
+}

@@ -1,0 +1,33 @@
+// Per-thread host-list state: each request thread has its own mark and its
+// own loaded host-probe table, released after every value GET.
+#include <sqlite3.h>
+
+#include "extobj/whttpd_extobj.h"
+
+namespace {
+
+thread_local int tRefreshed = 0;
+thread_local char** tHostTable = nullptr;
+thread_local int tHostRows = 0;
+
+}  // namespace
+
+int vxHostsRefreshedMark(void) {
+    return tRefreshed;
+}
+
+void vxHostsSetRefreshedMark(void) {
+    tRefreshed = 1;
+}
+
+void vxHostsClearRefreshedMark(void) {
+    tRefreshed = 0;
+}
+
+void vxHostsReleaseTable(void) {
+    if (tHostTable) {
+        sqlite3_free_table(tHostTable);
+        tHostTable = nullptr;
+    }
+    tHostRows = 0;
+}

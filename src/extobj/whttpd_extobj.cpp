@@ -1,0 +1,20 @@
+#include "extobj/whttpd_extobj.h"
+
+#include <cstring>
+
+// Rows are matched by exact class name, first row first.  Handlers of the
+// other extended objects join the table as they are built; until then their
+// paths reach the configuration service.
+const VxExtObjRow gVxExtObjTable[] = {
+    {"Device.Hosts.", vxHostsGet, nullptr, nullptr, nullptr},
+    {"Device.X_OLVEX_EXT.SystemState.", vxSystemStateGet, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+int vxExtObjFind(const char* className) {
+    for (int i = 0; gVxExtObjTable[i].path; ++i) {
+        if (!strcmp(gVxExtObjTable[i].path, className))
+            return i;
+    }
+    return -1;
+}

@@ -1,0 +1,39 @@
+// Extended objects: data-model paths that the daemon answers or
+// post-processes itself.  A constant table maps a schema class name to up to
+// four handlers; the single-object operations consult it before the
+// configuration service.
+#pragma once
+
+#include <json-c/json.h>
+#include <sqlite3.h>
+
+#include <cstdint>
+
+typedef int (*VxGetHandler)(const char* path, int row, json_object** out);
+typedef int (*VxSetHandler)(const char* path, int row, json_object* values, uint8_t apply);
+typedef int (*VxAddHandler)(char* path, int row, json_object* values);
+typedef int (*VxDelHandler)(const char* path, int row);
+
+struct VxExtObjRow {
+    const char* path;  // schema class name; nullptr ends the table
+    VxGetHandler get;
+    VxSetHandler set;
+    VxAddHandler add;
+    VxDelHandler del;
+};
+
+extern const VxExtObjRow gVxExtObjTable[];
+
+// The row whose path equals `className` exactly, or -1.
+int vxExtObjFind(const char* className);
+
+// Handlers.
+int vxHostsGet(const char* path, int row, json_object** out);
+int vxSystemStateGet(const char* path, int row, json_object** out);
+
+// Per-thread host-list state of the current request: the mark that the
+// host list was refreshed, and the loaded host-probe table.
+int vxHostsRefreshedMark(void);
+void vxHostsSetRefreshedMark(void);
+void vxHostsClearRefreshedMark(void);
+void vxHostsReleaseTable(void);
