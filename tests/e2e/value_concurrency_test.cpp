@@ -1,0 +1,91 @@
+// Reads of the data model beside serialised writes: several clients read the
+// whole tree and single objects while others write, add and delete.  Run
+// under the sanitizer builds of the daemon, this finds races in the value
+// handlers and their per-thread state.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client.h"
+#include "harness.h"
+
+using e2e::Client;
+using e2e::Daemon;
+using e2e::DeviceRoot;
+using e2e::operStatus;
+using e2e::Reply;
+using e2e::Session;
+
+TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
+    DeviceRoot root;
+    ASSERT_EQ(
+        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    const int kReaders = 3, kWriters = 3, kRounds = 8;
+    std::atomic<int> unexpected{0};
+
+    auto reader = [&] {
+        Client c(port);
+        Session s;
+        if (c.login("admin", "1234abcd", &s).status != 200) {
+            ++unexpected;
+            return;
+        }
+        for (int i = 0; i < kRounds; ++i) {
+            for (const char* path :
+                 {"Device.?first_level_only=false", "Device.Hosts.", "Device.NAT.PortMapping.",
+                  "Device.X_OLVEX_EXT.SystemState."}) {
+                Reply r = c.request("GET", std::string("TR181/Value/") + path, "", &s);
+                if (r.status != 200 || operStatus(r) != "Success")
+                    ++unexpected;
+            }
+        }
+    };
+    auto writer = [&](int n) {
+        Client c(port);
+        Session s;
+        if (c.login("user", "user1234", &s).status != 200) {
+            ++unexpected;
+            return;
+        }
+        auto write = [&](const std::string& method, const std::string& uri,
+                         const std::string& body) {
+            Reply r = c.request(method, e2e::withKey(uri, s), body, &s);
+            long key = e2e::jsonInt(r.body, "sessionkey");
+            if (key >= 0)
+                s.key = key;
+            return r;
+        };
+        for (int i = 0; i < kRounds; ++i) {
+            std::string desc = "w" + std::to_string(n) + "-" + std::to_string(i);
+            if (operStatus(write("PUT", "TR181/Value/Device.NAT.PortMapping.1.",
+                                 "{\"Description\":\"" + desc + "\"}")) != "Success")
+                ++unexpected;
+            if (operStatus(write("POST", "TR181/Value/Device.NAT.PortMapping.", "")) != "Success")
+                ++unexpected;
+            // Some instance, present or not: the answer depends on the others.
+            write("DELETE",
+                  "TR181/Value/Device.NAT.PortMapping." + std::to_string(2 + n * kRounds + i) + ".",
+                  "");
+            write("PUT", "TR181/Value/MultiObjects",
+                  "{\"MultiObjects\":true,\"TR181_Objects\":[{\"object_path\":\"Device.WiFi.SSID."
+                  "1.\",\"SSID\":\"" +
+                      desc + "\"}]}");
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kReaders; ++i)
+        threads.emplace_back(reader);
+    for (int i = 0; i < kWriters; ++i)
+        threads.emplace_back(writer, i);
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(0, unexpected.load());
+    EXPECT_EQ(0, d.stop());
+    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
+}
