@@ -4,7 +4,8 @@
 //   login_bench PORT THREADS LOGINS_PER_THREAD [USER PASSWORD]
 #include <curl/curl.h>
 
-#include <algorithm>
+#include "bench_stats.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,8 +33,7 @@ int main(int argc, char** argv) {
     std::string body = "{\"username\":\"" + user + "\",\"password\":\"" + password + "\"}";
     curl_global_init(CURL_GLOBAL_DEFAULT);
 
-    std::vector<std::vector<double>> lat(threads);
-    std::vector<int> failures(threads, 0);
+    LoadStats stats(threads);
     auto t0 = std::chrono::steady_clock::now();
     std::vector<std::thread> pool;
     for (int t = 0; t < threads; ++t) {
@@ -52,8 +52,9 @@ int main(int argc, char** argv) {
                     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
                 auto b = std::chrono::steady_clock::now();
                 if (status != 200)
-                    ++failures[t];
-                lat[t].push_back(std::chrono::duration<double, std::milli>(b - a).count());
+                    ++stats.failures[t];
+                stats.latencyMs[t].push_back(
+                    std::chrono::duration<double, std::milli>(b - a).count());
             }
             curl_easy_cleanup(c);
         });
@@ -61,18 +62,7 @@ int main(int argc, char** argv) {
     for (auto& th : pool)
         th.join();
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::vector<double> all;
-    int failed = 0;
-    for (int t = 0; t < threads; ++t) {
-        all.insert(all.end(), lat[t].begin(), lat[t].end());
-        failed += failures[t];
-    }
-    std::sort(all.begin(), all.end());
-    auto pct = [&](double p) {
-        return all.empty() ? 0 : all[static_cast<size_t>(p * (all.size() - 1))];
-    };
-    printf("logins %zu (failed %d) in %.2f s: %.0f logins/s, p50 %.2f ms, p99 %.2f ms\n",
-           all.size(), failed, secs, all.size() / secs, pct(0.50), pct(0.99));
+    int failed = stats.report("logins", "logins", secs);
     curl_global_cleanup();
     return failed ? 1 : 0;
 }

@@ -6,7 +6,8 @@
 // Prints requests per second and latency percentiles.
 #include <curl/curl.h>
 
-#include <algorithm>
+#include "bench_stats.h"
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -71,8 +72,7 @@ int main(int argc, char** argv) {
     std::string base = "https://127.0.0.1:" + std::string(argv[1]) + "/api/v1/";
     curl_global_init(CURL_GLOBAL_DEFAULT);
 
-    std::vector<std::vector<double>> lat(threads);
-    std::vector<int> failures(threads, 0);
+    LoadStats stats(threads);
     std::vector<std::thread> pool;
     auto t0 = std::chrono::steady_clock::now();
     for (int t = 0; t < threads; ++t) {
@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
             Conn conn;
             if (conn.perform("POST", base + "UserLogin",
                              "{\"username\":\"admin\",\"password\":\"1234abcd\"}", "") != 200) {
-                failures[t] = per;
+                stats.failures[t] = per;
                 return;
             }
             auto at = conn.headers.find("Session=");
@@ -106,26 +106,16 @@ int main(int argc, char** argv) {
                 auto b = std::chrono::steady_clock::now();
                 if (status != 200 ||
                     conn.body.find("\"oper_status\": \"Success\"") == std::string::npos)
-                    ++failures[t];
-                lat[t].push_back(std::chrono::duration<double, std::milli>(b - a).count());
+                    ++stats.failures[t];
+                stats.latencyMs[t].push_back(
+                    std::chrono::duration<double, std::milli>(b - a).count());
             }
         });
     }
     for (auto& th : pool)
         th.join();
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::vector<double> all;
-    int failed = 0;
-    for (int t = 0; t < threads; ++t) {
-        all.insert(all.end(), lat[t].begin(), lat[t].end());
-        failed += failures[t];
-    }
-    std::sort(all.begin(), all.end());
-    auto pct = [&](double p) {
-        return all.empty() ? 0.0 : all[static_cast<size_t>(p * (all.size() - 1))];
-    };
-    printf("%-10s %zu requests (failed %d) in %.2f s: %.0f req/s, p50 %.2f ms, p99 %.2f ms\n",
-           mode.c_str(), all.size(), failed, secs, all.size() / secs, pct(0.50), pct(0.99));
+    int failed = stats.report(mode.c_str(), "req", secs);
     curl_global_cleanup();
     return failed ? 1 : 0;
 }

@@ -8,17 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 threads=${1:-4}
 per=${2:-500}
-root=$(mktemp -d /tmp/whttpd-bench-XXXXXX)
-pid=
-trap '[ -n "$pid" ] && kill -TERM $pid 2>/dev/null && wait $pid; rm -rf "$root"' EXIT
-export WHTTPD_ROOT=$root
-port=$(( 20000 + $$ % 10000 ))
-build/wcfgctl init >/dev/null
-build/wcfgctl set Device.X_OLVEX_LoginCfg. '{"MaximumLoginAccountNumber":0}' >/dev/null
-WHTTPD_SECOND_MS=10 build/whttpd_rest -s $port >/dev/null 2>&1 &
-pid=$!
-until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.05; done
-sleep 0.5
+. bench/lib.sh
 echo "idle RSS $(awk '/VmRSS/ {print $2}' /proc/$pid/status) kB"
 for mode in get-object get-tree put; do
     n=$per

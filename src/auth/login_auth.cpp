@@ -8,10 +8,10 @@
 #include <mutex>
 #include <string>
 
+#include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
-#include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/wcfg.h"
 
@@ -52,15 +52,8 @@ const char* privilegeOfGroup(int group) {
 
 // Whether the account's group may use the app ("app" in "GP_Privilege").
 bool groupAllowsApp(const objIndex_t& account) {
-    static const int32_t oid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP");
-    objIndex_t gid{};
-    gid.level = static_cast<uint8_t>(account.level - 1);
-    gid.idx[0] = account.idx[0];
-    json_object* group = nullptr;
-    if (wcfgFeObjJsonGet(oid, &gid, &group) != WCFG_SUCCESS)
-        return false;
-    JsonPtr owned(group);
-    return strstr(jsonString(group, "GP_Privilege"), "app") != nullptr;
+    JsonPtr group = wHttpReadAccountGroup(account);
+    return group && strstr(jsonString(group.get(), "GP_Privilege"), "app") != nullptr;
 }
 
 }  // namespace
@@ -104,12 +97,9 @@ int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
 }
 
 const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t size) {
-    static const int32_t accountOid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
     wos_pk("%s() Enter\n", "wHttpLoginAuth");
     CgHttpRequest* request = ctx->request;
     const char* remote = cg_http_request_getremoteaddress(request);
-    if (!remote)
-        remote = "";
     const char* cookieSid = cg_http_request_getcookie(request, "Session");
     if (!cookieSid)
         cookieSid = "";
@@ -125,7 +115,7 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
     objIndex_t iid{};
     json_object* obj = nullptr;
     JsonPtr account;
-    while (wcfgFeObjJsonGetNextWithoutUpdate(accountOid, &iid, &obj) == WCFG_SUCCESS) {
+    while (wcfgFeObjJsonGetNextWithoutUpdate(wHttpAccountOid(), &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr current(obj);
         const char* name = jsonString(obj, "Username");
         if (loginMode) {

@@ -11,10 +11,8 @@
 #include <mutex>
 #include <new>
 
+#include "auth/accounts.h"
 #include "daemon/whttpd.h"
-#include "datamodel/oid_names.h"
-#include "platform/json_util.h"
-#include "platform/wcfg.h"
 
 namespace {
 
@@ -42,23 +40,18 @@ bool settingsOf(const char* user, uint32_t* limit, uint32_t* lockTime) {
         *lockTime = 300;
         return true;
     }
-    static const int32_t oid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
     objIndex_t iid{};
-    json_object* obj = nullptr;
-    while (wcfgFeObjJsonGetNext(oid, &iid, &obj) == WCFG_SUCCESS) {
-        JsonPtr owned(obj);
-        if (strcmp(jsonString(obj, "Username"), user) != 0)
-            continue;
-        json_object* v = nullptr;
-        *limit = json_object_object_get_ex(obj, "AccountRetryTime", &v)
-                     ? static_cast<uint32_t>(json_object_get_int64(v))
-                     : 0;
-        *lockTime = json_object_object_get_ex(obj, "AccountLockTime", &v)
-                        ? static_cast<uint32_t>(json_object_get_int64(v))
-                        : 0;
-        return true;
-    }
-    return false;
+    JsonPtr account = wHttpFindAccount(user, &iid);
+    if (!account)
+        return false;
+    json_object* v = nullptr;
+    *limit = json_object_object_get_ex(account.get(), "AccountRetryTime", &v)
+                 ? static_cast<uint32_t>(json_object_get_int64(v))
+                 : 0;
+    *lockTime = json_object_object_get_ex(account.get(), "AccountLockTime", &v)
+                    ? static_cast<uint32_t>(json_object_get_int64(v))
+                    : 0;
+    return true;
 }
 
 void appendRecord(const char* user, uint32_t limit, uint32_t lockTime) {

@@ -2,11 +2,9 @@
 // timer in the timer service.
 //
 // Request threads, the timer thread (idle time-outs) and the main thread
-// (data-model notice, dump) all reach the table.  Every walk takes the
+// (data-model notice, dump) all reach the table.  Every operation takes the
 // session-table mutex, so an entry freed by its idle timer is never read
-// afterwards; functions marked "caller holds the mutex" are the building
-// blocks of the login handler, which finds or adds an entry and gives it a
-// key in one locked step.
+// afterwards; entries themselves never leave session_table.cpp.
 #pragma once
 
 #include <cstdint>
@@ -17,34 +15,17 @@
 
 #define SESSION_ID_LEN 32
 
-struct LoginEntry {
-    char remoteHost[48];  // client address at login
-    char localHost[48];   // server address the login arrived on
-    uint8_t reserved[32];
-    char userName[64];
-    uint8_t timeout;  // 1 once the idle timer fired
-    uint32_t timerID;
-    char sessionID[SESSION_ID_LEN + 1];
-    int32_t sessionKey;
-    uint8_t flag1;
-    uint8_t flag2;
-    // Identifies the entry to its idle timer: the timer's data is this
-    // number, never the entry's address, so a late timer cannot reach a
-    // freed entry.
-    uint64_t serial;
-};
-
 // Fills `out` (33 bytes) with a new session id of 32 characters from the
 // 62-character alphabet.
 void genSessionID(char* out);
 // A new session key: the nanosecond part of the monotonic clock.
 int32_t getSessionKey(void);
 
-// Caller holds the session-table mutex.
-LoginEntry* findLoginEntry(WHttpReqCtx* ctx, const char* user, const char* sessionID);
-LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user);
-void setLoginTimer(LoginEntry* entry);
-void resetLoginTimer(LoginEntry* entry);
+// At login: finds the caller's entry (client and local address, the
+// context's user and session id) or adds one and puts its session id into
+// the context; restarts a timed-out entry's timer; gives the entry a new
+// session key and returns it.
+int32_t openLoginEntry(WHttpReqCtx* ctx);
 
 // Number of login entries.
 int countLoginEntries(void);

@@ -8,13 +8,31 @@
 #include <list>
 #include <mutex>
 
+#include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
-#include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/wcfg.h"
 #include "timer/uitimer.h"
+
+// One logged-in client.
+struct LoginEntry {
+    char remoteHost[48];  // client address at login
+    char localHost[48];   // server address the login arrived on
+    uint8_t reserved[32];
+    char userName[64];
+    uint8_t timeout;  // 1 once the idle timer fired
+    uint32_t timerID;
+    char sessionID[SESSION_ID_LEN + 1];
+    int32_t sessionKey;
+    uint8_t flag1;
+    uint8_t flag2;
+    // Identifies the entry to its idle timer: the timer's data is this
+    // number, never the entry's address, so a late timer cannot reach a
+    // freed entry.
+    uint64_t serial;
+};
 
 namespace {
 
@@ -35,21 +53,11 @@ std::mutex gCurrentMutex;
 char gCurrentUserName[17] = "";
 char gCurrentSessionID[SESSION_ID_LEN + 1] = "";
 
-class TableLock {
-  public:
-    TableLock() { pthread_mutex_lock(&gSessionTableMutex); }
-    ~TableLock() { pthread_mutex_unlock(&gSessionTableMutex); }
-    TableLock(const TableLock&) = delete;
-    TableLock& operator=(const TableLock&) = delete;
-};
-
 const char* remoteOf(WHttpReqCtx* ctx) {
-    const char* a = ctx && ctx->request ? cg_http_request_getremoteaddress(ctx->request) : nullptr;
-    return a ? a : "";
+    return cg_http_request_getremoteaddress(ctx->request);
 }
 const char* localOf(WHttpReqCtx* ctx) {
-    const char* a = ctx && ctx->request ? cg_http_request_getlocaladdress(ctx->request) : nullptr;
-    return a ? a : "";
+    return cg_http_request_getlocaladdress(ctx->request);
 }
 
 // The entry of all four: client address, local address, user, session id.
@@ -70,24 +78,13 @@ void* timerData(const LoginEntry* entry) {
 
 // The account's idle time in seconds, raised to the five-minute floor.
 int idleSeconds(const char* user) {
-    static const int32_t oid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
-    int idle = 0;
-    bool found = false;
     objIndex_t iid{};
-    json_object* obj = nullptr;
-    while (wcfgFeObjJsonGetNext(oid, &iid, &obj) == WCFG_SUCCESS) {
-        JsonPtr owned(obj);
-        if (!strcmp(jsonString(obj, "Username"), user)) {
-            json_object* v = nullptr;
-            if (json_object_object_get_ex(obj, "AccountIdleTime", &v))
-                idle = json_object_get_int(v);
-            found = true;
-            break;
-        }
-    }
-    if (!found || idle < kMinIdleSeconds)
-        idle = kMinIdleSeconds;
-    return idle;
+    JsonPtr account = wHttpFindAccount(user, &iid);
+    json_object* v = nullptr;
+    int idle = account && json_object_object_get_ex(account.get(), "AccountIdleTime", &v)
+                   ? json_object_get_int(v)
+                   : 0;
+    return idle < kMinIdleSeconds ? kMinIdleSeconds : idle;
 }
 
 }  // namespace
@@ -114,6 +111,9 @@ int32_t getSessionKey(void) {
     return 0;
 }
 
+namespace {
+// The building blocks below run with the session-table mutex held.
+
 void setLoginTimer(LoginEntry* entry) {
     uint64_t ms = static_cast<uint64_t>(idleSeconds(entry->userName)) * 1000;
     if (ms > UINT32_MAX)
@@ -127,9 +127,11 @@ void resetLoginTimer(LoginEntry* entry) {
     setLoginTimer(entry);
 }
 
+}  // namespace
+
 int loginTimeoutHandle(uint32_t id, void* data) {
     uint64_t serial = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(data));
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (auto it = gTable.begin(); it != gTable.end(); ++it) {
         // A timer that was re-armed or whose entry is gone has nothing to end.
         if (it->serial == serial && it->timerID == id) {
@@ -140,6 +142,8 @@ int loginTimeoutHandle(uint32_t id, void* data) {
     }
     return 0;
 }
+
+namespace {
 
 LoginEntry* findLoginEntry(WHttpReqCtx* ctx, const char* user, const char* sessionID) {
     auto it = findExact(ctx, user ? user : "", sessionID ? sessionID : "");
@@ -166,13 +170,31 @@ LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user) {
     return &entry;
 }
 
+}  // namespace
+
+int32_t openLoginEntry(WHttpReqCtx* ctx) {
+    WHttpMutexLock lock(&gSessionTableMutex);
+    LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
+    if (!entry) {
+        entry = addLoginEntry(ctx, ctx->userName);
+        wos_strlcpy(ctx->sessionID, entry->sessionID, sizeof ctx->sessionID);
+    }
+    if (entry->timeout) {
+        entry->timeout = 0;
+        setLoginTimer(entry);
+    }
+    entry->sessionKey = getSessionKey();
+    memset(entry->reserved, 0, sizeof entry->reserved);
+    return entry->sessionKey;
+}
+
 int countLoginEntries(void) {
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     return static_cast<int>(gTable.size());
 }
 
 int isLoginEntryExist(const char* user, const char* sessionID) {
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         if (!strcmp(e.userName, user) && !strcmp(e.sessionID, sessionID))
             return 1;
@@ -181,7 +203,7 @@ int isLoginEntryExist(const char* user, const char* sessionID) {
 }
 
 int checkSessionKey(WHttpReqCtx* ctx, int32_t key) {
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     return (it != gTable.end() && it->sessionKey == key) ? 1 : 0;
 }
@@ -190,7 +212,7 @@ void storeSessionKey(CgHttpRequest* request, int32_t key) {
     WHttpReqCtx* ctx = wHttpReqCtx(request);
     if (!ctx)
         return;
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     if (it != gTable.end())
         it->sessionKey = key;
@@ -201,7 +223,7 @@ int checkLoginEntry(WHttpReqCtx* ctx) {
         return -1;
     const char* remote = remoteOf(ctx);
     const char* local = localOf(ctx);
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (auto it = gTable.begin(); it != gTable.end(); ++it) {
         if (strcmp(it->localHost, local) || strcmp(it->userName, ctx->userName) ||
             strcmp(it->sessionID, ctx->sessionID))
@@ -230,7 +252,7 @@ int checkLoginEntry(WHttpReqCtx* ctx) {
 int delLoginEntry(WHttpReqCtx* ctx) {
     if (!ctx->userName[0] || !ctx->sessionID[0])
         return 0;
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     setCurrentSessionID(ctx->sessionID);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     if (it == gTable.end())
@@ -247,7 +269,7 @@ std::string getCookieUser(CgHttpRequest* request) {
     const char* sid = cg_http_request_getcookie(request, "Session");
     if (!sid || !*sid)
         return "";
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         if (!strcmp(e.sessionID, sid))
             return e.userName;
@@ -257,7 +279,7 @@ std::string getCookieUser(CgHttpRequest* request) {
 
 void updateLoginTimer(void) {
     wlog_syslog(LOG_INFO, "data model change, update login timer.\n");
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (LoginEntry& e : gTable) {
         if (e.timeout != 1)
             resetLoginTimer(&e);
@@ -273,7 +295,7 @@ void setSessionCookie(WHttpReqCtx* ctx, CgHttpResponse* response) {
 
 void dumpLoginEntry(void) {
     const char* rule = "========================================\n";
-    TableLock lock;
+    WHttpMutexLock lock(&gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         wos_pk("%s", rule);
         wos_pk("userName=%s\n", e.userName);

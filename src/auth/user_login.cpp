@@ -45,21 +45,7 @@ int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spar
         return 1;
     }
 
-    int32_t key = 0;
-    pthread_mutex_lock(&gSessionTableMutex);
-    LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
-    if (!entry) {
-        entry = addLoginEntry(ctx, ctx->userName);
-        wos_strlcpy(ctx->sessionID, entry->sessionID, sizeof ctx->sessionID);
-    }
-    if (entry->timeout) {
-        entry->timeout = 0;
-        setLoginTimer(entry);
-    }
-    key = getSessionKey();
-    entry->sessionKey = key;
-    memset(entry->reserved, 0, sizeof entry->reserved);
-    pthread_mutex_unlock(&gSessionTableMutex);
+    int32_t key = openLoginEntry(ctx);
 
     cg_http_response_setstatuscode(response, 200);
     setSessionCookie(ctx, response);

@@ -52,6 +52,18 @@ extern pthread_mutex_t gSessionTableMutex;
 extern pthread_mutex_t gSessionKeyMutex;
 extern pthread_mutex_t gDataModelMutex;
 
+// Holds a pthread mutex for the rest of a scope.
+class WHttpMutexLock {
+  public:
+    explicit WHttpMutexLock(pthread_mutex_t* m) : m_(m) { pthread_mutex_lock(m_); }
+    ~WHttpMutexLock() { pthread_mutex_unlock(m_); }
+    WHttpMutexLock(const WHttpMutexLock&) = delete;
+    WHttpMutexLock& operator=(const WHttpMutexLock&) = delete;
+
+  private:
+    pthread_mutex_t* m_;
+};
+
 // Certificate wait and regeneration before start-up.
 void wHttpWaitForCertificate(void);
 // 1 when the certificate and the key belong together, else 0.

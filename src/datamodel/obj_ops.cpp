@@ -11,11 +11,22 @@
 #define IID_ARGS(iid) \
     (iid).level, (iid).idx[0], (iid).idx[1], (iid).idx[2], (iid).idx[3], (iid).idx[4], (iid).idx[5]
 
+namespace {
+
+// The object id of a path, its record zeroed first and then filled.
+int32_t translate(const char* func, const char* path, objIndex_t* iid) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", func);
+    *iid = objIndex_t{};
+    int32_t oid = wcfgFeObjNameToObjId(path, iid);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", func, oid);
+    return oid;
+}
+
+}  // namespace
+
 int wHttpGetTR181ObjGeneric(const char* path, json_object** out) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    objIndex_t iid{};
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    objIndex_t iid;
+    int32_t oid = translate(__func__, path, &iid);
     if (oid < 0)
         return WCFG_INVALID_OBJECT;
     int ret = wcfgFeObjJsonGet(oid, &iid, out);
@@ -24,10 +35,8 @@ int wHttpGetTR181ObjGeneric(const char* path, json_object** out) {
 }
 
 int wHttpSetTR181ObjGeneric(const char* path, json_object* values, uint8_t apply) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    objIndex_t iid{};
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    objIndex_t iid;
+    int32_t oid = translate(__func__, path, &iid);
     if (oid < 0)
         return WCFG_INVALID_OBJECT;
     int ret =
@@ -38,15 +47,13 @@ int wHttpSetTR181ObjGeneric(const char* path, json_object* values, uint8_t apply
 }
 
 int wHttpAddTR181ObjGeneric(char* path, json_object* values, size_t size) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    objIndex_t iid{};
     size_t len = strnlen(path, size);
     if (len + 1 < size) {
         path[len] = 'i';
         path[len + 1] = '\0';
     }
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s oid=%d\n", __func__, oid);
+    objIndex_t iid;
+    int32_t oid = translate(__func__, path, &iid);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, IID_FMT, __func__, IID_ARGS(iid));
     int ret = wcfgFeObjJsonAdd(oid, &iid, nullptr);
     if (ret != WCFG_SUCCESS)
@@ -54,11 +61,9 @@ int wHttpAddTR181ObjGeneric(char* path, json_object* values, size_t size) {
     // "Device.NAT.PortMapping.i" becomes "Device.NAT.PortMapping.<n>.".
     size_t n = strnlen(path, size);
     if (n)
-        path[n - 1] = '\0';
-    char shortened[256];
-    wos_strlcpy(shortened, path, sizeof shortened);
+        --n;
     unsigned inst = iid.level ? iid.idx[iid.level - 1] : 0;
-    snprintf(path, size, "%s%u.", shortened, inst);
+    snprintf(path + n, size - n, "%u.", inst);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d objPath=%s\n", __func__, __LINE__, path);
     if (values) {
         ret = wcfgFeObjJsonSetWithAdditions(oid, &iid, values, nullptr, WCFG_APPLY_FLAGS, nullptr);
@@ -75,9 +80,8 @@ int wHttpAddTR181ObjGeneric(char* path, json_object* values, size_t size) {
 }
 
 int wHttpDelTR181ObjGeneric(const char* path) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    objIndex_t iid{};
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    objIndex_t iid;
+    int32_t oid = translate(__func__, path, &iid);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, IID_FMT, __func__, IID_ARGS(iid));
     return wcfgFeObjJsonDel(oid, &iid, nullptr);
 }

@@ -31,13 +31,19 @@ json_object* readBack(const char* path) {
     return obj;
 }
 
-class DataModelLock {
-  public:
-    DataModelLock() { pthread_mutex_lock(&gDataModelMutex); }
-    ~DataModelLock() { pthread_mutex_unlock(&gDataModelMutex); }
-    DataModelLock(const DataModelLock&) = delete;
-    DataModelLock& operator=(const DataModelLock&) = delete;
-};
+// Adds the object read back as "Object", when it can be read.
+void addReadBack(json_object* doc, const char* path) {
+    if (json_object* obj = readBack(path))
+        wHttpSetObject(doc, obj);
+}
+
+// Takes "object_path" out of a batch element into `path` (256 bytes).
+void takeObjectPath(json_object* element, char* path) {
+    json_object* value = nullptr;
+    if (json_object_object_get_ex(element, "object_path", &value))
+        wos_strlcpy(path, json_object_get_string(value), 256);
+    json_object_object_del(element, "object_path");
+}
 
 bool isTrue(json_object* obj, const char* key) {
     json_object* v = nullptr;
@@ -55,11 +61,7 @@ bool setBatch(json_object* list, json_object* result) {
         if (!json_object_is_type(element, json_type_object))
             continue;
         char path[256] = "";
-        json_object* pathValue = nullptr;
-        if (json_object_object_get_ex(element, "object_path", &pathValue)) {
-            wos_strlcpy(path, json_object_get_string(pathValue), sizeof path);
-            json_object_object_del(element, "object_path");
-        }
+        takeObjectPath(element, path);
         int ret = wHttpSetTR181ObjByPath(path, element, 0);
         if (ret == WCFG_SUCCESS)
             anySuccess = true;
@@ -81,10 +83,7 @@ void applyBatch(json_object* list) {
         if (!json_object_is_type(element, json_type_object))
             continue;
         char path[256] = "";
-        json_object* pathValue = nullptr;
-        if (json_object_object_get_ex(element, "object_path", &pathValue))
-            wos_strlcpy(path, json_object_get_string(pathValue), sizeof path);
-        json_object_object_del(element, "object_path");
+        takeObjectPath(element, path);
         if (i == 0 && wHttpSetTR181ObjByPath(path, element, 1) != WCFG_SUCCESS)
             wos_pk("%s()%d: !!! set object %s with apply fail!!!\n", "wHttpTR181ValueSetHandle",
                    __LINE__, path);
@@ -98,21 +97,21 @@ int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
     json_object* doc = json_object_new_object();
     char path[256] = "";
     int firstLevelOnly = 1;
-    if (wHttpParseTR181Path(request, path, &firstLevelOnly) != 0) {
-        wHttpSetRequestedPath(doc, path);
-        wHttpSetOperStatus(doc, "Invalid object");
-    } else {
+    int ret = wHttpParseTR181Path(request, path, &firstLevelOnly);
+    wHttpSetRequestedPath(doc, path);
+    json_object* answer = nullptr;
+    if (ret == 0) {
         WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s\n", __func__, path);
-        wHttpSetRequestedPath(doc, path);
-        json_object* answer = nullptr;
-        if (wHttpGetTR181ObjByPath(path, 1, firstLevelOnly, &answer) == 0) {
-            wHttpSetOperStatus(doc, "Success");
-            wHttpSetObject(doc, answer);
-        } else {
-            if (answer)
-                json_object_put(answer);
-            wHttpSetOperStatus(doc, "Invalid object");
-        }
+        ret = wHttpGetTR181ObjByPath(path, 1, firstLevelOnly, &answer);
+    }
+    if (ret == 0) {
+        wHttpSetOperStatus(doc, "Success");
+        wHttpSetObject(doc, answer);
+    } else {
+        // Whatever the failure, a read answers "Invalid object".
+        if (answer)
+            json_object_put(answer);
+        wHttpSetOperStatus(doc, "Invalid object");
     }
     send(request, doc, chunked, 0);
     // The next request on this thread loads and refreshes the hosts again.
@@ -164,10 +163,8 @@ int wHttpTR181ValueSetHandle(CgHttpRequest* request, uint8_t chunked) {
     wHttpSetRequestedPath(doc, path);
     int ret = wHttpSetTR181ObjByPath(path, body.get(), 1);
     body.reset();
-    if (ret == WCFG_SUCCESS) {
-        if (json_object* obj = readBack(path))
-            wHttpSetObject(doc, obj);
-    }
+    if (ret == WCFG_SUCCESS)
+        addReadBack(doc, path);
     wHttpSetOperStatusByWcfgRet(doc, ret);
     send(request, doc, chunked, 1);
     return 1;
@@ -178,22 +175,16 @@ int wHttpTR181ValueAddHandle(CgHttpRequest* request, uint8_t chunked) {
     json_object* doc = json_object_new_object();
     char path[256] = "";
     int ret = wHttpParseTR181Path(request, path, nullptr);
-    if (ret != 0) {
-        wHttpSetRequestedPath(doc, path);
-        wHttpSetOperStatusByWcfgRet(doc, ret);
-        send(request, doc, chunked, 1);
-        return 1;
-    }
-    wHttpSetRequestedPath(doc, path);
-    json_object* raw = nullptr;
-    wHttpParseTR181Object(request, &raw);  // no usable body: an add without values
-    JsonPtr body(raw);
-    ret = wHttpAddTR181ObjByPath(path, body.get(), sizeof path);
-    body.reset();
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d wcfgRet=%d objPath=%s\n", __func__, __LINE__, ret, path);
-    if (ret == WCFG_SUCCESS) {
-        if (json_object* obj = readBack(path))
-            wHttpSetObject(doc, obj);
+    wHttpSetRequestedPath(doc, path);  // the table's path as requested
+    if (ret == 0) {
+        json_object* raw = nullptr;
+        wHttpParseTR181Object(request, &raw);  // no usable body: an add without values
+        JsonPtr body(raw);
+        ret = wHttpAddTR181ObjByPath(path, body.get(), sizeof path);
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s %d wcfgRet=%d objPath=%s\n", __func__, __LINE__, ret,
+             path);
+        if (ret == WCFG_SUCCESS)
+            addReadBack(doc, path);
     }
     wHttpSetOperStatusByWcfgRet(doc, ret);
     send(request, doc, chunked, 1);
@@ -205,14 +196,9 @@ int wHttpTR181ValueDelHandle(CgHttpRequest* request, uint8_t chunked) {
     json_object* doc = json_object_new_object();
     char path[256] = "";
     int ret = wHttpParseTR181Path(request, path, nullptr);
-    if (ret != 0) {
-        wHttpSetRequestedPath(doc, path);
-        wHttpSetOperStatusByWcfgRet(doc, ret);
-        send(request, doc, chunked, 1);
-        return 1;
-    }
     wHttpSetRequestedPath(doc, path);
-    ret = wHttpDelTR181ObjByPath(path);
+    if (ret == 0)
+        ret = wHttpDelTR181ObjByPath(path);
     wHttpSetOperStatusByWcfgRet(doc, ret);
     send(request, doc, chunked, 1);
     return 1;
@@ -226,15 +212,15 @@ int wHttpTR181ValueHandle(CgHttpRequest* request, uint8_t chunked, int /*spare*/
     if (!strcmp(method, "GET"))
         return wHttpTR181ValueGetHandle(request, chunked);
     if (!strcmp(method, "PUT")) {
-        DataModelLock lock;
+        WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueSetHandle(request, chunked);
     }
     if (!strcmp(method, "POST")) {
-        DataModelLock lock;
+        WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueAddHandle(request, chunked);
     }
     if (!strcmp(method, "DELETE")) {
-        DataModelLock lock;
+        WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueDelHandle(request, chunked);
     }
     json_object* doc = json_object_new_object();

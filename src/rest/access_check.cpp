@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "auth/accounts.h"
 #include "daemon/whttpd.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
@@ -96,11 +97,7 @@ int wHttpIsAddrInPrefix(const char* ruleAddr, const char* prefix, const char* ad
 
 int wHttpCheckAccessPermission(CgHttpRequest* request, const char* user) {
     static const int32_t trustOid = wHttpOidByName("RDM_OID_SP_TRUST_DOMAIN");
-    static const int32_t accountOid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
-    static const int32_t groupOid = wHttpOidByName("RDM_OID_VX_LOG_CFG_GP");
     const char* remote = cg_http_request_getremoteaddress(request);
-    if (!remote)
-        remote = "";
 
     bool local = false;
     objIndex_t iid{};
@@ -116,15 +113,8 @@ int wHttpCheckAccessPermission(CgHttpRequest* request, const char* user) {
         wos_pk("cannot get user input object: %d\n", 0);
         return 0;
     }
-    JsonPtr account;
     objIndex_t aid{};
-    while (wcfgFeObjJsonGetNext(accountOid, &aid, &obj) == WCFG_SUCCESS) {
-        JsonPtr current(obj);
-        if (!strcmp(jsonString(obj, "Username"), user)) {
-            account = std::move(current);
-            break;
-        }
-    }
+    JsonPtr account = wHttpFindAccount(user, &aid);
     if (!account) {
         wos_pk("%s", kRefused);
         return 0;
@@ -137,18 +127,12 @@ int wHttpCheckAccessPermission(CgHttpRequest* request, const char* user) {
     }
     if (local)
         return 1;
-
-    objIndex_t gid{};
-    gid.level = static_cast<uint8_t>(aid.level - 1);
-    gid.idx[0] = aid.idx[0];
-    json_object* group = nullptr;
-    if (wcfgFeObjJsonGet(groupOid, &gid, &group) == WCFG_SUCCESS) {
-        JsonPtr owned(group);
-        if (!strstr(jsonString(group, "GP_Privilege"), "http")) {
-            wos_pk("Account:'%s' HTTP permission denied.\n", user);
-            wos_pk("%s", kRefused);
-            return 0;
-        }
+    // A group that cannot be read does not refuse.
+    JsonPtr group = wHttpReadAccountGroup(aid);
+    if (group && !strstr(jsonString(group.get(), "GP_Privilege"), "http")) {
+        wos_pk("Account:'%s' HTTP permission denied.\n", user);
+        wos_pk("%s", kRefused);
+        return 0;
     }
     return 1;
 }

@@ -24,17 +24,11 @@ std::string domain(const std::string& addr, const std::string& prefix) {
     return "{\"IPAddress\":\"" + addr + "\",\"SubnetMask\":\"" + prefix + "\"}";
 }
 
-// A root without a session limit, so that every login may open an entry.
-void unlimited(const DeviceRoot& root) {
-    ASSERT_EQ(
-        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
-}
-
 }  // namespace
 
 TEST(Access, TrustDomainsAndPrivileges) {
     DeviceRoot root;
-    unlimited(root);
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
     // The admin's group may not use HTTP from outside the trust domains.
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.LogGp.2.",
                                "{\"GP_Privilege\":\"app,telnet,ssh\"}"}));
@@ -94,7 +88,7 @@ TEST(Access, TrustDomainsAndPrivileges) {
 
 TEST(Account, UpdateRejectionsAndARealChange) {
     DeviceRoot root;
-    unlimited(root);
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
     Daemon d;
     int port = e2e::startDaemon(d, root);
     ASSERT_NE(0, port) << d.out() << d.err();

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 namespace e2e {
@@ -16,6 +18,15 @@ Reply Client::request(const std::string& method, const std::string& path, const 
     if (session && !session->id.empty())
         headers.push_back("Cookie: Session=" + session->id);
     return https(method, url, body, headers, local_);
+}
+
+Reply Client::write(const std::string& method, const std::string& path, const std::string& body,
+                    Session& session) const {
+    Reply r = request(method, withKey(path, session), body, &session);
+    long key = jsonInt(r.body, "sessionkey");
+    if (key >= 0)
+        session.key = key;
+    return r;
 }
 
 Reply Client::login(const std::string& user, const std::string& password, Session* session,
@@ -57,6 +68,22 @@ long jsonInt(const std::string& body, const std::string& key) {
 std::string withKey(const std::string& path, const Session& s) {
     return path + (path.find('?') == std::string::npos ? "?" : "&") +
            "sessionkey=" + std::to_string(s.key);
+}
+
+size_t countOf(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+void sleepMs(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+int setMaxLoginAccounts(const DeviceRoot& root, int max) {
+    return root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.",
+                         "{\"MaximumLoginAccountNumber\":" + std::to_string(max) + "}"});
 }
 
 Uptime::Uptime(const DeviceRoot& root) : path_(root.path("/.uptime")) {

@@ -22,6 +22,10 @@ class Client {
     // `path` below /api/v1/, e.g. "UserLogout?sessionkey=1".
     Reply request(const std::string& method, const std::string& path, const std::string& body = "",
                   const Session* session = nullptr) const;
+    // A modifying request with the session's key; keeps the key that the
+    // answer renews.
+    Reply write(const std::string& method, const std::string& path, const std::string& body,
+                Session& session) const;
     // POST UserLogin; fills `session` from a successful answer.
     Reply login(const std::string& user, const std::string& password, Session* session = nullptr,
                 const Session* cookie = nullptr) const;
@@ -37,6 +41,13 @@ std::string operStatus(const Reply& r);
 long jsonInt(const std::string& body, const std::string& key);
 // `path` with "?sessionkey=" (or "&sessionkey=") and the session's key.
 std::string withKey(const std::string& path, const Session& s);
+
+// Occurrences of `what` in `text`.
+size_t countOf(const std::string& text, const std::string& what);
+void sleepMs(int ms);
+// Sets the maximum number of login accounts of a root (0: no limit);
+// returns wcfgctl's exit status.
+int setMaxLoginAccounts(const DeviceRoot& root, int max);
 
 // The uptime file that the daemon's timer service reads instead of
 // /proc/uptime: tests move the daemon's clock with it.

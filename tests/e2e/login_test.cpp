@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <chrono>
 #include <regex>
 #include <set>
 #include <string>
-#include <thread>
 
 #include "client.h"
 #include "harness.h"
@@ -23,17 +21,6 @@ namespace {
 
 const char* const kUserAccount = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
 const char* const kHidden = "Invalid Username or Password";
-
-size_t count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
-
-void sleepMs(int ms) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
 
 }  // namespace
 
@@ -84,10 +71,10 @@ TEST(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
     // SIGUSR1 prints the table: three entries, the reused one once.
     d.signal(SIGUSR1);
     ASSERT_TRUE(d.waitForOutput("sessionKey=" + std::to_string(again.key)));
-    sleepMs(100);
+    e2e::sleepMs(100);
     std::string out = d.out();
-    EXPECT_EQ(1u, count(out, "sessionID=" + s.id));
-    EXPECT_EQ(3u, count(out, "addLoginEntry(): Add this account to login entry"));
+    EXPECT_EQ(1u, e2e::countOf(out, "sessionID=" + s.id));
+    EXPECT_EQ(3u, e2e::countOf(out, "addLoginEntry(): Add this account to login entry"));
     EXPECT_NE(std::string::npos, out.find("userName=admin\nremoteHost=127.0.0.1\nlocalHost="
                                           "127.0.0.1\ntimeout=0\n"));
     EXPECT_NE(std::string::npos, out.find("Current amount of login user are = 3, Maximum number of "
@@ -175,7 +162,7 @@ TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
     int port = e2e::startDaemon(d, root);
     ASSERT_NE(0, port) << d.out() << d.err();
     Client c(port);
-    auto locks = [&] { return count(d.err(), "Locked User AfterLockTime="); };
+    auto locks = [&] { return e2e::countOf(d.err(), "Locked User AfterLockTime="); };
 
     Session s;
     ASSERT_EQ(200, c.login("user", "user1234", &s).status);
@@ -200,7 +187,7 @@ TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
     // A locked user's session requests are refused as well.
     EXPECT_EQ(401, c.request("GET", "Unknown", "", &s).status);
 
-    sleepMs(3200);
+    e2e::sleepMs(3200);
     // The lock is over.  The first failure after it counts past the limit
     // without a new fail time, so the lock test resets the count to 1.
     EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass4")));
@@ -210,7 +197,7 @@ TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
     EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass6")));
     EXPECT_EQ(3u, locks());
 
-    sleepMs(3200);
+    e2e::sleepMs(3200);
     // A login that reuses its entry leaves one failure on record: two more
     // failures lock again.
     r = c.login("user", "user1234", nullptr, &s);
@@ -220,7 +207,7 @@ TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
     EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass8")));
     EXPECT_EQ(4u, locks());
 
-    sleepMs(3200);
+    e2e::sleepMs(3200);
     // A login that makes a new entry forgets the failures.
     Session fresh;
     ASSERT_EQ(200, c.login("user", "user1234", &fresh).status);
@@ -243,7 +230,7 @@ TEST(Login, UnknownNamesLockThePseudoUser) {
     EXPECT_NE(std::string::npos, d.err().find("Locked User AfterLockTime=300"));
     r = c.login("someone", "whatever2");
     EXPECT_EQ(kHidden, operStatus(r));
-    EXPECT_EQ(2u, count(d.err(), "Locked User AfterLockTime=")) << d.err();
+    EXPECT_EQ(2u, e2e::countOf(d.err(), "Locked User AfterLockTime=")) << d.err();
     // Known users are not affected.
     EXPECT_EQ(200, c.login("admin", "1234abcd").status);
     EXPECT_EQ(0, d.stop());
@@ -251,8 +238,7 @@ TEST(Login, UnknownNamesLockThePseudoUser) {
 
 TEST(Login, MaximumNumberOfLoginAccounts) {
     DeviceRoot root;
-    ASSERT_EQ(
-        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":2}"}));
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 2));
     Daemon d;
     int port = e2e::startDaemon(d, root);
     ASSERT_NE(0, port) << d.out() << d.err();
@@ -325,7 +311,7 @@ TEST(Session, IdleTimersFollowTheAccountAndTheDataModelNotice) {
     int port = e2e::startDaemon(d, root, &clock);
     ASSERT_NE(0, port) << d.out() << d.err();
     Client c(port);
-    auto settle = [] { sleepMs(300); };  // several ticks of the timer thread
+    auto settle = [] { e2e::sleepMs(300); };  // several ticks of the timer thread
 
     // 60 seconds are raised to 300; each request restarts the period.
     Session u;
@@ -367,7 +353,7 @@ TEST(Session, IdleTimersFollowTheAccountAndTheDataModelNotice) {
     EXPECT_EQ(504, c.request("GET", "Unknown", "", &sup).status);
 
     d.signal(SIGUSR1);
-    sleepMs(200);
+    e2e::sleepMs(200);
     EXPECT_EQ(std::string::npos, d.out().find("userName="));
     EXPECT_EQ(0, d.stop());
 }

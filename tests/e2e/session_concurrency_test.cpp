@@ -6,7 +6,6 @@
 #include <signal.h>
 
 #include <atomic>
-#include <chrono>
 #include <set>
 #include <string>
 #include <thread>
@@ -23,8 +22,7 @@ using e2e::Session;
 
 TEST(SessionConcurrent, ManyClientsWhileIdleTimersFire) {
     DeviceRoot root;
-    ASSERT_EQ(
-        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
     e2e::Uptime clock(root);
     Daemon d;
     int port = e2e::startDaemon(d, root, &clock);
@@ -73,7 +71,7 @@ TEST(SessionConcurrent, ManyClientsWhileIdleTimersFire) {
     std::thread driver([&] {
         int step = 0;
         while (!done) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+            e2e::sleepMs(40);
             clock.advance(step % 3 == 0 ? 301 : 60);
             if (step % 5 == 0)
                 d.signal(SIGUSR1);
@@ -92,11 +90,11 @@ TEST(SessionConcurrent, ManyClientsWhileIdleTimersFire) {
 
     // Whatever is left expires; the table ends empty.
     clock.advance(1000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    e2e::sleepMs(300);
     std::string before = d.out();
     d.signal(SIGUSR1);
     ASSERT_TRUE(d.waitForOutput("data model change, update login timer."));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    e2e::sleepMs(300);
     std::string after = d.out().substr(before.size());
     EXPECT_EQ(std::string::npos, after.find("userName=")) << after;
 

@@ -21,8 +21,7 @@ using e2e::Session;
 
 TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
     DeviceRoot root;
-    ASSERT_EQ(
-        0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
     Daemon d;
     int port = e2e::startDaemon(d, root);
     ASSERT_NE(0, port) << d.out() << d.err();
@@ -54,13 +53,7 @@ TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
             return;
         }
         auto write = [&](const std::string& method, const std::string& uri,
-                         const std::string& body) {
-            Reply r = c.request(method, e2e::withKey(uri, s), body, &s);
-            long key = e2e::jsonInt(r.body, "sessionkey");
-            if (key >= 0)
-                s.key = key;
-            return r;
-        };
+                         const std::string& body) { return c.write(method, uri, body, s); };
         for (int i = 0; i < kRounds; ++i) {
             std::string desc = "w" + std::to_string(n) + "-" + std::to_string(i);
             if (operStatus(write("PUT", "TR181/Value/Device.NAT.PortMapping.1.",

@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
-#include <chrono>
 #include <memory>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include "client.h"
 #include "harness.h"
@@ -21,13 +19,6 @@ using e2e::Reply;
 using e2e::Session;
 
 namespace {
-
-size_t count(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
 
 // A parsed answer.
 struct Doc {
@@ -52,8 +43,7 @@ class Value : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         root_ = new DeviceRoot;
-        ASSERT_EQ(0, root_->wcfgctl(
-                         {"set", "Device.X_OLVEX_LoginCfg.", "{\"MaximumLoginAccountNumber\":0}"}));
+        ASSERT_EQ(0, e2e::setMaxLoginAccounts(*root_, 0));
         daemon_ = new Daemon;
         port_ = e2e::startDaemon(*daemon_, *root_);
         ASSERT_NE(0, port_) << daemon_->out() << daemon_->err();
@@ -70,18 +60,13 @@ class Value : public ::testing::Test {
     Reply get(const std::string& path) {
         return client_->request("GET", "TR181/Value/" + path, "", &s_);
     }
-    // A modifying request with the current key; keeps the renewed one.
     Reply write(const std::string& method, const std::string& uri, const std::string& body) {
-        Reply r = client_->request(method, e2e::withKey(uri, s_), body, &s_);
-        long key = e2e::jsonInt(r.body, "sessionkey");
-        if (key >= 0)
-            s_.key = key;
-        return r;
+        return client_->write(method, uri, body, s_);
     }
     // Data-model notices the daemon has received so far (one per applied write).
     size_t notices() {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        return count(daemon_->err(), "data model change, update login timer.");
+        e2e::sleepMs(200);
+        return e2e::countOf(daemon_->err(), "data model change, update login timer.");
     }
 
     static DeviceRoot* root_;

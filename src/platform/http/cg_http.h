@@ -57,7 +57,7 @@ const char* cg_http_request_getcookie(CgHttpRequest* request, const char* name);
 const char* cg_http_request_getcontent(CgHttpRequest* request);
 size_t cg_http_request_getcontentlength(CgHttpRequest* request);
 // Addresses of the connection as text: IPv4 callers as dotted quads, IPv6
-// without brackets and zone.
+// without brackets and zone; never nullptr ("" without a request).
 const char* cg_http_request_getremoteaddress(CgHttpRequest* request);
 const char* cg_http_request_getlocaladdress(CgHttpRequest* request);
 int cg_http_request_getlocalport(CgHttpRequest* request);
