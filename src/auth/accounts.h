@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 // Id of the account object (RDM_OID_VX_LOG_CFG_GP_ACCOUNT).
 int32_t wHttpAccountOid(void);

@@ -13,7 +13,7 @@
 #include "auth/session.h"
 #include "daemon/whttpd.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "timer/uitimer.h"
 
 // One logged-in client.

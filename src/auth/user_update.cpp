@@ -4,7 +4,7 @@
 #include "auth/auth_handlers.h"
 #include "daemon/whttpd.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

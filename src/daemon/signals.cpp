@@ -8,7 +8,7 @@
 
 #include "daemon/whttpd.h"
 #include "daemon/whttpd_signals.h"
-#include "platform/wcfg_msg.h"
+#include "platform/bus/wcfg_msg.h"
 
 std::atomic<int> gDumpRequested{0};
 std::atomic<int> gStopRequested{0};

@@ -15,8 +15,8 @@
 #include "datamodel/oid_names.h"
 #include "platform/http/cg_http.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_msg.h"
+#include "platform/store/wcfg.h"
+#include "platform/bus/wcfg_msg.h"
 #include "rest/whttpd_rest.h"
 #include "timer/uitimer.h"
 

@@ -4,7 +4,7 @@
 
 #include "daemon/whttpd.h"
 #include "datamodel/value_handlers.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "daemon/whttpd.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/schema.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "daemon/whttpd.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 #define IID_FMT "%s iid.level=%u [%u, %u, %u, %u, %u, %u]\n"
 #define IID_ARGS(iid) \

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "daemon/whttpd.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "datamodel/return_codes.h"
 
 #include "daemon/whttpd.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include "daemon/whttpd.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 namespace {
 

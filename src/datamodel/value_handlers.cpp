@@ -11,7 +11,7 @@
 #include "datamodel/return_codes.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "daemon/whttpd.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 
 namespace {
 

@@ -10,14 +10,14 @@
 #include <fstream>
 #include <string>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/provision.h"
-#include "platform/standin.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_msg.h"
-#include "platform/wcfg_store.h"
+#include "platform/standins/provision.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
+#include "platform/bus/wcfg_msg.h"
+#include "platform/store/wcfg_store.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) {

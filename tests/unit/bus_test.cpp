@@ -6,9 +6,9 @@
 #include <cstring>
 #include <string>
 
-#include "platform/wcfg.h"
-#include "platform/wcfg_msg.h"
-#include "platform/wcfg_store.h"
+#include "platform/store/wcfg.h"
+#include "platform/bus/wcfg_msg.h"
+#include "platform/store/wcfg_store.h"
 #include "test_root.h"
 
 TEST(Bus, HeaderLayout) {

@@ -9,7 +9,7 @@
 #include "datamodel/oid_names.h"
 #include "datamodel/return_codes.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
+#include "platform/store/wcfg.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

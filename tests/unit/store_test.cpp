@@ -8,12 +8,12 @@
 #include <fstream>
 #include <string>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/standin.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_store.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
+#include "platform/store/wcfg_store.h"
 #include "test_root.h"
 
 namespace {

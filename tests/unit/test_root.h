@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "platform/provision.h"
+#include "platform/standins/provision.h"
 
 inline const std::string& unitTestRoot() {
     static const std::string root = [] {

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <string>
 
-#include "platform/dm_def.h"
-#include "platform/wcfg.h"
+#include "platform/store/dm_def.h"
+#include "platform/store/wcfg.h"
 
 struct sqlite3;
 

@@ -1,4 +1,4 @@
-#include "platform/wcfg_store.h"
+#include "platform/store/wcfg_store.h"
 
 #include <crypt.h>
 #include <sqlite3.h>

@@ -12,12 +12,12 @@
 #include <mutex>
 #include <string>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/standin.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_store.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
+#include "platform/store/wcfg_store.h"
 
 namespace standin {
 

@@ -1,4 +1,4 @@
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -11,11 +11,11 @@
 #include <cstring>
 #include <string>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/standin.h"
-#include "platform/wcfg.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
 
 namespace standin {
 

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <string>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_store.h"
+#include "platform/store/wcfg.h"
+#include "platform/store/wcfg_store.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/wcfg_msg.h"
+#include "platform/bus/wcfg_msg.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "platform/standin.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_store.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
+#include "platform/store/wcfg_store.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "platform/json_util.h"
-#include "platform/standin.h"
-#include "platform/wcfg_msg.h"
+#include "platform/standins/standin.h"
+#include "platform/bus/wcfg_msg.h"
 
 namespace standin {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/dm_def.h"
-#include "platform/wcfg.h"
-#include "platform/wcfg_store.h"
+#include "platform/store/dm_def.h"
+#include "platform/store/wcfg.h"
+#include "platform/store/wcfg_store.h"
 
 int32_t wcfgFeObjNameToObjId(const char* path, objIndex_t* iid) {
     if (!path || !iid)

@@ -1,4 +1,4 @@
-#include "platform/provision.h"
+#include "platform/standins/provision.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/dm_def.h"
+#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/standin.h"
-#include "platform/wcfg_store.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg_store.h"
 
 namespace provision {
 
