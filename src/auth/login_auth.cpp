@@ -56,6 +56,14 @@ bool groupAllowsApp(const objIndex_t& account) {
     return group && strstr(jsonString(group.get(), "GP_Privilege"), "app") != nullptr;
 }
 
+// An unknown user name costs one password check, as a known one does, so
+// that the time of the answer does not tell which names exist.
+void checkAgainstNobody(CgHttpRequest* request) {
+    const char* body = cg_http_request_getcontent(request);
+    JsonPtr doc(body ? json_tokener_parse(body) : nullptr);
+    vxUtilAuthDummy(jsonText(doc.get(), "password").c_str());
+}
+
 }  // namespace
 
 char* jsonGetPassword(json_object* account) {
@@ -80,11 +88,13 @@ int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
     if (!body || !length || atoi(length) == 0 || cg_http_request_getcontentlength(request) == 0)
         return 3;
     JsonPtr doc(json_tokener_parse(body));
-    std::string username = jsonString(doc.get(), "username");
-    std::string password = jsonString(doc.get(), "password");
+    // The whole texts: a name or password with an escaped NUL ("\u0000")
+    // matches no account, it is not cut short at the NUL.
+    std::string username = jsonText(doc.get(), "username");
+    std::string password = jsonText(doc.get(), "password");
     if (username.empty() || username != user)
         return 1;
-    if (password.empty())
+    if (password.empty() || password.find('\0') != std::string::npos)
         return 2;
     switch (vxUtilAuthUserAccount(username.c_str(), password.c_str())) {
         case 0:
@@ -131,6 +141,9 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
             break;
         }
     }
+
+    if (loginMode && !account && code == 1)
+        checkAgainstNobody(request);
 
     if (account && code == 2) {
         // Wrong password for a known user.
@@ -194,6 +207,7 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
             }
             wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
             wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
+            ctx->group = group;
             return "Success";
         }
     }

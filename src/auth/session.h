@@ -16,9 +16,9 @@
 #define SESSION_ID_LEN 32
 
 // Fills `out` (33 bytes) with a new session id of 32 characters from the
-// 62-character alphabet.
+// 62-character alphabet, drawn from OpenSSL's random generator.
 void genSessionID(char* out);
-// A new session key: the nanosecond part of the monotonic clock.
+// A new session key, 1 to 999,999,999, from the same generator.
 int32_t getSessionKey(void);
 
 // At login: finds the caller's entry (client and local address, the

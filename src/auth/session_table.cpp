@@ -1,5 +1,6 @@
 // Session table: login entries, session ids and keys, idle timers, the
 // session cookie.
+#include <openssl/rand.h>
 #include <syslog.h>
 
 #include <cstdlib>
@@ -45,8 +46,6 @@ const int kMinIdleSeconds = 300;
 std::list<LoginEntry> gTable;
 uint64_t gNextSerial = 0;
 
-uint8_t gSeeded = 0;  // guarded by gSessionKeyMutex
-
 // Current user name and session id of the daemon, written by every request
 // thread.
 std::mutex gCurrentMutex;
@@ -89,26 +88,50 @@ int idleSeconds(const char* user) {
 
 }  // namespace
 
+namespace {
+
+// Random bytes from OpenSSL's generator; a generator that fails is a device
+// that must not hand out sessions.
+void randomBytes(unsigned char* buf, int n) {
+    for (int attempt = 0; attempt < 3; ++attempt)
+        if (RAND_bytes(buf, n) == 1)
+            return;
+    wlog_syslog(LOG_ERR, "no random numbers for session ids and keys\n");
+    abort();
+}
+
+// A uniform random number below `bound` (at most 2^31): bytes that would
+// favour the low values are drawn again.
+uint32_t randomBelow(uint32_t bound) {
+    const uint32_t limit = UINT32_MAX - UINT32_MAX % bound;
+    for (;;) {
+        uint32_t v;
+        randomBytes(reinterpret_cast<unsigned char*>(&v), sizeof v);
+        if (v < limit)
+            return v % bound;
+    }
+}
+
+}  // namespace
+
 void genSessionID(char* out) {
     memset(out, 0, SESSION_ID_LEN + 1);
     pthread_mutex_lock(&gSessionKeyMutex);
-    if (gSeeded != 1) {
-        srand(static_cast<unsigned>(time(nullptr)));
-        gSeeded = 1;
+    unsigned char bytes[SESSION_ID_LEN * 2];
+    int filled = 0;
+    while (filled < SESSION_ID_LEN) {
+        randomBytes(bytes, sizeof bytes);
+        // 248 = 4 x 62: the bytes below it map evenly onto the alphabet.
+        for (size_t i = 0; i < sizeof bytes && filled < SESSION_ID_LEN; ++i)
+            if (bytes[i] < 248)
+                out[filled++] = kAlphabet[bytes[i] % 62];
     }
-    for (int i = 0; i < SESSION_ID_LEN; ++i)
-        out[i] = kAlphabet[rand() % 62];
     pthread_mutex_unlock(&gSessionKeyMutex);
 }
 
 int32_t getSessionKey(void) {
-    for (int i = 0; i < 10; ++i) {
-        UITime t{};
-        getMonotonicTime(&t);
-        if (t.usec != 0)
-            return static_cast<int32_t>(t.usec);
-    }
-    return 0;
+    // The range a client has always seen: 1 to 999,999,999.
+    return static_cast<int32_t>(randomBelow(999999999u) + 1);
 }
 
 namespace {

@@ -1,7 +1,15 @@
 // The UserUpdate handler: changes a login account's user name and password
 // through the configuration service's account editor, which owns the
-// password policy and the reply texts.
+// password policy and the reply texts.  Wrong old passwords are counted and
+// locked out as failed logins are.
+#include <syslog.h>
+
+#include <cstring>
+#include <string>
+
+#include "auth/accounts.h"
 #include "auth/auth_handlers.h"
+#include "auth/retry_table.h"
 #include "daemon/whttpd.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
@@ -10,6 +18,21 @@
 namespace {
 
 const char* const kMembers[] = {"old_username", "old_password", "new_username", "new_password"};
+
+// The whole text of a member: a string with any escaped NUL it holds, any
+// other value as its JSON text.
+std::string wholeText(json_object* v) {
+    if (json_object_is_type(v, json_type_string))
+        return std::string(json_object_get_string(v),
+                           static_cast<size_t>(json_object_get_string_len(v)));
+    const char* t = json_object_get_string(v);
+    return t ? t : "";
+}
+
+void addText(json_object* obj, const char* key, const std::string& text) {
+    json_object_object_add(obj, key,
+                           json_object_new_string_len(text.data(), static_cast<int>(text.size())));
+}
 
 void answer(CgHttpRequest* request, const char* text) {
     json_object* doc = json_object_new_object();
@@ -38,22 +61,44 @@ int wHttpUserUpdateHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spa
             return 1;
         }
     }
-    const char* oldUser = json_object_get_string(value[0]);
-    const char* oldPassword = json_object_get_string(value[1]);
-    const char* newUser = json_object_get_string(value[2]);
-    const char* newPassword = json_object_get_string(value[3]);
+    std::string text[4];
+    for (int i = 0; i < 4; ++i)
+        text[i] = wholeText(value[i]);
+    const std::string& oldUser = text[0];
+    const std::string& oldPassword = text[1];
+
+    // Wrong old passwords count as failed logins of the account (unknown
+    // names as those of the pseudo user), and a locked name is refused before
+    // the editor runs: the editor is no way to guess passwords past the lock.
+    objIndex_t iid{};
+    bool known = oldUser.find('\0') == std::string::npos &&
+                 wHttpFindAccount(oldUser.c_str(), &iid) != nullptr;
+    const char* record = known ? oldUser.c_str() : INVALID_ACCOUNT_NAME;
+    if (isRestriction(record)) {
+        vxUtilAuthDummy(oldPassword.c_str());  // as long as a real check
+        answer(request, WCFG_DAL_BAD_CREDENTIALS);
+        return 1;
+    }
 
     JsonPtr edit(json_object_new_object());
-    json_object_object_add(edit.get(), "Username", json_object_new_string(oldUser));
-    json_object_object_add(edit.get(), "new_Username", json_object_new_string(newUser));
-    json_object_object_add(edit.get(), "Password", json_object_new_string(newPassword));
-    json_object_object_add(edit.get(), "verifyNewpassword", json_object_new_string(newPassword));
-    json_object_object_add(edit.get(), "oldPw", json_object_new_string(oldPassword));
+    addText(edit.get(), "Username", oldUser);
+    addText(edit.get(), "new_Username", text[2]);
+    addText(edit.get(), "Password", text[3]);
+    addText(edit.get(), "verifyNewpassword", text[3]);
+    addText(edit.get(), "oldPw", oldPassword);
     json_object_object_add(edit.get(), "DAL_LOGIN_LEVEL", json_object_new_string("high"));
     char reply[128] = {};
-    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0)
+    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0) {
+        retryTableMgt("remove", oldUser.c_str());
         answer(request, "Success");
-    else
-        answer(request, reply);
+        return 1;
+    }
+    if (!strcmp(reply, WCFG_DAL_BAD_CREDENTIALS)) {
+        wlog_syslog(LOG_INFO,
+                    "Account: Enter an invalid old password for User '%s' form the host(%s).\n",
+                    known ? oldUser.c_str() : "", cg_http_request_getremoteaddress(request));
+        retryTableMgt("set", record);
+    }
+    answer(request, reply);
     return 1;
 }

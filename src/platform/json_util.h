@@ -4,6 +4,7 @@
 #include <json-c/json.h>
 
 #include <memory>
+#include <string>
 
 // The text of a string member, or "" when the member is absent or not a string.
 inline const char* jsonString(json_object* obj, const char* key) {
@@ -12,6 +13,18 @@ inline const char* jsonString(json_object* obj, const char* key) {
         !json_object_is_type(v, json_type_string))
         return "";
     return json_object_get_string(v);
+}
+
+// The whole text of a string member, embedded NUL characters included (a
+// client's "\u0000" must not cut a name or a password short); "" when the
+// member is absent or not a string.
+inline std::string jsonText(json_object* obj, const char* key) {
+    json_object* v = nullptr;
+    if (!obj || !json_object_object_get_ex(obj, key, &v) ||
+        !json_object_is_type(v, json_type_string))
+        return "";
+    return std::string(json_object_get_string(v),
+                       static_cast<size_t>(json_object_get_string_len(v)));
 }
 
 struct JsonPutter {

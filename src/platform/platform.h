@@ -52,6 +52,12 @@ void wlog_syslog(int priority, const char* fmt, ...) __attribute__((format(print
 // Checks a password against the device's password store ("/etc/shadow"):
 // 0 match, 1 no store or no entry for the user, 2 mismatch.
 int vxUtilAuthUserAccount(const char* user, const char* password);
+// Whether crypt(3) of `password` with the settings of `hash` gives `hash`;
+// false for an empty password or hash.
+bool vxUtilPasswordMatchesHash(const char* hash, const char* password);
+// Checks `password` against a fixed hash and forgets the result: a refusal
+// that needs no check (an unknown user) then takes as long as one that does.
+void vxUtilAuthDummy(const char* password);
 // Writes the device's base MAC address with colons ("02:10:18:3A:5C:00").
 // Returns 0, or -1 leaving `buf` untouched.
 int vxUtilIGetBaseMACwithColon(char* buf, size_t size);

@@ -10,6 +10,7 @@
 #include "auth/login_auth.h"
 #include "auth/session.h"
 #include "datamodel/value_handlers.h"
+#include "platform/store/wcfg.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
 
@@ -110,6 +111,9 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
         return;
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "use restApiHandler_v1\n");
     const char* name = uri + 8;
+    // Until its session is known a request may change nothing that the
+    // configuration service guards (the login configuration, trust domains).
+    WcfgCallerScope caller(WCFG_CALLER_NONE);
     if (strcmp(name, kUserLogin) != 0) {
         const char* auth = wHttpLoginAuth(&ctx, 0, nullptr, 0);
         if (strcmp(auth, "Success") != 0) {
@@ -117,6 +121,7 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
             wos_pk("uri=%s authResult=%s\n", name, auth);
             return;
         }
+        wcfgFeSetCaller(ctx.group);
     }
     if (!wHttpCheckSessionKey(name, request)) {
         wHttpdSessionFailHandle("Invalid SessionKey", request);

@@ -14,6 +14,7 @@ struct WHttpReqCtx {
     char userName[32] = "";
     char sessionID[33] = "";
     char privilege[16] = "";
+    int group = 0;  // login group of the session (1 high, 2 medium, 3 low); 0 until known
     int changeDefaultPassword = 0;
     int showSkipButton = 0;
     int quickStart = 0;

@@ -17,7 +17,7 @@
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
 #include "platform/bus/wcfg_msg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 
 namespace {
 
@@ -26,7 +26,8 @@ const char* kUsage =
     "  init                     create a complete device root below $WHTTPD_ROOT\n"
     "  get TARGET               print an object instance, or every instance of a table\n"
     "  set TARGET JSON          write parameters (read-only ones too) and apply\n"
-    "  add TARGET [JSON]        add an instance to a table; prints its path\n"
+    "  add TARGET [JSON]        add an instance to a table (with its values, in one\n"
+    "                           write); prints its path\n"
     "  del TARGET               delete an instance\n"
     "  passwd USER PASSWORD     set an account's password\n"
     "  reset                    restore the default configuration\n"
@@ -119,6 +120,20 @@ int cmdGet(const std::string& target) {
     return 0;
 }
 
+// wcfgctl writes as the device's own administrator: read-only parameters
+// too, and every write applied and announced.
+wcfg::WriteMode adminWrite() {
+    wcfg::WriteMode mode;
+    mode.apply = mode.notify = mode.readOnly = true;
+    return mode;
+}
+
+int writeFailed(const char* what, int rc) {
+    if (rc == WCFG_REQUEST_REJECT)
+        fprintf(stderr, "wcfgctl: account passwords change only with `wcfgctl passwd`\n");
+    return fail(what, rc);
+}
+
 int cmdSet(const std::string& target, const char* json) {
     objIndex_t iid;
     int32_t oid = resolve(target, iid, false);
@@ -127,8 +142,8 @@ int cmdSet(const std::string& target, const char* json) {
     JsonPtr values(parseJson(json));
     if (!values)
         return fail("values must be a JSON object");
-    int rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
-    return rc ? fail("set failed", rc) : 0;
+    int rc = wcfg::Store::instance().set(oid, &iid, values.get(), adminWrite());
+    return rc ? writeFailed("set failed", rc) : 0;
 }
 
 int cmdAdd(const std::string& target, const char* json) {
@@ -140,16 +155,10 @@ int cmdAdd(const std::string& target, const char* json) {
     JsonPtr values;
     if (json && !(values = JsonPtr(parseJson(json))))
         return fail("values must be a JSON object");
-    int rc = wcfg::Store::instance().add(oid, &iid);
+    // The instance and its values are one write: both or neither.
+    int rc = wcfg::Store::instance().add(oid, &iid, values.get(), adminWrite());
     if (rc)
-        return fail("add failed", rc);
-    if (values) {
-        rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
-        if (rc) {
-            wcfg::Store::instance().del(oid, &iid);
-            return fail("values refused, instance removed", rc);
-        }
-    }
+        return writeFailed("add failed", rc);
     printf("%s\n", wcfg::instancePath(*o, iid).c_str());
     return 0;
 }
@@ -169,14 +178,16 @@ int cmdPasswd(const char* user, const char* password) {
     json_object* obj = nullptr;
     while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &obj) == WCFG_SUCCESS) {
         JsonPtr owned(obj);
-        json_object* name = nullptr;
-        if (json_object_object_get_ex(obj, "Username", &name) &&
-            !strcmp(json_object_get_string(name), user)) {
-            JsonPtr values(json_object_new_object());
-            json_object_object_add(values.get(), "Password", json_object_new_string(password));
-            int rc = wcfg::Store::instance().set(oid, &iid, values.get(), true, true, true);
-            return rc ? fail("passwd failed", rc) : 0;
-        }
+        if (jsonText(obj, "Username") != user)
+            continue;
+        if (!*password)
+            return fail("the password must not be empty");
+        JsonPtr values(json_object_new_object());
+        json_object_object_add(values.get(), "Password", json_object_new_string(password));
+        wcfg::WriteMode mode = adminWrite();
+        mode.secrets = true;
+        int rc = wcfg::Store::instance().set(oid, &iid, values.get(), mode);
+        return rc ? fail("passwd failed", rc) : 0;
     }
     return fail("no such account");
 }

@@ -110,16 +110,17 @@ TEST(Account, UpdateRejectionsAndARealChange) {
     EXPECT_EQ("Request reject: lost parameters", update("not json"));
     EXPECT_EQ("Request reject: lost parameters", update(""));
     EXPECT_EQ("Request reject: empty value", update(body("admin", "1234abcd", "boss", "")));
-    EXPECT_EQ("Old password is incorrect", update(body("admin", "nope", "boss", "n3wPassword")));
+    EXPECT_EQ("Invalid Username or Password", update(body("admin", "nope", "boss", "n3wPassword")));
     EXPECT_EQ(
         "Password must be 8 to 63 printable characters with at least one letter and one digit",
         update(body("admin", "1234abcd", "boss", "short")));
     EXPECT_EQ("Username already exists", update(body("admin", "1234abcd", "user", "n3wPassword")));
-    EXPECT_EQ("Account not found", update(body("ghost", "1234abcd", "boss", "n3wPassword")));
+    EXPECT_EQ("Invalid Username or Password",
+              update(body("ghost", "1234abcd", "boss", "n3wPassword")));
     // The method is not checked: a GET reaches the editor too.
     EXPECT_EQ(
-        "Old password is incorrect",
-        operStatus(c.request("GET", "UserUpdate", body("admin", "x", "boss", "n3wPassword"), &s)));
+        "Invalid Username or Password",
+        operStatus(c.request("GET", "UserUpdate", body("user", "x", "boss", "n3wPassword"), &s)));
 
     EXPECT_EQ("Success", update(body("admin", "1234abcd", "boss", "n3wPassword")));
     EXPECT_EQ(401, c.login("admin", "1234abcd").status);

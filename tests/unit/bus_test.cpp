@@ -8,7 +8,7 @@
 
 #include "platform/store/wcfg.h"
 #include "platform/bus/wcfg_msg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 #include "test_root.h"
 
 TEST(Bus, HeaderLayout) {

@@ -13,7 +13,7 @@
 #include "platform/platform.h"
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 #include "test_root.h"
 
 namespace {
@@ -207,10 +207,11 @@ TEST_F(StoreTest, AccountEditor) {
         return rc;
     };
     std::string reply;
+    // An unknown user and a wrong password are answered alike.
     EXPECT_NE(0, edit("nobody", "x", "y", "abcd1234", "abcd1234", reply));
-    EXPECT_EQ("Account not found", reply);
+    EXPECT_EQ(WCFG_DAL_BAD_CREDENTIALS, reply);
     EXPECT_NE(0, edit("admin", "wrong", "admin", "abcd1234", "abcd1234", reply));
-    EXPECT_EQ("Old password is incorrect", reply);
+    EXPECT_EQ(WCFG_DAL_BAD_CREDENTIALS, reply);
     EXPECT_NE(0, edit("admin", "1234abcd", "admin", "abcd1234", "abcd12345", reply));
     EXPECT_EQ("New passwords do not match", reply);
     EXPECT_NE(0, edit("admin", "1234abcd", "admin", "short1", "short1", reply));

@@ -19,7 +19,7 @@
 #include "platform/platform.h"
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 
 namespace {
 

@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "platform/store/wcfg.h"
 
 namespace net = boost::asio;
 namespace beast = boost::beast;
@@ -160,6 +161,9 @@ void sendPlainError(net::io_context& ioc, Stream& stream, const CgHttpLimits& li
 void serveConnection(std::shared_ptr<ServerState> st, std::unique_ptr<net::io_context> ioc,
                      tcp::socket sock) {
     platformBlockStopSignals();
+    // A thread that serves a network client acts for nobody until the
+    // listener has identified the client's session.
+    wcfgFeSetCaller(WCFG_CALLER_NONE);
     const CgHttpLimits& lim = st->limits;
     beast::error_code ec;
     sock.set_option(tcp::no_delay(true), ec);

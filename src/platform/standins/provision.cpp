@@ -15,7 +15,7 @@
 #include "platform/json_util.h"
 #include "platform/platform.h"
 #include "platform/standins/standin.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 
 namespace provision {
 

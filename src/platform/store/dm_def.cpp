@@ -238,6 +238,10 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                 for (; opt < t.size(); ++opt) {
                     if (t[opt] == "create")
                         cur.create = true;
+                    else if (t[opt] == "guard=group")
+                        cur.guard = Guard::Group;
+                    else if (t[opt] == "guard=supervisor")
+                        cur.guard = Guard::Supervisor;
                     else if (t[opt].rfind("max=", 0) == 0)
                         cur.maxInst = static_cast<int>(toInt(t[opt].substr(4)));
                     else
@@ -258,6 +262,10 @@ bool parse(const std::string& text, Model& m, std::string& err) {
             for (size_t k = 3; k < t.size(); ++k) {
                 if (t[k] == "hidden" && !quoted[k]) {
                     p.hidden = true;
+                } else if (t[k] == "secret" && !quoted[k]) {
+                    p.secret = true;
+                } else if (t[k] == "supervisor" && !quoted[k]) {
+                    p.supervisor = true;
                 } else if (!p.hasDefault) {
                     p.hasDefault = true;
                     p.def = t[k];

@@ -21,10 +21,15 @@ struct Param {
     size_t maxLen = 0;  // 0: unlimited
     std::vector<std::string> enums;
     bool writable = false;
-    bool hidden = false;  // kept out of the REST schema
+    bool hidden = false;      // kept out of the REST schema
+    bool secret = false;      // changed only by the account editor
+    bool supervisor = false;  // changed only by the supervisor's group
     bool hasDefault = false;
     std::string def;  // default as text
 };
+
+// Who may write an object for a REST session (see data/datamodel.def).
+enum class Guard { None, Group, Supervisor };
 
 struct Object {
     std::string rdm;        // RDM_OID_ name; empty for a virtual object
@@ -35,6 +40,7 @@ struct Object {
     bool table = false;
     bool create = false;
     bool isVirtual = false;
+    Guard guard = Guard::None;
     int maxInst = 0;  // tables: highest instance number allowed
     int depth = 0;    // instance numbers needed to name one instance
     int parent = -1;  // index into Model::objects

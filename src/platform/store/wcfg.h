@@ -91,11 +91,48 @@ int wcfgFeObjJsonSetWithoutApply(int32_t oid, objIndex_t* iid, json_object* valu
 int wcfgFeObjJsonAdd(int32_t oid, objIndex_t* iid, void* reserved);
 int wcfgFeObjJsonDel(int32_t oid, objIndex_t* iid, void* reserved);
 
+// A number that changes whenever a write to the configuration commits, in
+// any process: a reader that keeps something derived from the configuration
+// knows from it when to derive again.
+uint64_t wcfgFeDataVersion(void);
+
 // Sends a request by type (reboot, reset, image check, upgrade) with an
 // optional payload (the image path).
 int wcfgFeReqSend(uint32_t type, const char* payload);
 
+// Whom the calls of the current thread act for.  Writes to the login
+// configuration (its groups and accounts) and to the trust domains are checked
+// against it:
+//   WCFG_CALLER_DEVICE  the device itself: wcfgctl and the services (the
+//                       default of every thread)
+//   WCFG_CALLER_NONE    a network client whose session is not known (every
+//                       connection thread of the HTTP server starts so): none
+//   1, 2, 3 ...         a REST session of that login group: its own group and
+//                       less privileged ones (higher numbers); privileges and
+//                       trust domains from group 1 only
+// Account secrets ("Password", "shadow") change only through the account
+// editor, whoever the caller.  A refused write changes nothing and returns
+// WCFG_REQUEST_REJECT.
+enum { WCFG_CALLER_NONE = -1, WCFG_CALLER_DEVICE = 0 };
+void wcfgFeSetCaller(int caller);
+int wcfgFeGetCaller(void);
+
 // DAL: the device's operation mode (0 router, 1 access point, 2 extender).
 int wcfgFeDalGetOpertaionMode(void);
 // DAL: account editor.  Returns 0, or non-zero with a reply text in `reply`.
+// An unknown user name and a wrong old password get the same reply,
+// WCFG_DAL_BAD_CREDENTIALS.
 int wcfgFeDal_User_Account_Edit(json_object* request, char* reply, size_t size);
+#define WCFG_DAL_BAD_CREDENTIALS "Invalid Username or Password"
+
+// Sets the caller of the current thread for the rest of a scope.
+class WcfgCallerScope {
+  public:
+    explicit WcfgCallerScope(int caller) : saved_(wcfgFeGetCaller()) { wcfgFeSetCaller(caller); }
+    ~WcfgCallerScope() { wcfgFeSetCaller(saved_); }
+    WcfgCallerScope(const WcfgCallerScope&) = delete;
+    WcfgCallerScope& operator=(const WcfgCallerScope&) = delete;
+
+  private:
+    int saved_;
+};

@@ -1,15 +1,15 @@
 // DAL calls of the configuration service: operation mode and account editor.
-#include <crypt.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "platform/store/dm_def.h"
 #include "platform/json_util.h"
+#include "platform/platform.h"
+#include "platform/store/dm_def.h"
+#include "platform/store/store.h"
 #include "platform/store/wcfg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/write_rules.h"
 
 namespace {
 
@@ -17,17 +17,6 @@ int reply(char* buf, size_t size, const char* text, int code) {
     if (buf && size)
         snprintf(buf, size, "%s", text);
     return code;
-}
-
-bool passwordMatches(const std::string& shadowLine, const std::string& password) {
-    size_t c = shadowLine.find(':');
-    if (c == std::string::npos || password.empty())
-        return false;
-    std::string hash = shadowLine.substr(c + 1);
-    hash = hash.substr(0, hash.find(':'));
-    crypt_data data{};
-    const char* out = crypt_r(password.c_str(), hash.c_str(), &data);
-    return out && hash == out;
 }
 
 // The password policy of the device: 8 to 63 printable characters without
@@ -45,13 +34,46 @@ bool passwordAcceptable(const std::string& pw) {
     return letter && digit;
 }
 
-bool usernameAcceptable(const std::string& name) {
-    if (name.empty() || name.size() > 31)
+struct EditTarget {
+    JsonPtr account;
+    objIndex_t iid{};
+    bool nameTaken = false;  // another account has the new name
+};
+
+EditTarget findAccount(const std::string& user, const std::string& newUser) {
+    int32_t oid = wdm::model().idOf("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
+    EditTarget t;
+    objIndex_t iid{};
+    json_object* obj = nullptr;
+    while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &obj) == WCFG_SUCCESS) {
+        JsonPtr cur(obj);
+        std::string name = jsonText(obj, "Username");
+        if (!t.account && name == user) {
+            t.account = std::move(cur);
+            t.iid = iid;
+        } else if (name == newUser) {
+            t.nameTaken = true;
+        }
+    }
+    return t;
+}
+
+// The old password: an unknown user costs one password check as a known one
+// does, so that neither the reply nor its time tells which user names exist.
+bool oldPasswordMatches(const EditTarget& t, const std::string& pw) {
+    if (!t.account || pw.find('\0') != std::string::npos) {
+        vxUtilAuthDummy(pw.c_str());
         return false;
-    for (unsigned char c : name)
-        if (!isalnum(c) && c != '_' && c != '.' && c != '-')
-            return false;
-    return true;
+    }
+    std::string line = jsonText(t.account.get(), "shadow");
+    size_t c = line.find(':');
+    std::string hash =
+        c == std::string::npos ? "" : line.substr(c + 1, line.find(':', c + 1) - c - 1);
+    if (hash.empty()) {
+        vxUtilAuthDummy(pw.c_str());
+        return false;
+    }
+    return vxUtilPasswordMatchesHash(hash.c_str(), pw.c_str());
 }
 
 }  // namespace
@@ -70,34 +92,16 @@ int wcfgFeDalGetOpertaionMode(void) {
 int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
     if (!request)
         return reply(buf, size, "Invalid request", WCFG_INVALID_ARGUMENTS);
-    std::string user = jsonString(request, "Username");
-    std::string newUser = jsonString(request, "new_Username");
-    std::string pw = jsonString(request, "Password");
-    std::string verify = jsonString(request, "verifyNewpassword");
-    std::string oldPw = jsonString(request, "oldPw");
-    std::string level = jsonString(request, "DAL_LOGIN_LEVEL");
+    std::string user = jsonText(request, "Username");
+    std::string newUser = jsonText(request, "new_Username");
+    std::string pw = jsonText(request, "Password");
+    std::string verify = jsonText(request, "verifyNewpassword");
+    std::string oldPw = jsonText(request, "oldPw");
+    std::string level = jsonText(request, "DAL_LOGIN_LEVEL");
 
-    wcfg::Store& store = wcfg::Store::instance();
-    std::lock_guard<std::recursive_mutex> lock(store.mutex());
-    int32_t oid = wdm::model().idOf("RDM_OID_VX_LOG_CFG_GP_ACCOUNT");
-    objIndex_t iid{}, found{};
-    json_object* obj = nullptr;
-    JsonPtr account;
-    bool taken = false;
-    while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &obj) == WCFG_SUCCESS) {
-        JsonPtr cur(obj);
-        std::string name = jsonString(obj, "Username");
-        if (!account && name == user) {
-            account = std::move(cur);
-            found = iid;
-        } else if (name == newUser) {
-            taken = true;
-        }
-    }
-    if (!account)
-        return reply(buf, size, "Account not found", WCFG_NO_SUCH_OBJECT);
-    if (!passwordMatches(jsonString(account.get(), "shadow"), oldPw))
-        return reply(buf, size, "Old password is incorrect", WCFG_INVALID_PARAM_VALUE);
+    EditTarget t = findAccount(user, newUser);
+    if (!oldPasswordMatches(t, oldPw))
+        return reply(buf, size, WCFG_DAL_BAD_CREDENTIALS, WCFG_INVALID_PARAM_VALUE);
     if (pw != verify)
         return reply(buf, size, "New passwords do not match", WCFG_INVALID_PARAM_VALUE);
     if (!passwordAcceptable(pw))
@@ -105,18 +109,25 @@ int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
                      "Password must be 8 to 63 printable characters with at least one letter and "
                      "one digit",
                      WCFG_INVALID_PARAM_VALUE);
-    if (!usernameAcceptable(newUser))
+    if (!wcfg::usernameAcceptable(newUser))
         return reply(buf, size, "Invalid username", WCFG_INVALID_PARAM_VALUE);
-    if (taken)
+    if (t.nameTaken)
         return reply(buf, size, "Username already exists", WCFG_REQUEST_REJECT);
     // Group numbers rise as privileges fall: only a "high" editor may change
     // an account of group 1.
-    if (level != "high" && found.idx[0] == 1)
+    if (level != "high" && t.iid.idx[0] == 1)
         return reply(buf, size, "Permission denied", WCFG_REQUEST_REJECT);
     JsonPtr values(json_object_new_object());
     json_object_object_add(values.get(), "Username", json_object_new_string(newUser.c_str()));
     json_object_object_add(values.get(), "Password", json_object_new_string(pw.c_str()));
-    int rc = store.set(oid, &found, values.get(), true, true, true);
+    wcfg::WriteMode mode;
+    mode.apply = mode.notify = mode.secrets = true;
+    // The editor has checked the old password: it writes as the device.
+    WcfgCallerScope device(WCFG_CALLER_DEVICE);
+    int rc = wcfg::Store::instance().set(wdm::model().idOf("RDM_OID_VX_LOG_CFG_GP_ACCOUNT"), &t.iid,
+                                         values.get(), mode);
+    if (rc == WCFG_REQUEST_REJECT)
+        return reply(buf, size, "Username already exists", rc);
     if (rc != WCFG_SUCCESS)
         return reply(buf, size, "Internal error", rc);
     if (buf && size)

@@ -8,7 +8,7 @@
 
 #include "platform/store/dm_def.h"
 #include "platform/store/wcfg.h"
-#include "platform/store/wcfg_store.h"
+#include "platform/store/store.h"
 
 int32_t wcfgFeObjNameToObjId(const char* path, objIndex_t* iid) {
     if (!path || !iid)
@@ -83,19 +83,27 @@ int wcfgFeObjJsonGetNextWithoutUpdate(int32_t oid, objIndex_t* iid, json_object*
 
 int wcfgFeObjJsonSetWithAdditions(int32_t oid, objIndex_t* iid, json_object* values,
                                   json_object** /*feedback*/, uint32_t flags, void* /*additions*/) {
-    return wcfg::Store::instance().set(oid, iid, values, flags & WCFG_FLAG_APPLY,
-                                       flags & WCFG_FLAG_NOTIFY);
+    wcfg::WriteMode mode;
+    mode.apply = flags & WCFG_FLAG_APPLY;
+    mode.notify = flags & WCFG_FLAG_NOTIFY;
+    return wcfg::Store::instance().set(oid, iid, values, mode);
 }
 
 int wcfgFeObjJsonSetWithoutApply(int32_t oid, objIndex_t* iid, json_object* values,
                                  json_object** /*feedback*/) {
-    return wcfg::Store::instance().set(oid, iid, values, false, false);
+    return wcfg::Store::instance().set(oid, iid, values, wcfg::WriteMode{});
 }
 
 int wcfgFeObjJsonAdd(int32_t oid, objIndex_t* iid, void* /*reserved*/) {
-    return wcfg::Store::instance().add(oid, iid);
+    wcfg::WriteMode mode;
+    mode.apply = mode.notify = true;
+    return wcfg::Store::instance().add(oid, iid, nullptr, mode);
 }
 
 int wcfgFeObjJsonDel(int32_t oid, objIndex_t* iid, void* /*reserved*/) {
     return wcfg::Store::instance().del(oid, iid);
+}
+
+uint64_t wcfgFeDataVersion(void) {
+    return wcfg::Store::instance().version();
 }

@@ -1,0 +1,45 @@
+// The store's generation: a counter shared by every process that writes the
+// store, kept in a small memory-mapped file ("/var/run/wcfg/config.gen"), so
+// that a reader learns with one memory load whether its in-memory image of
+// the store may be out of date.
+//
+// A writer makes the counter odd (a new value) once it holds the database's
+// write lock and even again (the next value) after its commit.  An even value
+// that a reader has already checked against the database means that nothing
+// was committed since; any other value sends the reader to the database.  A
+// writer killed in between leaves the counter odd: readers then check the
+// database on every read until the next write, and nothing is missed.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace wcfg {
+
+class Generation {
+  public:
+    Generation() = default;
+    ~Generation();
+    Generation(const Generation&) = delete;
+    Generation& operator=(const Generation&) = delete;
+
+    // Maps the file (created when missing).  Without it the counter is
+    // private to this process and stays odd: every read checks the database.
+    void open(const std::string& file);
+    bool isShared() const { return map_ != nullptr; }
+
+    uint32_t load() const { return word_->load(std::memory_order_acquire); }
+    // Marks a write in progress: returns the new odd value.
+    uint32_t beginWrite();
+    // Ends the write begun with `odd`, unless another writer has begun since;
+    // returns the even value written, or 0 when the counter moved on.
+    uint32_t endWrite(uint32_t odd);
+
+  private:
+    void* map_ = nullptr;
+    std::atomic<uint32_t> local_{1};
+    std::atomic<uint32_t>* word_ = &local_;
+};
+
+}  // namespace wcfg

@@ -1,0 +1,111 @@
+// The configuration service's store: object instances kept in an SQLite
+// database below the device root ("/data/wcfg/config.db"), shared by the
+// daemon, wcfgctl and every other process of the platform.
+//
+// Reads are served from an in-memory image of the database (image.h) and
+// take no lock: each thread keeps the image it last used and checks, with one
+// load of the shared generation (generation.h), whether any process has
+// committed since.  Writes are serialised, in this process by the store's
+// write lock and across processes by the database's write lock; each is one
+// transaction that reads, merges, checks and writes, so that it is whole or
+// absent, also when the process is killed.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/store/dm_def.h"
+#include "platform/store/generation.h"
+#include "platform/store/image.h"
+#include "platform/store/sqlite_db.h"
+#include "platform/store/wcfg.h"
+
+namespace wcfg {
+
+// Packs the first `levels` instance numbers of a record into one ordered key.
+uint64_t keyOf(const objIndex_t& iid, int levels);
+// The TR-181 path of an instance: "Device.NAT.PortMapping.3.".
+std::string instancePath(const wdm::Object& o, const objIndex_t& iid);
+
+// How a write is made.
+struct WriteMode {
+    bool apply = false;     // run the apply hooks of every object written since the last apply
+    bool notify = false;    // then send the data-model-changed notice
+    bool readOnly = false;  // read-only parameters may change (wcfgctl, the services)
+    bool secrets = false;   // account secrets may change (account editor, provisioning)
+};
+
+class Store {
+  public:
+    // The store of this process's device root, opened on first use.
+    static Store& instance();
+    bool isOpen() const { return open_; }
+
+    int get(int32_t oid, objIndex_t* iid, json_object** out, bool update);
+    int getNext(int32_t oid, objIndex_t* iid, json_object** out, bool update);
+    // Partial write of one instance; the caller's rights are checked first.
+    int set(int32_t oid, objIndex_t* iid, json_object* values, const WriteMode& mode);
+    // Adds an instance (with `values`, if given, in the same transaction); the
+    // new number is written at position `level`.
+    int add(int32_t oid, objIndex_t* iid, json_object* values, const WriteMode& mode);
+    int del(int32_t oid, objIndex_t* iid);
+    // Replaces the whole configuration with the defaults.
+    int resetToDefaults();
+    // The version of the configuration this thread reads: it changes with
+    // every committed write, by any process.
+    uint64_t version() { return image().version; }
+
+  private:
+    class Write;
+    struct Local;
+
+    Store();
+    const Image& image();
+    const Image& refresh(Local& local);
+    void publish(std::shared_ptr<const Image> img);
+
+    int objectIndex(const wdm::Object& o) const;
+    json_object* build(const Image& img, const wdm::Object& o, const objIndex_t& iid,
+                       const Row& row, bool update) const;
+    int writeValues(const wdm::Object& o, uint64_t key, json_object* values, const WriteMode& mode,
+                    Row& out);
+    int createInstance(const wdm::Object& o, const objIndex_t& iid);
+    int newInstanceNumber(const wdm::Object& o, const objIndex_t& iid, int& number);
+    bool deleteSubtree(const wdm::Object& o, const objIndex_t& iid);
+    int seedDefaults();
+    void seedIfEmpty();
+    void repairPasswordStore();
+    void finish(const WriteMode& mode);
+    void runApplyHooks();
+
+    bool open_ = false;
+    Generation gen_;
+    // Writers: this process's write lock and its connection; the objects
+    // written since the last apply.
+    std::mutex writeMutex_;
+    Db writeDb_;
+    std::vector<std::pair<int32_t, uint64_t>> pending_;
+    // The published image, its sequence number, and the connection that
+    // checks and reloads it; guarded by imageMutex_ (taken after writeMutex_).
+    std::mutex imageMutex_;
+    Db readDb_;
+    std::shared_ptr<const Image> published_;
+    std::atomic<uint64_t> publishSeq_{0};
+    // The odd generation of this process's write in progress, while the
+    // published image is still the current one: readers keep using it.
+    std::atomic<uint32_t> acceptOdd_{0};
+    // Per object: for each parameter, the child table it counts, or -1.
+    std::vector<std::vector<int>> counted_;
+    int devInfoIndex_ = -1, timeIndex_ = -1;
+};
+
+// Sends the data-model-changed notice to every registered bus endpoint.
+void notifyDataModelChanged();
+
+}  // namespace wcfg

@@ -1,0 +1,23 @@
+// Who may change what in the configuration: the caller of the current thread
+// (wcfgFeSetCaller) against an object's guard and its parameters' flags, and
+// the rules for account names.
+#pragma once
+
+#include <string>
+
+#include "platform/store/dm_def.h"
+#include "platform/store/wcfg.h"
+
+namespace wcfg {
+
+// WCFG_SUCCESS, or WCFG_REQUEST_REJECT when the caller may not write (set,
+// add or delete) the instance `iid` of `o`.  For an add, `iid` names the new
+// instance's parent.
+int checkObjectRights(const wdm::Object& o, const objIndex_t& iid);
+// The same for one parameter whose value a write changes; `secrets` is set
+// for the writes of the account editor (and of provisioning).
+int checkParamRights(const wdm::Param& p, bool secrets);
+// Account names: 1 to 31 characters of A-Z, a-z, 0-9, "_", "." and "-".
+bool usernameAcceptable(const std::string& name);
+
+}  // namespace wcfg
