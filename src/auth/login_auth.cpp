@@ -32,11 +32,6 @@ void setLocked(const char* user, unsigned left, char* buf, size_t size) {
         snprintf(buf, size, "AfterLockTime=%d", static_cast<int>(left));
 }
 
-bool jsonBool(json_object* obj, const char* key) {
-    json_object* v = nullptr;
-    return json_object_object_get_ex(obj, key, &v) && json_object_get_boolean(v);
-}
-
 const char* privilegeOfGroup(int group) {
     switch (group) {
         case 1:
@@ -51,23 +46,13 @@ const char* privilegeOfGroup(int group) {
 }
 
 // Whether the account's group may use the app ("app" in "GP_Privilege").
-bool groupAllowsApp(const objIndex_t& account) {
-    JsonPtr group = wHttpReadAccountGroup(account);
-    return group && strstr(jsonString(group.get(), "GP_Privilege"), "app") != nullptr;
+bool groupAllowsApp(const WHttpAccountSet& set, const WHttpAccount& account) {
+    const std::string* priv = set.groupPrivilege(account.iid.idx[0]);
+    return priv && priv->find("app") != std::string::npos;
 }
 
-// An unknown user name costs one password check, as a known one does, so
-// that the time of the answer does not tell which names exist.
-void checkAgainstNobody(CgHttpRequest* request) {
-    const char* body = cg_http_request_getcontent(request);
-    JsonPtr doc(body ? json_tokener_parse(body) : nullptr);
-    vxUtilAuthDummy(jsonText(doc.get(), "password").c_str());
-}
-
-}  // namespace
-
-char* jsonGetPassword(json_object* account) {
-    const char* shadow = jsonString(account, "shadow");
+// The hash field of a "shadow" line (newly allocated, free()), or nullptr.
+char* hashOfShadow(const char* shadow) {
     if (!*shadow) {
         wos_pk("%s(): Fail to get shadow info!!!\n", "jsonGetPassword");
         return nullptr;
@@ -80,6 +65,68 @@ char* jsonGetPassword(json_object* account) {
     if (sscanf(shadow, "%*[^:]:$%*[^$]$%*[^$]$%[^:]", hash) != 1)
         hash[0] = '\0';
     return hash;
+}
+
+// An unknown user name costs one password check, as a known one does, so
+// that the time of the answer does not tell which names exist.
+void checkAgainstNobody(CgHttpRequest* request) {
+    const char* body = cg_http_request_getcontent(request);
+    JsonPtr doc(body ? json_tokener_parse(body) : nullptr);
+    vxUtilAuthDummy(jsonText(doc.get(), "password").c_str());
+}
+
+// The account passed: the context learns who it is, and a session-checked
+// request its login entry.
+const char* authenticated(WHttpReqCtx* ctx, const WHttpAccount& account, int loginMode,
+                          const char* cookieSid, char* buf, size_t size) {
+    const char* name = account.userName.c_str();
+    int group = account.iid.idx[0];
+    wos_pk("%s() user=%s\n", "wHttpLoginAuth", name);
+    {
+        std::lock_guard<std::mutex> lock(gAuthMutex);
+        gHighPrivilege = group == 1 ? 1 : 0;
+    }
+    if (*cookieSid) {
+        setCurrentSessionID(cookieSid);
+        wos_strlcpy(ctx->sessionID, cookieSid, sizeof ctx->sessionID);
+    }
+    setCurrentUserName(name);
+    wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
+    wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
+    if (group > 1 && !account.dotChangeDefPwd) {
+        ctx->changeDefaultPassword = 1;
+        ctx->showSkipButton = account.showSkipBtn ? 1 : 0;
+        if (account.autoShowQuickStart)
+            ctx->quickStart = 1;
+    }
+    if (!loginMode) {
+        switch (checkLoginEntry(ctx, account.idleTime)) {
+            case 0:
+                break;
+            case 1:
+                return "Timeout";
+            case 2:
+                return "Invalid Session ID";
+            default:
+                return "Internal Error";
+        }
+    } else {
+        setCurrentSessionID("");
+    }
+    if (unsigned left = isRestriction(name)) {
+        setLocked(name, left, buf, size);
+        return "Locked User";
+    }
+    wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
+    wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
+    ctx->group = group;
+    return "Success";
+}
+
+}  // namespace
+
+char* jsonGetPassword(json_object* account) {
+    return hashOfShadow(jsonString(account, "shadow"));
 }
 
 int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
@@ -122,22 +169,20 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
 
     const char* result = "Timeout";
     int code = 0;
-    objIndex_t iid{};
-    json_object* obj = nullptr;
-    JsonPtr account;
-    while (wcfgFeObjJsonGetNextWithoutUpdate(wHttpAccountOid(), &iid, &obj) == WCFG_SUCCESS) {
-        JsonPtr current(obj);
-        const char* name = jsonString(obj, "Username");
+    std::shared_ptr<const WHttpAccountSet> set = wHttpAccounts();
+    const WHttpAccount* account = nullptr;
+    for (const WHttpAccount& a : set->accounts) {
+        const char* name = a.userName.c_str();
         if (loginMode) {
-            char* hash = jsonGetPassword(obj);
+            char* hash = hashOfShadow(a.shadow.c_str());
             code = authLoginBody(request, name, hash);
             free(hash);
             if (code == 0 || code == 2) {
-                account = std::move(current);
+                account = &a;
                 break;
             }
         } else if (!cookieUser.empty() && cookieUser == name) {
-            account = std::move(current);
+            account = &a;
             break;
         }
     }
@@ -147,7 +192,7 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
 
     if (account && code == 2) {
         // Wrong password for a known user.
-        const char* name = jsonString(account.get(), "Username");
+        const char* name = account->userName.c_str();
         wlog_syslog(LOG_INFO,
                     "Account: Enter an invalid password for User '%s' form the host(%s).\n", name,
                     remote);
@@ -161,55 +206,13 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
     }
 
     if (account) {
-        json_object* acc = account.get();
-        int group = iid.idx[0];
-        if (!jsonBool(acc, "Enabled"))
+        int group = account->iid.idx[0];
+        if (!account->enabled)
             code = 1;
-        else if (group != 2 && !groupAllowsApp(iid))
+        else if (group != 2 && !groupAllowsApp(*set, *account))
             code = 1;
-        if (code == 0) {
-            const char* name = jsonString(acc, "Username");
-            wos_pk("%s() user=%s\n", "wHttpLoginAuth", name);
-            {
-                std::lock_guard<std::mutex> lock(gAuthMutex);
-                gHighPrivilege = group == 1 ? 1 : 0;
-            }
-            if (*cookieSid) {
-                setCurrentSessionID(cookieSid);
-                wos_strlcpy(ctx->sessionID, cookieSid, sizeof ctx->sessionID);
-            }
-            setCurrentUserName(name);
-            wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
-            wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
-            if (group > 1 && !jsonBool(acc, "DotChangeDefPwd")) {
-                ctx->changeDefaultPassword = 1;
-                ctx->showSkipButton = jsonBool(acc, "ShowSkipBtnInChgDefPwdPage") ? 1 : 0;
-                if (jsonBool(acc, "AutoShowQuickStart"))
-                    ctx->quickStart = 1;
-            }
-            if (!loginMode) {
-                switch (checkLoginEntry(ctx)) {
-                    case 0:
-                        break;
-                    case 1:
-                        return "Timeout";
-                    case 2:
-                        return "Invalid Session ID";
-                    default:
-                        return "Internal Error";
-                }
-            } else {
-                setCurrentSessionID("");
-            }
-            if (unsigned left = isRestriction(name)) {
-                setLocked(name, left, buf, size);
-                return "Locked User";
-            }
-            wos_strlcpy(ctx->userName, name, sizeof ctx->userName);
-            wos_strlcpy(ctx->privilege, privilegeOfGroup(group), sizeof ctx->privilege);
-            ctx->group = group;
-            return "Success";
-        }
+        if (code == 0)
+            return authenticated(ctx, *account, loginMode, cookieSid, buf, size);
     }
 
     switch (code) {

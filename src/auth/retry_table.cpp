@@ -40,17 +40,12 @@ bool settingsOf(const char* user, uint32_t* limit, uint32_t* lockTime) {
         *lockTime = 300;
         return true;
     }
-    objIndex_t iid{};
-    JsonPtr account = wHttpFindAccount(user, &iid);
+    std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
+    const WHttpAccount* account = accounts->find(user);
     if (!account)
         return false;
-    json_object* v = nullptr;
-    *limit = json_object_object_get_ex(account.get(), "AccountRetryTime", &v)
-                 ? static_cast<uint32_t>(json_object_get_int64(v))
-                 : 0;
-    *lockTime = json_object_object_get_ex(account.get(), "AccountLockTime", &v)
-                    ? static_cast<uint32_t>(json_object_get_int64(v))
-                    : 0;
+    *limit = account->retryTime;
+    *lockTime = account->lockTime;
     return true;
 }
 

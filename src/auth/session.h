@@ -36,9 +36,10 @@ int isLoginEntryExist(const char* user, const char* sessionID);
 int checkSessionKey(WHttpReqCtx* ctx, int32_t key);
 // Stores a renewed session key in the caller's entry, if there is one.
 void storeSessionKey(CgHttpRequest* request, int32_t key);
-// -1 no user/session or no entry, 0 alive (timer restarted), 1 timed out,
-// 2 presented from another client address (the entry is removed).
-int checkLoginEntry(WHttpReqCtx* ctx);
+// -1 no user/session or no entry, 0 alive (timer restarted with the
+// account's `idleTime`, at least five minutes), 1 timed out, 2 presented
+// from another client address (the entry is removed).
+int checkLoginEntry(WHttpReqCtx* ctx, int idleTime);
 // Removes the caller's entry at logout: 1 removed, 0 not found.
 int delLoginEntry(WHttpReqCtx* ctx);
 // The user name of the entry whose session id equals the request's "Session"
@@ -46,7 +47,8 @@ int delLoginEntry(WHttpReqCtx* ctx);
 std::string getCookieUser(CgHttpRequest* request);
 // Idle-timer callback (timer thread).
 int loginTimeoutHandle(uint32_t id, void* data);
-// Re-arms the idle timer of every entry (the data model changed).
+// Re-arms the idle timer of every entry with its account's idle time (the
+// data model changed).
 void updateLoginTimer(void);
 // Adds "Set-Cookie: Session=...".
 void setSessionCookie(WHttpReqCtx* ctx, CgHttpResponse* response);

@@ -75,15 +75,15 @@ void* timerData(const LoginEntry* entry) {
     return reinterpret_cast<void*>(static_cast<uintptr_t>(entry->serial));
 }
 
-// The account's idle time in seconds, raised to the five-minute floor.
-int idleSeconds(const char* user) {
-    objIndex_t iid{};
-    JsonPtr account = wHttpFindAccount(user, &iid);
-    json_object* v = nullptr;
-    int idle = account && json_object_object_get_ex(account.get(), "AccountIdleTime", &v)
-                   ? json_object_get_int(v)
-                   : 0;
+// An idle time in seconds raised to the five-minute floor.
+int idleFloor(int idle) {
     return idle < kMinIdleSeconds ? kMinIdleSeconds : idle;
+}
+
+// The idle time of a user's account; looked up before the table is locked.
+int idleSecondsOf(const WHttpAccountSet& set, const char* user) {
+    const WHttpAccount* a = set.find(user);
+    return idleFloor(a ? a->idleTime : 0);
 }
 
 }  // namespace
@@ -137,17 +137,17 @@ int32_t getSessionKey(void) {
 namespace {
 // The building blocks below run with the session-table mutex held.
 
-void setLoginTimer(LoginEntry* entry) {
-    uint64_t ms = static_cast<uint64_t>(idleSeconds(entry->userName)) * 1000;
+void setLoginTimer(LoginEntry* entry, int idleSeconds) {
+    uint64_t ms = static_cast<uint64_t>(idleSeconds) * 1000;
     if (ms > UINT32_MAX)
         ms = UINT32_MAX;
     entry->timerID = static_cast<uint32_t>(
         UITimerStart(static_cast<uint32_t>(ms), loginTimeoutHandle, timerData(entry)));
 }
 
-void resetLoginTimer(LoginEntry* entry) {
+void resetLoginTimer(LoginEntry* entry, int idleSeconds) {
     UITimerStop(entry->timerID);
-    setLoginTimer(entry);
+    setLoginTimer(entry, idleSeconds);
 }
 
 }  // namespace
@@ -173,7 +173,7 @@ LoginEntry* findLoginEntry(WHttpReqCtx* ctx, const char* user, const char* sessi
     return it == gTable.end() ? nullptr : &*it;
 }
 
-LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user) {
+LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user, int idleSeconds) {
     wos_pk("%s(): Add this account to login entry\n", "addLoginEntry");
     LoginEntry& entry = gTable.emplace_back();
     memset(&entry, 0, sizeof entry);
@@ -186,29 +186,37 @@ LoginEntry* addLoginEntry(WHttpReqCtx* ctx, const char* user) {
     entry.flag1 = 0;
     entry.flag2 = 0;
     setCurrentSessionID(entry.sessionID);
-    setLoginTimer(&entry);
+    setLoginTimer(&entry, idleSeconds);
     wlog_syslog(LOG_INFO, "Account: User '%s' login from the host(%s).\n", entry.userName,
                 entry.remoteHost);
-    retryTableMgt("remove", user);
     return &entry;
 }
 
 }  // namespace
 
 int32_t openLoginEntry(WHttpReqCtx* ctx) {
-    WHttpMutexLock lock(&gSessionTableMutex);
-    LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
-    if (!entry) {
-        entry = addLoginEntry(ctx, ctx->userName);
-        wos_strlcpy(ctx->sessionID, entry->sessionID, sizeof ctx->sessionID);
+    int idle = idleSecondsOf(*wHttpAccounts(), ctx->userName);
+    int32_t key = getSessionKey();
+    bool added = false;
+    {
+        WHttpMutexLock lock(&gSessionTableMutex);
+        LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
+        if (!entry) {
+            entry = addLoginEntry(ctx, ctx->userName, idle);
+            wos_strlcpy(ctx->sessionID, entry->sessionID, sizeof ctx->sessionID);
+            added = true;
+        }
+        if (entry->timeout) {
+            entry->timeout = 0;
+            setLoginTimer(entry, idle);
+        }
+        entry->sessionKey = key;
+        memset(entry->reserved, 0, sizeof entry->reserved);
     }
-    if (entry->timeout) {
-        entry->timeout = 0;
-        setLoginTimer(entry);
-    }
-    entry->sessionKey = getSessionKey();
-    memset(entry->reserved, 0, sizeof entry->reserved);
-    return entry->sessionKey;
+    // A new login forgets the user's failures.
+    if (added)
+        retryTableMgt("remove", ctx->userName);
+    return key;
 }
 
 int countLoginEntries(void) {
@@ -241,9 +249,10 @@ void storeSessionKey(CgHttpRequest* request, int32_t key) {
         it->sessionKey = key;
 }
 
-int checkLoginEntry(WHttpReqCtx* ctx) {
+int checkLoginEntry(WHttpReqCtx* ctx, int idleTime) {
     if (!ctx->userName[0] || !ctx->sessionID[0])
         return -1;
+    int idle = idleFloor(idleTime);
     const char* remote = remoteOf(ctx);
     const char* local = localOf(ctx);
     WHttpMutexLock lock(&gSessionTableMutex);
@@ -266,7 +275,7 @@ int checkLoginEntry(WHttpReqCtx* ctx) {
             gTable.erase(it);
             return 1;
         }
-        resetLoginTimer(&*it);
+        resetLoginTimer(&*it, idle);
         return 0;
     }
     return -1;
@@ -302,10 +311,11 @@ std::string getCookieUser(CgHttpRequest* request) {
 
 void updateLoginTimer(void) {
     wlog_syslog(LOG_INFO, "data model change, update login timer.\n");
+    std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
     WHttpMutexLock lock(&gSessionTableMutex);
     for (LoginEntry& e : gTable) {
         if (e.timeout != 1)
-            resetLoginTimer(&e);
+            resetLoginTimer(&e, idleSecondsOf(*accounts, e.userName));
     }
 }
 

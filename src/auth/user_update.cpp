@@ -70,9 +70,8 @@ int wHttpUserUpdateHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spa
     // Wrong old passwords count as failed logins of the account (unknown
     // names as those of the pseudo user), and a locked name is refused before
     // the editor runs: the editor is no way to guess passwords past the lock.
-    objIndex_t iid{};
     bool known = oldUser.find('\0') == std::string::npos &&
-                 wHttpFindAccount(oldUser.c_str(), &iid) != nullptr;
+                 wHttpAccounts()->find(oldUser.c_str()) != nullptr;
     const char* record = known ? oldUser.c_str() : INVALID_ACCOUNT_NAME;
     if (isRestriction(record)) {
         vxUtilAuthDummy(oldPassword.c_str());  // as long as a real check

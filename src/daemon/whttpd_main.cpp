@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "auth/accounts.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
 #include "daemon/whttpd_signals.h"
@@ -93,8 +94,10 @@ void receiveLoop() {
         if (wcfg_msg_serverRecv(&msg, 0, WHTTPD_SRC, __LINE__) == 0) {
             uint32_t type = 0;
             memcpy(&type, msg, sizeof type);
-            if (type == WCFG_MSG_DATA_MODEL_CHANGED)
+            if (type == WCFG_MSG_DATA_MODEL_CHANGED) {
+                wHttpAccountsRefresh();
                 updateLoginTimer();
+            }
             free(msg);
         } else if (gWhttpd.running) {
             wos_pk("whttpd msg receive fail\n");

@@ -113,23 +113,21 @@ int wHttpCheckAccessPermission(CgHttpRequest* request, const char* user) {
         wos_pk("cannot get user input object: %d\n", 0);
         return 0;
     }
-    objIndex_t aid{};
-    JsonPtr account = wHttpFindAccount(user, &aid);
+    std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
+    const WHttpAccount* account = accounts->find(user);
     if (!account) {
         wos_pk("%s", kRefused);
         return 0;
     }
-    json_object* privilege = nullptr;
-    json_object_object_get_ex(account.get(), "Privilege", &privilege);
-    if (!strstr(privilege ? json_object_to_json_string(privilege) : "null", "httpd")) {
+    if (account->privilegeJson.find("httpd") == std::string::npos) {
         wos_pk("%s", kRefused);
         return 0;
     }
     if (local)
         return 1;
     // A group that cannot be read does not refuse.
-    JsonPtr group = wHttpReadAccountGroup(aid);
-    if (group && !strstr(jsonString(group.get(), "GP_Privilege"), "http")) {
+    const std::string* group = accounts->groupPrivilege(account->iid.idx[0]);
+    if (group && group->find("http") == std::string::npos) {
         wos_pk("Account:'%s' HTTP permission denied.\n", user);
         wos_pk("%s", kRefused);
         return 0;
