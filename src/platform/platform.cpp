@@ -52,10 +52,10 @@ bool platformMakeDirs(const std::string& dir) {
 }
 
 unsigned long platformUptimeSeconds() {
-    std::ifstream in("/proc/uptime");
-    double up = 0;
-    in >> up;
-    return static_cast<unsigned long>(up);
+    // The clock that /proc/uptime shows, read without opening the file.
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<unsigned long>(ts.tv_sec);
 }
 
 void platformInit() {
@@ -103,11 +103,32 @@ int wos_formsys(int flags, const char* cmd) {
 }
 
 void wos_pk(const char* fmt, ...) {
+    // One write(2) per print: request threads print at once without queueing
+    // on the stdio lock, and every line still goes out whole and at once.
+    char text[1024];
     va_list ap;
     va_start(ap, fmt);
-    vfprintf(stdout, fmt, ap);
+    int n = vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-    fflush(stdout);
+    if (n < 0)
+        return;
+    std::string big;
+    const char* out = text;
+    if (static_cast<size_t>(n) >= sizeof text) {
+        big.resize(static_cast<size_t>(n) + 1);
+        va_start(ap, fmt);
+        vsnprintf(&big[0], big.size(), fmt, ap);
+        va_end(ap);
+        out = big.c_str();
+    }
+    for (size_t done = 0; done < static_cast<size_t>(n);) {
+        ssize_t w = write(STDOUT_FILENO, out + done, static_cast<size_t>(n) - done);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            break;
+        done += static_cast<size_t>(w);
+    }
 }
 
 void wos_strlcpy(char* dst, const char* src, size_t size) {

@@ -57,15 +57,39 @@ pthread_mutex_t gTickMutex = PTHREAD_MUTEX_INITIALIZER;
 // Records replaced by an update of the same id are kept, never reused.
 std::vector<UITimerRec*>* const gRetired = new std::vector<UITimerRec*>;
 
+// The clock file: "" for the system's own uptime ("/proc/uptime"), which is
+// read from the boot-time clock directly, without a file.
 std::mutex gUptimeMutex;
 std::string gUptimeFile;
+std::atomic<bool> gUptimeFileSet{false};
 
 std::string uptimeFile() {
     std::lock_guard<std::mutex> lock(gUptimeMutex);
     if (!gUptimeFile.empty())
         return gUptimeFile;
     const char* env = getenv("WHTTPD_UPTIME_FILE");
-    return env && *env ? env : "/proc/uptime";
+    return env && *env ? env : "";
+}
+
+bool systemUptime() {
+    static const bool fromEnv = [] {
+        const char* env = getenv("WHTTPD_UPTIME_FILE");
+        return env && *env && strcmp(env, "/proc/uptime") != 0;
+    }();
+    return !fromEnv && !gUptimeFileSet.load(std::memory_order_acquire);
+}
+
+// /proc/uptime shows the boot-time clock in hundredths of a second; the
+// clock itself gives the same numbers without opening a file.
+bool bootClock(UITime* now) {
+    timespec ts{};
+    if (clock_gettime(CLOCK_BOOTTIME, &ts) != 0)
+        return false;
+    if (now) {
+        now->sec = static_cast<uint32_t>(ts.tv_sec);
+        now->usec = static_cast<uint32_t>(ts.tv_nsec / 10000000) * 10000;
+    }
+    return true;
 }
 
 void freeTime(void* p) {
@@ -220,10 +244,15 @@ void clearAllTimers() {
 void UITimerSetUptimeFile(const char* path) {
     std::lock_guard<std::mutex> lock(gUptimeMutex);
     gUptimeFile = path ? path : "";
+    gUptimeFileSet.store(!gUptimeFile.empty(), std::memory_order_release);
 }
 
 int getSystemUptime(UITime* now) {
+    if (systemUptime() && bootClock(now))
+        return 0;
     std::string file = uptimeFile();
+    if (file.empty())
+        file = "/proc/uptime";
     FILE* f = fopen(file.c_str(), "r");
     if (!f)
         return 1;

@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# The daemon beside nginx in one run on this machine: GET of one object
+# (Device.DeviceInfo.) from the daemon against nginx serving the same JSON as
+# a static file with the same certificate, both over HTTPS with keep-alive
+# connections driven by wrk; then the whole Device. subtree from the daemon,
+# and the daemon's resident memory.
+#   bench/compare.sh [CONNECTIONS [SECONDS]]     (default 32 connections, 10 s)
+# Installs wrk and nginx from Debian's packages when they are missing, and
+# builds build/ (g++, RelWithDebInfo).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+conns=${1:-32}
+secs=${2:-10}
+
+need=()
+command -v wrk >/dev/null || need+=(wrk)
+command -v nginx >/dev/null || [ -x /usr/sbin/nginx ] || need+=(nginx-light)
+if [ ${#need[@]} -gt 0 ]; then
+    SUDO=""
+    [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+    $SUDO apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends \
+        "${need[@]}" >/dev/null
+fi
+nginx_bin=$(command -v nginx || echo /usr/sbin/nginx)
+scripts/deps
+scripts/build build g++ >/dev/null
+
+. bench/lib.sh
+idle_rss=$(awk '/VmRSS/ {print $2}' /proc/$pid/status)
+api=https://127.0.0.1:$port/api/v1
+object=TR181/Value/Device.DeviceInfo.
+
+# One session for every connection of the load.
+login=$(curl -sk -D - -o /dev/null -d '{"username":"admin","password":"1234abcd"}' "$api/UserLogin")
+sid=$(printf '%s' "$login" | sed -n 's/^Set-Cookie: Session=\([^;]*\);.*/\1/p' | tr -d '\r')
+[ -n "$sid" ] || { echo "login failed" >&2; exit 1; }
+cookie="Cookie: Session=$sid"
+
+# nginx: the daemon's answer as a static file, the daemon's certificate, as
+# many workers as cores, keep-alive without a request limit.
+www=$root/www
+mkdir -p "$www"
+curl -sk -H "$cookie" "$api/$object" > "$www/object.json"
+nport=$((port + 1))
+cat > "$root/nginx.conf" <<CONF
+worker_processes auto;
+$( [ "$(id -u)" -eq 0 ] && echo "user root;" )
+pid $root/nginx.pid;
+error_log $root/nginx.err;
+events { worker_connections 1024; }
+http {
+    access_log off;
+    keepalive_requests 100000000;
+    keepalive_timeout 60s;
+    server {
+        listen 127.0.0.1:$nport ssl;
+        ssl_certificate $root/data/CA/newreq.crt;
+        ssl_certificate_key $root/data/CA/newreq.key;
+        root $www;
+        default_type application/json;
+    }
+}
+CONF
+"$nginx_bin" -c "$root/nginx.conf" -p "$root" -g 'daemon off;' &
+npid=$!
+trap '[ -n "$npid" ] && kill $npid 2>/dev/null; [ -n "$pid" ] && kill -TERM $pid 2>/dev/null && wait $pid; rm -rf "$root"' EXIT
+until curl -sk -o /dev/null "https://127.0.0.1:$nport/object.json"; do sleep 0.05; done
+
+# Requests per second, p50 and p99 (ms) of one wrk run.
+run() {
+    local url=$1 c=$2 out
+    out=$(wrk -t"$(( c < 2 ? 1 : 2 ))" -c"$c" -d"${secs}s" --latency -H "$cookie" "$url")
+    if printf '%s' "$out" | grep -q 'Non-2xx\|Socket errors'; then
+        printf '%s\n' "$out" | grep 'Non-2xx\|Socket errors' >&2
+    fi
+    local rps p50 p99
+    rps=$(printf '%s' "$out" | awk '/Requests\/sec/ {print $2}')
+    p50=$(printf '%s' "$out" | awk '$1 == "50%" {print $2}')
+    p99=$(printf '%s' "$out" | awk '$1 == "99%" {print $2}')
+    echo "$rps $(ms "$p50") $(ms "$p99")"
+}
+# wrk prints latencies as 812.00us, 1.20ms or 1.05s.
+ms() {
+    awk -v v="$1" 'BEGIN { n = v + 0; if (v ~ /us$/) n /= 1000; else if (v ~ /[^m]s$/) n *= 1000;
+                           printf "%.2f", n }'
+}
+peak() { awk '/VmHWM/ {print $2}' /proc/$pid/status; }
+
+read -r d_rps d_p50 d_p99 < <(run "$api/$object" "$conns")
+read -r n_rps n_p50 n_p99 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
+read -r t1_rps t1_p50 t1_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" 1)
+read -r t_rps t_p50 t_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" "$conns")
+
+echo "GET $object ($(wc -c < "$www/object.json") bytes), $conns keep-alive HTTPS connections, ${secs} s each"
+printf '  %-34s %10s %9s %9s\n' "" "req/s" "p50 ms" "p99 ms"
+printf '  %-34s %10s %9s %9s\n' "whttpd_rest" "$d_rps" "$d_p50" "$d_p99"
+printf '  %-34s %10s %9s %9s\n' "nginx (static file)" "$n_rps" "$n_p50" "$n_p99"
+printf '  %-34s %10s\n' "ratio whttpd/nginx" "$(awk -v a="$d_rps" -v b="$n_rps" 'BEGIN {printf "%.3f", a / b}')"
+printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, 1 conn" "$t1_rps" "$t1_p50" "$t1_p99"
+printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, $conns conn" "$t_rps" "$t_p50" "$t_p99"
+echo "  whttpd_rest RSS: idle ${idle_rss} kB, peak $(peak) kB"
