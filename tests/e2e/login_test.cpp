@@ -374,3 +374,40 @@ TEST(Session, Ipv6ClientsHaveSessionsOfTheirOwn) {
     ASSERT_TRUE(d.waitForOutput("remoteHost=::1\nlocalHost=::1\n"));
     EXPECT_EQ(0, d.stop());
 }
+
+TEST(Session, EveryWriteRenewsTheKeyAndRetiresTheOldOne) {
+    DeviceRoot root;
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    Session s;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
+    const std::string table = "TR181/Value/Device.NAT.PortMapping.";
+    struct Step {
+        const char* method;
+        std::string uri, body;
+    };
+    const Step steps[] = {{"PUT", table + "1.", "{\"Description\":\"renewed\"}"},
+                          {"POST", table, "{\"ExternalPort\":2222,\"InternalPort\":22}"},
+                          {"DELETE", table + "2.", ""},
+                          {"PUT", table + "1.", "{\"Description\":\"again\"}"}};
+    for (const Step& step : steps) {
+        Session before = s;
+        Reply r = c.write(step.method, step.uri, step.body, s);
+        ASSERT_EQ(200, r.status) << step.method;
+        EXPECT_EQ("Success", operStatus(r)) << step.method;
+        EXPECT_NE(before.key, s.key) << step.method;
+        EXPECT_GE(s.key, 1);
+        EXPECT_LE(s.key, 999999999);
+        // The key before is spent, for every method.
+        for (const char* method : {"PUT", "POST", "DELETE"}) {
+            r = c.request(method, e2e::withKey(step.uri, before), step.body, &before);
+            EXPECT_EQ(403, r.status) << step.method << " then " << method;
+            EXPECT_EQ("Invalid SessionKey", operStatus(r));
+        }
+    }
+    // The last key still works.
+    EXPECT_EQ("Success", operStatus(c.write("PUT", table + "1.", "{\"Enable\":true}", s)));
+    EXPECT_EQ(0, d.stop());
+}

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,6 +80,67 @@ TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(0, unexpected.load());
+    EXPECT_EQ(0, d.stop());
+    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
+}
+
+// wcfgctl writes from another process while clients read through the daemon:
+// every read shows a whole object, and a read made after wcfgctl has returned
+// shows its write.
+TEST(ValueConcurrent, WcfgctlWritesBesideDaemonReads) {
+    DeviceRoot root;
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    const std::string object = "TR181/Value/Device.NAT.PortMapping.1.";
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0}, failed{0}, reads{0};
+    auto reader = [&] {
+        Client c(port);
+        Session s;
+        if (c.login("admin", "1234abcd", &s).status != 200) {
+            ++failed;
+            return;
+        }
+        while (!stop) {
+            Reply r = c.request("GET", object, "", &s);
+            if (operStatus(r) != "Success") {
+                ++failed;
+                continue;
+            }
+            size_t e = r.body.find("\"ExternalPort\": "), i = r.body.find("\"InternalPort\": ");
+            if (e == std::string::npos || i == std::string::npos ||
+                atol(r.body.c_str() + e + 16) != atol(r.body.c_str() + i + 16))
+                ++torn;
+            ++reads;
+            c.request("GET", "TR181/Value/Device.NAT.?first_level_only=false", "", &s);
+        }
+    };
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.NAT.PortMapping.1.",
+                               "{\"ExternalPort\": 1, \"InternalPort\": 1}"}));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back(reader);
+    Client c(port);
+    Session s;
+    ASSERT_EQ(200, c.login("user", "user1234", &s).status);
+    int stale = 0;
+    for (int n = 2; n < 30; ++n) {
+        std::string v = std::to_string(n);
+        ASSERT_EQ(0, root.wcfgctl({"set", "Device.NAT.PortMapping.1.",
+                                   "{\"ExternalPort\": " + v + ", \"InternalPort\": " + v + "}"}));
+        if (c.request("GET", object, "", &s).body.find("\"ExternalPort\": " + v + ",") ==
+            std::string::npos)
+            ++stale;
+    }
+    stop = true;
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(0, stale);
+    EXPECT_EQ(0, torn.load());
+    EXPECT_EQ(0, failed.load());
+    EXPECT_GT(reads.load(), 0);
     EXPECT_EQ(0, d.stop());
     EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
 }

@@ -1,0 +1,238 @@
+// The configuration store's guards and its image: who may write the login
+// configuration, secrets only for the account editor, account names, text
+// without NUL; writes of another process seen at once, also when that process
+// died between its commit and the end of its write; reads beside writes.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/json_util.h"
+#include "platform/platform.h"
+#include "platform/store/generation.h"
+#include "platform/store/store.h"
+#include "platform/store/wcfg.h"
+#include "test_root.h"
+
+namespace {
+
+int set(const char* path, const char* json) {
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    JsonPtr v(json_tokener_parse(json));
+    return wcfgFeObjJsonSetWithAdditions(oid, &iid, v.get(), nullptr, WCFG_APPLY_FLAGS, nullptr);
+}
+
+int add(const char* table, objIndex_t* out = nullptr) {
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId((std::string(table) + "i").c_str(), &iid);
+    int rc = wcfgFeObjJsonAdd(oid, &iid, nullptr);
+    if (out)
+        *out = iid;
+    return rc;
+}
+
+int del(const char* path) {
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    return wcfgFeObjJsonDel(oid, &iid, nullptr);
+}
+
+std::string get(const char* path, const char* key) {
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
+    json_object* o = nullptr;
+    if (wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &o) != 0)
+        return "<none>";
+    JsonPtr owned(o);
+    json_object* v = nullptr;
+    return json_object_object_get_ex(o, key, &v)
+               ? json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN)
+               : "<missing>";
+}
+
+std::string readFile(const std::string& file) {
+    std::ifstream in(file);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+const char* const kSup = "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.";
+const char* const kAdmin = "Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.";
+const char* const kUser = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
+
+class StoreRules : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        unitTestRoot();
+        ASSERT_EQ(0, wcfg::Store::instance().resetToDefaults());
+    }
+};
+
+}  // namespace
+
+TEST_F(StoreRules, SessionsReachTheirOwnAndLowerGroups) {
+    WcfgCallerScope low(3);
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set(kSup, R"({"Enabled": false})"));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set(kAdmin, R"({"AccountIdleTime": 900})"));
+    EXPECT_EQ(0, set(kUser, R"({"AccountIdleTime": 900})"));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set(kUser, R"({"Privilege": "httpd,sshd"})"));
+    EXPECT_EQ(0, set(kUser, R"({"Privilege": "httpd", "Enabled": true})"));  // unchanged
+    EXPECT_EQ(WCFG_REQUEST_REJECT,
+              set("Device.X_OLVEX_LoginCfg.LogGp.3.", R"({"GP_Privilege": "app,http,ssh"})"));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set("Device.X_OLVEX_SP_TrustDomain.1.", R"({"Enable": false})"));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, add("Device.X_OLVEX_LoginCfg.LogGp.2.Account."));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, add("Device.X_OLVEX_SP_TrustDomain."));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, del(kAdmin));
+    objIndex_t added;
+    ASSERT_EQ(0, add("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
+    EXPECT_EQ(0, del("Device.X_OLVEX_LoginCfg.LogGp.3.Account.2."));
+    EXPECT_EQ("900", get(kUser, "AccountIdleTime"));
+    EXPECT_EQ("\"httpd,sshd\"", get(kAdmin, "Privilege"));
+
+    // A client thread before its session is known: nothing guarded at all,
+    // everything else as usual.
+    WcfgCallerScope none(WCFG_CALLER_NONE);
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set(kUser, R"({"AccountIdleTime": 600})"));
+    EXPECT_EQ(WCFG_REQUEST_REJECT,
+              set("Device.X_OLVEX_LoginCfg.", R"({"MaximumLoginAccountNumber": 9})"));
+    EXPECT_EQ(0, set("Device.NAT.PortMapping.1.", R"({"Description": "ok"})"));
+
+    WcfgCallerScope sup(1);
+    EXPECT_EQ(0, set(kAdmin, R"({"Privilege": "httpd"})"));
+    EXPECT_EQ(0, set("Device.X_OLVEX_SP_TrustDomain.1.", R"({"SubnetMask": "16"})"));
+    EXPECT_EQ(0, set("Device.X_OLVEX_LoginCfg.", R"({"MaximumLoginAccountNumber": 9})"));
+}
+
+TEST_F(StoreRules, SecretsOnlyThroughTheEditorAndNamesStayUnique) {
+    std::string shadowFile = platformPath("/etc/shadow");
+    std::string before = readFile(shadowFile);
+    // Not for the supervisor, not for the device's own plain writes.
+    for (int caller : {1, int{WCFG_CALLER_DEVICE}}) {
+        WcfgCallerScope who(caller);
+        EXPECT_EQ(WCFG_REQUEST_REJECT, set(kAdmin, R"({"Password": "Takeover123"})"));
+        EXPECT_EQ(WCFG_REQUEST_REJECT, set(kAdmin, R"({"shadow": "admin:$6$x$y:1:::::"})"));
+    }
+    EXPECT_EQ(0, set(kAdmin, R"({"Password": ""})"));  // no change
+    EXPECT_EQ(before, readFile(shadowFile));
+
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId(kAdmin, &iid);
+    JsonPtr pw(json_tokener_parse(R"({"Password": "n3wSecret"})"));
+    wcfg::WriteMode editor;
+    editor.secrets = true;
+    ASSERT_EQ(0, wcfg::Store::instance().set(oid, &iid, pw.get(), editor));
+    EXPECT_EQ("\"\"", get(kAdmin, "Password"));
+    EXPECT_EQ(0, vxUtilAuthUserAccount("admin", "n3wSecret"));
+    EXPECT_EQ(2, vxUtilAuthUserAccount("admin", "1234abcd"));
+    struct stat st;
+    ASSERT_EQ(0, stat(shadowFile.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+
+    EXPECT_EQ(WCFG_REQUEST_REJECT, set(kUser, R"({"Username": "admin"})"));
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE, set(kUser, R"({"Username": "no spaces"})"));
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE, set(kUser, R"({"Username": ""})"));
+    EXPECT_EQ(0, set(kUser, R"({"Username": "guest"})"));
+    EXPECT_EQ(0, vxUtilAuthUserAccount("guest", "user1234"));
+    EXPECT_EQ(1, vxUtilAuthUserAccount("user", "user1234"));
+    // Text never holds a NUL.
+    EXPECT_EQ(WCFG_INVALID_PARAM_VALUE, set("Device.WiFi.SSID.1.", R"({"SSID": "a\u0000b"})"));
+}
+
+TEST_F(StoreRules, WriteOfAnotherProcessIsSeenAtOnce) {
+    const char* pm = "Device.NAT.PortMapping.1.";
+    EXPECT_EQ("\"web\"", get(pm, "Description"));  // the image is loaded
+    pid_t child = fork();
+    if (child == 0) {
+        execl(WCFGCTL_BIN, "wcfgctl", "set", pm, R"({"Description": "from-wcfgctl"})",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ("\"from-wcfgctl\"", get(pm, "Description"));
+}
+
+TEST_F(StoreRules, WriterKilledBeforeItsEndIsStillSeen) {
+    const char* pm = "Device.NAT.PortMapping.1.";
+    EXPECT_EQ("\"web\"", get(pm, "Description"));
+    // Another process begins a write, commits and dies before it can end it:
+    // the generation stays odd.
+    wcfg::Generation gen;
+    gen.open(platformPath("/var/run/wcfg/config.gen"));
+    ASSERT_TRUE(gen.isShared());
+    uint32_t odd = gen.beginWrite();
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(platformPath("/data/wcfg/config.db").c_str(), &db));
+    sqlite3_busy_timeout(db, 5000);
+    objIndex_t iid;
+    int32_t oid = wcfgFeObjNameToObjId(pm, &iid);
+    std::string sql =
+        "BEGIN IMMEDIATE;"
+        "UPDATE instance SET vals=json_set(vals, '$.Description', 'died') "
+        "WHERE oid=" +
+        std::to_string(oid) + " AND key=" + std::to_string(wcfg::keyOf(iid, 1)) +
+        ";"
+        "UPDATE meta SET value=value+1 WHERE name='version'; COMMIT;";
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+    EXPECT_EQ(odd, gen.load());
+    EXPECT_EQ("\"died\"", get(pm, "Description"));
+    // The next write ends the odd spell.
+    EXPECT_EQ(0, set(pm, R"({"Description": "next"})"));
+    EXPECT_EQ(0u, gen.load() & 1);
+    EXPECT_EQ("\"next\"", get(pm, "Description"));
+}
+
+// Readers never see half a write: every write sets both ports to the same
+// number, and every instance read has them equal.
+TEST_F(StoreRules, ConcurrentReadsBesideWritesSeeWholeObjects) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0}, reads{0};
+    objIndex_t table;
+    int32_t oid = wcfgFeObjNameToObjId("Device.NAT.PortMapping.i", &table);
+    ASSERT_EQ(0, set("Device.NAT.PortMapping.1.", R"({"ExternalPort": 999, "InternalPort": 999})"));
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t)
+        readers.emplace_back([&] {
+            while (!stop) {
+                objIndex_t iid{};
+                json_object* o = nullptr;
+                while (wcfgFeObjJsonGetNextWithoutUpdate(oid, &iid, &o) == WCFG_SUCCESS) {
+                    JsonPtr owned(o);
+                    json_object *a = nullptr, *b = nullptr;
+                    json_object_object_get_ex(o, "ExternalPort", &a);
+                    json_object_object_get_ex(o, "InternalPort", &b);
+                    if (json_object_get_int(a) != json_object_get_int(b))
+                        ++torn;
+                    ++reads;
+                }
+            }
+        });
+    for (int i = 0; i < 60; ++i) {
+        std::string v = std::to_string(1000 + i);
+        ASSERT_EQ(0, set("Device.NAT.PortMapping.1.",
+                         ("{\"ExternalPort\":" + v + ",\"InternalPort\":" + v + "}").c_str()));
+        objIndex_t added;
+        ASSERT_EQ(0, add("Device.NAT.PortMapping.", &added));
+        std::string path = "Device.NAT.PortMapping." + std::to_string(added.idx[0]) + ".";
+        ASSERT_EQ(0, set(path.c_str(),
+                         ("{\"ExternalPort\":" + v + ",\"InternalPort\":" + v + "}").c_str()));
+        ASSERT_EQ(0, del(path.c_str()));
+    }
+    stop = true;
+    for (auto& t : readers)
+        t.join();
+    EXPECT_EQ(0, torn.load());
+    EXPECT_GT(reads.load(), 0);
+}
