@@ -236,3 +236,12 @@ TEST_F(StoreRules, ConcurrentReadsBesideWritesSeeWholeObjects) {
     EXPECT_EQ(0, torn.load());
     EXPECT_GT(reads.load(), 0);
 }
+
+TEST_F(StoreRules, CountsWrittenBackUnchangedAreAccepted) {
+    EXPECT_EQ("1", get("Device.NAT.", "PortMappingNumberOfEntries"));
+    EXPECT_EQ(0, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 1})"));
+    EXPECT_EQ(WCFG_SET_READ_ONLY_PARAM, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 5})"));
+    ASSERT_EQ(0, add("Device.NAT.PortMapping."));
+    EXPECT_EQ("2", get("Device.NAT.", "PortMappingNumberOfEntries"));
+    EXPECT_EQ(0, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 2})"));
+}

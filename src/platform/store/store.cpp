@@ -335,7 +335,18 @@ int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
         Value v;
         if (int rc = convertValue(p, value, v))
             return rc;
-        // A value written back unchanged is accepted whatever its rules.
+        // A value written back unchanged is accepted whatever its rules; a
+        // count of instances is compared with the count, and never stored.
+        int child = counted_[objectIndex(o)][i];
+        if (child >= 0) {
+            int n = 0;
+            if (!writeDb_.countRange(wdm::model().objects[child].id, key,
+                                     key + subtreeSpan(o.depth), n))
+                return WCFG_INTERNAL_ERROR;
+            if (v.i != n && !mode.readOnly)
+                return WCFG_SET_READ_ONLY_PARAM;
+            continue;
+        }
         if (v == before[i])
             continue;
         if (int rc = checkParamRights(p, mode.secrets))
