@@ -2,6 +2,7 @@
 // loop on the main thread, and shutdown.
 #include <getopt.h>
 #include <syslog.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -196,6 +197,8 @@ int main(int argc, char** argv) {
         } else {
             openHostDatabase();
             gWhttpd.operationMode = wcfgFeDalGetOpertaionMode();
+            // What start-up allocated and let go of goes back to the system.
+            malloc_trim(0);
             if (!gStopRequested)
                 gWhttpd.running = 1;
             receiveLoop();

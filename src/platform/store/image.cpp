@@ -61,6 +61,7 @@ std::shared_ptr<Image> loadImage(Db& db) {
                   t->push_back({key, std::move(row)});  // rows arrive in key order
               });
     db.rollback();  // ends the read snapshot
+    db.releaseMemory();
     if (!ok) {
         wlog_log_f(WLOG_ERR, "wcfg", __LINE__, __func__, "cannot read the store: %s\n", db.error());
         return nullptr;

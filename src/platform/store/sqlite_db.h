@@ -57,6 +57,9 @@ class Db {
     bool version(uint64_t& v);
     bool bumpVersion(uint64_t& v);
 
+    // Gives back the connection's page cache (the image holds what readers need).
+    void releaseMemory();
+
     const char* error() const;
 
   private:

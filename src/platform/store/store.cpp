@@ -116,12 +116,13 @@ class Store::Write {
         if (!s_.writeDb_.commit())
             return false;
         committed_ = true;
+        s_.writeDb_.releaseMemory();
         std::lock_guard<std::mutex> il(s_.imageMutex_);
         std::shared_ptr<const Image> next = s_.published_;
         if (next->version != after) {
             if (row && next->version == before_)
                 next = patchImage(*next, objectIndex, key, *row, after);
-            else if (auto loaded = loadImage(s_.readDb_))
+            else if (auto loaded = loadImage(s_.reader()))
                 next = loaded;
         }
         // Labelled before the generation turns even, so that readers find
@@ -177,11 +178,17 @@ Store::Store() {
     if (!platformMakeDirs(dir) || !platformMakeDirs(run))
         return;
     gen_.open(run + "/config.gen");
-    if (!writeDb_.open(dir + "/config.db") || !readDb_.open(dir + "/config.db"))
+    dbFile_ = dir + "/config.db";
+    if (!writeDb_.open(dbFile_))
         return;
-    published_ = loadImage(readDb_);
-    if (!published_)
+    uint32_t g = gen_.load();
+    std::shared_ptr<Image> img = loadImage(writeDb_);
+    if (!img)
         return;
+    // Loaded after `g` was read: current as of `g`.
+    if (!(g & 1))
+        img->label.store(g);
+    published_ = std::move(img);
     open_ = true;
     seedIfEmpty();
     repairPasswordStore();
@@ -210,9 +217,9 @@ const Image& Store::refresh(Local& local) {
     uint32_t g = gen_.load();
     bool current = (g & 1) ? g == acceptOdd_.load() : published_->label.load() == g;
     uint64_t version = 0;
-    if (!current && readDb_.version(version)) {
+    if (!current && reader().version(version)) {
         if (version != published_->version)
-            if (auto loaded = loadImage(readDb_))
+            if (auto loaded = loadImage(reader()))
                 publish(loaded);
         // Whatever committed before `g` was loaded is in the image now.
         if (!(g & 1) && published_->version >= version)
@@ -221,6 +228,14 @@ const Image& Store::refresh(Local& local) {
     local.img = published_;
     local.seq = publishSeq_.load();
     return *local.img;
+}
+
+// The connection that checks and reloads the image, opened when first
+// needed: a process that only reads what it writes itself never needs it.
+Db& Store::reader() {
+    if (!readDb_.isOpen())
+        readDb_.open(dbFile_);
+    return readDb_;
 }
 
 void Store::publish(std::shared_ptr<const Image> img) {
@@ -604,8 +619,8 @@ void Store::seedIfEmpty() {
 void Store::repairPasswordStore() {
     bool same = false;
     {
-        std::lock_guard<std::mutex> lock(imageMutex_);
-        same = passwordStoreCurrent(readDb_);
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        same = passwordStoreCurrent(writeDb_);
     }
     if (same)
         return;

@@ -69,6 +69,7 @@ class Store {
     const Image& image();
     const Image& refresh(Local& local);
     void publish(std::shared_ptr<const Image> img);
+    Db& reader();
 
     int objectIndex(const wdm::Object& o) const;
     json_object* build(const Image& img, const wdm::Object& o, const objIndex_t& iid,
@@ -85,6 +86,7 @@ class Store {
     void runApplyHooks();
 
     bool open_ = false;
+    std::string dbFile_;
     Generation gen_;
     // Writers: this process's write lock and its connection; the objects
     // written since the last apply.
@@ -92,7 +94,8 @@ class Store {
     Db writeDb_;
     std::vector<std::pair<int32_t, uint64_t>> pending_;
     // The published image, its sequence number, and the connection that
-    // checks and reloads it; guarded by imageMutex_ (taken after writeMutex_).
+    // checks and reloads it (see reader()); guarded by imageMutex_ (taken
+    // after writeMutex_).
     std::mutex imageMutex_;
     Db readDb_;
     std::shared_ptr<const Image> published_;
