@@ -58,6 +58,15 @@ unsigned long platformUptimeSeconds() {
     return static_cast<unsigned long>(ts.tv_sec);
 }
 
+std::string platformNowIso() {
+    time_t t = time(nullptr);
+    tm tmv{};
+    gmtime_r(&t, &tmv);
+    char buf[32];
+    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+    return buf;
+}
+
 void platformInit() {
     const char* old = getenv("PATH");
     std::string path = platformToolDir() + ":" + (old ? old : "/usr/bin:/bin");

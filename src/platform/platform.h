@@ -20,6 +20,8 @@ std::string platformToolDir();
 bool platformMakeDirs(const std::string& dir);
 // Whole seconds of system uptime ("/proc/uptime").
 unsigned long platformUptimeSeconds();
+// The calendar time in UTC as "2026-11-23T10:30:00Z".
+std::string platformNowIso();
 // Process set-up shared by the daemon and wcfgctl: PATH with the tool
 // directory first.
 void platformInit();

@@ -20,15 +20,13 @@
 #include "platform/store/generation.h"
 #include "platform/store/store.h"
 #include "platform/store/wcfg.h"
+#include "store_helpers.h"
 #include "test_root.h"
 
 namespace {
 
 int set(const char* path, const char* json) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    JsonPtr v(json_tokener_parse(json));
-    return wcfgFeObjJsonSetWithAdditions(oid, &iid, v.get(), nullptr, WCFG_APPLY_FLAGS, nullptr);
+    return storeSet(path, json);
 }
 
 int add(const char* table, objIndex_t* out = nullptr) {
@@ -47,16 +45,7 @@ int del(const char* path) {
 }
 
 std::string get(const char* path, const char* key) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    json_object* o = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &o) != 0)
-        return "<none>";
-    JsonPtr owned(o);
-    json_object* v = nullptr;
-    return json_object_object_get_ex(o, key, &v)
-               ? json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN)
-               : "<missing>";
+    return storeGet(path, key);
 }
 
 std::string readFile(const std::string& file) {

@@ -14,6 +14,7 @@
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
 #include "platform/store/store.h"
+#include "store_helpers.h"
 #include "test_root.h"
 
 namespace {
@@ -34,25 +35,8 @@ class StoreTest : public ::testing::Test {
             r.idx[r.level++] = static_cast<uint8_t>(i);
         return r;
     }
-    static int set(const char* path, const char* json) {
-        objIndex_t iid;
-        int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-        JsonPtr v(json_tokener_parse(json));
-        return wcfgFeObjJsonSetWithAdditions(oid, &iid, v.get(), nullptr, WCFG_APPLY_FLAGS,
-                                             nullptr);
-    }
-    static std::string get(const char* path, const char* key) {
-        objIndex_t iid;
-        int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-        json_object* o = nullptr;
-        if (wcfgFeObjJsonGet(oid, &iid, &o) != 0)
-            return "<none>";
-        JsonPtr owned(o);
-        json_object* v = nullptr;
-        if (!json_object_object_get_ex(o, key, &v))
-            return "<missing>";
-        return json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN);
-    }
+    static int set(const char* path, const char* json) { return storeSet(path, json); }
+    static std::string get(const char* path, const char* key) { return storeGet(path, key); }
 };
 
 }  // namespace

@@ -15,15 +15,6 @@ namespace standin {
 
 namespace {
 
-std::string nowIso() {
-    time_t t = time(nullptr);
-    tm tmv{};
-    gmtime_r(&t, &tmv);
-    char buf[32];
-    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tmv);
-    return buf;
-}
-
 // Results are written as the service itself: read-only parameters included.
 void writeResults(const wdm::Object& o, const objIndex_t& iid, json_object* res) {
     objIndex_t rec = iid;
@@ -63,7 +54,7 @@ void ipPing(const wdm::Object& o, const objIndex_t& iid, json_object* values) {
 void transferTest(const wdm::Object& o, const objIndex_t& iid, json_object* values, bool down) {
     if (!requested(values))
         return;
-    std::string now = nowIso();
+    std::string now = platformNowIso();
     JsonPtr res(json_object_new_object());
     json_object_object_add(res.get(), "DiagnosticsState", json_object_new_string("Complete"));
     for (const char* k : {"ROMTime", "BOMTime", "EOMTime"})

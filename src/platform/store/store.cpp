@@ -38,15 +38,6 @@ objIndex_t recordOf(uint64_t key, int depth) {
     return iid;
 }
 
-std::string nowIso() {
-    time_t t = time(nullptr);
-    tm tmv{};
-    gmtime_r(&t, &tmv);
-    char buf[32];
-    strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tmv);
-    return buf;
-}
-
 }  // namespace
 
 uint64_t keyOf(const objIndex_t& iid, int levels) {
@@ -265,7 +256,8 @@ json_object* Store::build(const Image& img, const wdm::Object& o, const objIndex
     if (update && index == devInfoIndex_)
         json_object_object_add(out, "UpTime", json_object_new_int64(platformUptimeSeconds()));
     else if (update && index == timeIndex_)
-        json_object_object_add(out, "CurrentLocalTime", json_object_new_string(nowIso().c_str()));
+        json_object_object_add(out, "CurrentLocalTime",
+                               json_object_new_string(platformNowIso().c_str()));
     return out;
 }
 
