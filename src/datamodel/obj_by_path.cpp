@@ -20,6 +20,12 @@ bool creatable(json_object* node) {
            !strcmp(wHttpSchemaNodeKind(node), "index_object");
 }
 
+// Whether snprintf's result fitted its buffer.
+template <size_t N>
+bool fits(int written, const char (&)[N]) {
+    return written >= 0 && static_cast<size_t>(written) < N;
+}
+
 }  // namespace
 
 int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_object** answer) {
@@ -55,7 +61,9 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
                                                                         : kDefaultTableBound;
         for (int i = 1; i <= bound; ++i) {
             char childPath[256];
-            snprintf(childPath, sizeof childPath, "%s%d.", path, i);
+            // A path cut at the buffer's end would name this table again.
+            if (!fits(snprintf(childPath, sizeof childPath, "%s%d.", path, i), childPath))
+                break;
             json_object* parent = array;
             int ret = wHttpGetTR181ObjByPath(childPath, 0, firstLevelOnly, &parent);
             if (ret != 0) {
@@ -101,7 +109,8 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
         if (strcmp(childKind, "object") != 0 && strcmp(childKind, "index_object") != 0)
             continue;
         char childPath[256];
-        snprintf(childPath, sizeof childPath, "%s%s.", path, key);
+        if (!fits(snprintf(childPath, sizeof childPath, "%s%s.", path, key), childPath))
+            continue;
         json_object* parent = obj;
         ret = wHttpGetTR181ObjByPath(childPath, 0, 0, &parent);
     }

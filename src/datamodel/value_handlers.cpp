@@ -66,7 +66,14 @@ bool setBatch(json_object* list, json_object* result) {
         if (ret == WCFG_SUCCESS)
             anySuccess = true;
         json_object_object_add(element, "object_path", json_object_new_string(path));
-        if (json_object* obj = readBack(path)) {
+        json_object* obj = readBack(path);
+        // A table read back is no object to carry a status: left out, as a
+        // failed read-back is.
+        if (obj && !json_object_is_type(obj, json_type_object)) {
+            json_object_put(obj);
+            obj = nullptr;
+        }
+        if (obj) {
             wHttpSetOperStatusByWcfgRet(obj, ret);
             wHttpSetRequestedPath(obj, path);
             json_object_array_add(result, obj);

@@ -301,3 +301,31 @@ TEST_F(Value, SchemaMethodListAndCustomisation) {
     EXPECT_EQ("Success", str(c.obj, "oper_status"));
     EXPECT_EQ("OLVEX", str(c.get("APPUICustomList"), "BrandName"));
 }
+
+// Paths at the buffer's end: a child path that no longer fits must not name
+// its parent again (an endless walk), and the daemon answers on.
+TEST_F(Value, PathsAtTheLengthLimitAnswerAndTheDaemonLives) {
+    std::string pad(225, '.');
+    for (const std::string& tail : {std::string("X_OLVEX_LoginCfg.LogGp."),
+                                    std::string("X_OLVEX_LoginCfg.LogGp.?first_level_only=false"),
+                                    std::string("NAT.?first_level_only=false")}) {
+        std::string path = "Device." + pad + tail;
+        path = path.substr(
+            0,
+            std::min(path.size(), path.find('?') == std::string::npos ? size_t{255} : path.size()));
+        Reply r = get(path);
+        EXPECT_TRUE(r.ok) << tail;
+        EXPECT_EQ(200, r.status) << tail;
+    }
+    Reply batch = write("PUT", "TR181/Value/MultiObjects",
+                        "{\"MultiObjects\":true,\"TR181_Objects\":[{\"object_path\":\"Device." +
+                            std::string(225, '.') + "X_OLVEX_LoginCfg.LogGp.\",\"x\":1}]}");
+    EXPECT_EQ(200, batch.status);
+    // A table as a batch element: written as nothing, read back as no object.
+    batch = write("PUT", "TR181/Value/MultiObjects",
+                  "{\"MultiObjects\":true,\"TR181_Objects\":[{\"object_path\":"
+                  "\"Device.NAT.PortMapping.\",\"Enable\":true}]}");
+    EXPECT_EQ(200, batch.status);
+    EXPECT_EQ("Success", operStatus(batch));
+    EXPECT_EQ("Success", operStatus(get("Device.DeviceInfo.")));
+}
