@@ -67,12 +67,25 @@ char* hashOfShadow(const char* shadow) {
     return hash;
 }
 
+// The login body as JSON: parsed once per request (the walk checks it
+// against every account), kept in the request's context.
+json_object* loginBody(CgHttpRequest* request, JsonPtr& local) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    JsonPtr& doc = ctx ? ctx->loginBody : local;
+    if (!ctx || !ctx->loginBodyParsed) {
+        const char* body = cg_http_request_getcontent(request);
+        doc.reset(body ? json_tokener_parse(body) : nullptr);
+        if (ctx)
+            ctx->loginBodyParsed = true;
+    }
+    return doc.get();
+}
+
 // An unknown user name costs one password check, as a known one does, so
 // that the time of the answer does not tell which names exist.
 void checkAgainstNobody(CgHttpRequest* request) {
-    const char* body = cg_http_request_getcontent(request);
-    JsonPtr doc(body ? json_tokener_parse(body) : nullptr);
-    vxUtilAuthDummy(jsonText(doc.get(), "password").c_str());
+    JsonPtr local;
+    vxUtilAuthDummy(jsonText(loginBody(request, local), "password").c_str());
 }
 
 // The account passed: the context learns who it is, and a session-checked
@@ -134,15 +147,18 @@ int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
     const char* length = cg_http_request_getheader(request, "Content-Length");
     if (!body || !length || atoi(length) == 0 || cg_http_request_getcontentlength(request) == 0)
         return 3;
-    JsonPtr doc(json_tokener_parse(body));
+    JsonPtr local;
+    json_object* doc = loginBody(request, local);
     // The whole texts: a name or password with an escaped NUL ("\u0000")
     // matches no account, it is not cut short at the NUL.
-    std::string username = jsonText(doc.get(), "username");
-    std::string password = jsonText(doc.get(), "password");
+    std::string username = jsonText(doc, "username");
+    std::string password = jsonText(doc, "password");
     if (username.empty() || username != user)
         return 1;
-    if (password.empty() || password.find('\0') != std::string::npos)
+    if (password.empty() || password.find('\0') != std::string::npos) {
+        vxUtilAuthDummy(password.c_str());  // as long as a real check
         return 2;
+    }
     switch (vxUtilAuthUserAccount(username.c_str(), password.c_str())) {
         case 0:
             return 0;

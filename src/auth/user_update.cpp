@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "auth/accounts.h"
@@ -40,6 +41,43 @@ void answer(CgHttpRequest* request, const char* text) {
     wHttpJsonResponse_restapi(request, nullptr, doc, 0, 0);
 }
 
+// Runs the account editor for the four members; returns the answer's text.
+// Wrong old passwords count as failed logins of the account (unknown names
+// as those of the pseudo user), and a locked account gets the editor's
+// answer for a wrong old password, whatever it was: the editor is no way to
+// guess passwords past the lock.  One update at a time, so that the lock
+// test, the check and the count are one step and parallel requests get no
+// more guesses than serial ones.
+std::string updateAccount(const std::string (&text)[4], const char* remote) {
+    static std::mutex gUpdateMutex;
+    std::lock_guard<std::mutex> serial(gUpdateMutex);
+    const std::string& oldUser = text[0];
+    bool known = oldUser.find('\0') == std::string::npos &&
+                 wHttpAccounts()->find(oldUser.c_str()) != nullptr;
+    const char* record = known ? oldUser.c_str() : INVALID_ACCOUNT_NAME;
+    JsonPtr edit(json_object_new_object());
+    addText(edit.get(), "Username", oldUser);
+    addText(edit.get(), "new_Username", text[2]);
+    addText(edit.get(), "Password", text[3]);
+    addText(edit.get(), "verifyNewpassword", text[3]);
+    addText(edit.get(), "oldPw", text[1]);
+    json_object_object_add(edit.get(), "DAL_LOGIN_LEVEL", json_object_new_string("high"));
+    json_object_object_add(edit.get(), "DAL_ACCOUNT_LOCKED",
+                           json_object_new_boolean(isRestriction(record) != 0));
+    char reply[128] = {};
+    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0) {
+        retryTableMgt("remove", oldUser.c_str());
+        return "Success";
+    }
+    if (!strcmp(reply, WCFG_DAL_BAD_CREDENTIALS)) {
+        wlog_syslog(LOG_INFO,
+                    "Account: Enter an invalid old password for User '%s' form the host(%s).\n",
+                    known ? oldUser.c_str() : "", remote);
+        retryTableMgt("set", record);
+    }
+    return reply;
+}
+
 }  // namespace
 
 int wHttpUserUpdateHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
@@ -64,40 +102,7 @@ int wHttpUserUpdateHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spa
     std::string text[4];
     for (int i = 0; i < 4; ++i)
         text[i] = wholeText(value[i]);
-    const std::string& oldUser = text[0];
-    const std::string& oldPassword = text[1];
-
-    // Wrong old passwords count as failed logins of the account (unknown
-    // names as those of the pseudo user), and a locked name is refused before
-    // the editor runs: the editor is no way to guess passwords past the lock.
-    bool known = oldUser.find('\0') == std::string::npos &&
-                 wHttpAccounts()->find(oldUser.c_str()) != nullptr;
-    const char* record = known ? oldUser.c_str() : INVALID_ACCOUNT_NAME;
-    if (isRestriction(record)) {
-        vxUtilAuthDummy(oldPassword.c_str());  // as long as a real check
-        answer(request, WCFG_DAL_BAD_CREDENTIALS);
-        return 1;
-    }
-
-    JsonPtr edit(json_object_new_object());
-    addText(edit.get(), "Username", oldUser);
-    addText(edit.get(), "new_Username", text[2]);
-    addText(edit.get(), "Password", text[3]);
-    addText(edit.get(), "verifyNewpassword", text[3]);
-    addText(edit.get(), "oldPw", oldPassword);
-    json_object_object_add(edit.get(), "DAL_LOGIN_LEVEL", json_object_new_string("high"));
-    char reply[128] = {};
-    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0) {
-        retryTableMgt("remove", oldUser.c_str());
-        answer(request, "Success");
-        return 1;
-    }
-    if (!strcmp(reply, WCFG_DAL_BAD_CREDENTIALS)) {
-        wlog_syslog(LOG_INFO,
-                    "Account: Enter an invalid old password for User '%s' form the host(%s).\n",
-                    known ? oldUser.c_str() : "", cg_http_request_getremoteaddress(request));
-        retryTableMgt("set", record);
-    }
-    answer(request, reply);
+    std::string reply = updateAccount(text, cg_http_request_getremoteaddress(request));
+    answer(request, reply.c_str());
     return 1;
 }

@@ -240,11 +240,17 @@ void vxUtilAuthDummy(const char* password) {
 }
 
 int vxUtilAuthUserAccount(const char* user, const char* password) {
-    if (!user || !*user)
+    // Every answer costs one password check: a user without a line in the
+    // store is not answered sooner than one with a wrong password.
+    if (!user || !*user) {
+        vxUtilAuthDummy(password);
         return 1;
+    }
     std::ifstream in(platformPath("/etc/shadow"));
-    if (!in)
+    if (!in) {
+        vxUtilAuthDummy(password);
         return 1;
+    }
     std::string line;
     std::string prefix = std::string(user) + ":";
     while (std::getline(in, line)) {
@@ -252,8 +258,13 @@ int vxUtilAuthUserAccount(const char* user, const char* password) {
             continue;
         std::string hash = line.substr(prefix.size());
         hash = hash.substr(0, hash.find(':'));
+        if (hash.empty()) {
+            vxUtilAuthDummy(password);
+            return 2;
+        }
         return vxUtilPasswordMatchesHash(hash.c_str(), password) ? 0 : 2;
     }
+    vxUtilAuthDummy(password);
     return 1;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "platform/http/cg_http.h"
+#include "platform/json_util.h"
 
 // Per-request context, attached to the request by the request entry.
 struct WHttpReqCtx {
@@ -15,6 +16,10 @@ struct WHttpReqCtx {
     char sessionID[33] = "";
     char privilege[16] = "";
     int group = 0;  // login group of the session (1 high, 2 medium, 3 low); 0 until known
+    // The request body as JSON, parsed once for every account a login is
+    // checked against.
+    JsonPtr loginBody;
+    bool loginBodyParsed = false;
     int changeDefaultPassword = 0;
     int showSkipButton = 0;
     int quickStart = 0;

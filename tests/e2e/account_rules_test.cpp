@@ -143,11 +143,11 @@ TEST_F(AccountRules, AdminChangesItsOwnAndLowerGroupsOnly) {
     Session admin = login("admin", "1234abcd");
     EXPECT_EQ("Success", put(admin, kAdmin, R"({"AccountIdleTime":600})"));
     EXPECT_EQ("Success", put(admin, kUser, R"({"AccountLockTime":120,"Enabled":true})"));
-    // Names follow the editor's rules: valid and unique.
+    // A name, once given, changes only through the account editor: failed
+    // logins are counted by name.
+    EXPECT_EQ(kRefused, put(admin, kUser, R"({"Username":"guest"})"));
     EXPECT_EQ(kRefused, put(admin, kUser, R"({"Username":"admin"})"));
-    EXPECT_EQ(kRefused, put(admin, kUser, R"({"Username":"bad name"})"));
-    EXPECT_EQ("Success", put(admin, kUser, R"({"Username":"guest"})"));
-    login("guest", "user1234");
+    login("user", "user1234");
     // Written back unchanged, a privilege is no change; changed, it is refused.
     Reply r = Client(port).request("GET", kValue + kAdmin, "", &admin);
     ASSERT_EQ("Success", operStatus(r));
@@ -156,13 +156,22 @@ TEST_F(AccountRules, AdminChangesItsOwnAndLowerGroupsOnly) {
     EXPECT_EQ(kRefused, put(admin, kSupervisor, R"({"AccountIdleTime":600})"));
     EXPECT_EQ(kRefused,
               put(admin, "Device.X_OLVEX_LoginCfg.", R"({"MaximumLoginAccountNumber":1})"));
-    // A new account in a lower group, without a password, and away again.
+    // A new account in a lower group, without a password, and away again;
+    // its name follows the editor's rules: valid and unique.
+    EXPECT_EQ(kRefused, post(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.",
+                             R"({"Username":"admin","Enabled":true})"));
+    EXPECT_EQ(kRefused, post(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.",
+                             R"({"Username":"bad name","Enabled":true})"));
+    EXPECT_EQ(kRefused, post(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.",
+                             R"({"Username":"Invalid_Account","Enabled":true})"));
     r = Client(port).write("POST", kValue + "Device.X_OLVEX_LoginCfg.LogGp.3.Account.",
                            R"({"Username":"kid","Enabled":true})", admin);
     ASSERT_EQ("Success", operStatus(r));
     EXPECT_NE(std::string::npos, r.body.find("\"Username\": \"kid\""));
     EXPECT_EQ(401, Client(port).login("kid", "").status);
-    EXPECT_EQ("Success", del(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.2."));
+    EXPECT_EQ(kRefused, put(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.5.",
+                            R"({"Username":"kid2"})"));
+    EXPECT_EQ("Success", del(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.5."));
     EXPECT_EQ(kRefused, post(admin, "Device.X_OLVEX_LoginCfg.LogGp.1.Account.", "{}"));
 
     // The supervisor reaches every group, privileges and trust domains, but

@@ -234,3 +234,29 @@ TEST_F(StoreRules, CountsWrittenBackUnchangedAreAccepted) {
     EXPECT_EQ("2", get("Device.NAT.", "PortMappingNumberOfEntries"));
     EXPECT_EQ(0, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 2})"));
 }
+
+TEST_F(StoreRules, NamesGivenOnceAndLockedEdits) {
+    {
+        WcfgCallerScope admin(2);
+        EXPECT_EQ(WCFG_REQUEST_REJECT, set(kUser, R"({"Username": "guest"})"));
+        objIndex_t added;
+        ASSERT_EQ(0, add("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
+        std::string path =
+            "Device.X_OLVEX_LoginCfg.LogGp.3.Account." + std::to_string(added.idx[1]) + ".";
+        EXPECT_EQ(WCFG_INVALID_PARAM_VALUE,
+                  set(path.c_str(), R"({"Username": "Invalid_Account"})"));
+        EXPECT_EQ(0, set(path.c_str(), R"({"Username": "kid"})"));
+        EXPECT_EQ(WCFG_REQUEST_REJECT, set(path.c_str(), R"({"Username": "kid2"})"));
+    }
+    // The account editor: a locked account's right password counts as wrong.
+    JsonPtr req(json_tokener_parse(
+        R"({"Username": "user", "new_Username": "user", "Password": "n3wSecret1",
+            "verifyNewpassword": "n3wSecret1", "oldPw": "user1234", "DAL_LOGIN_LEVEL": "high",
+            "DAL_ACCOUNT_LOCKED": true})"));
+    char reply[128] = {};
+    EXPECT_NE(0, wcfgFeDal_User_Account_Edit(req.get(), reply, sizeof reply));
+    EXPECT_STREQ(WCFG_DAL_BAD_CREDENTIALS, reply);
+    json_object_object_add(req.get(), "DAL_ACCOUNT_LOCKED", json_object_new_boolean(0));
+    EXPECT_EQ(0, wcfgFeDal_User_Account_Edit(req.get(), reply, sizeof reply));
+    EXPECT_EQ(0, vxUtilAuthUserAccount("user", "n3wSecret1"));
+}

@@ -266,6 +266,8 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                     p.secret = true;
                 } else if (t[k] == "supervisor" && !quoted[k]) {
                     p.supervisor = true;
+                } else if (t[k] == "once" && !quoted[k]) {
+                    p.once = true;
                 } else if (!p.hasDefault) {
                     p.hasDefault = true;
                     p.def = t[k];

@@ -24,6 +24,7 @@ struct Param {
     bool hidden = false;      // kept out of the REST schema
     bool secret = false;      // changed only by the account editor
     bool supervisor = false;  // changed only by the supervisor's group
+    bool once = false;        // a session may set it while empty, not change it
     bool hasDefault = false;
     std::string def;  // default as text
 };

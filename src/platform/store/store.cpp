@@ -356,7 +356,7 @@ int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
         }
         if (v == before[i])
             continue;
-        if (int rc = checkParamRights(p, mode.secrets))
+        if (int rc = checkParamRights(p, mode.secrets, before[i].s.empty() && before[i].i == 0))
             return rc;
         if (!p.writable && !mode.readOnly)
             return WCFG_SET_READ_ONLY_PARAM;

@@ -119,9 +119,13 @@ int wcfgFeGetCaller(void);
 
 // DAL: the device's operation mode (0 router, 1 access point, 2 extender).
 int wcfgFeDalGetOpertaionMode(void);
-// DAL: account editor.  Returns 0, or non-zero with a reply text in `reply`.
-// An unknown user name and a wrong old password get the same reply,
-// WCFG_DAL_BAD_CREDENTIALS.
+// DAL: account editor.  Request members: "Username", "new_Username",
+// "Password", "verifyNewpassword", "oldPw", "DAL_LOGIN_LEVEL", and optionally
+// "DAL_ACCOUNT_LOCKED" (true: the caller has locked the account; its old
+// password counts as wrong).  The new values are checked first, then the old
+// password.  Returns 0, or non-zero with a reply text in `reply`.  An unknown
+// user name and a wrong old password get the same reply,
+// WCFG_DAL_BAD_CREDENTIALS, after the same work.
 int wcfgFeDal_User_Account_Edit(json_object* request, char* reply, size_t size);
 #define WCFG_DAL_BAD_CREDENTIALS "Invalid Username or Password"
 

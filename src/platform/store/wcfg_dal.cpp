@@ -99,9 +99,8 @@ int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
     std::string oldPw = jsonText(request, "oldPw");
     std::string level = jsonText(request, "DAL_LOGIN_LEVEL");
 
-    EditTarget t = findAccount(user, newUser);
-    if (!oldPasswordMatches(t, oldPw))
-        return reply(buf, size, WCFG_DAL_BAD_CREDENTIALS, WCFG_INVALID_PARAM_VALUE);
+    // The new values first: what is answered about them never depends on
+    // whether the old password was right.
     if (pw != verify)
         return reply(buf, size, "New passwords do not match", WCFG_INVALID_PARAM_VALUE);
     if (!passwordAcceptable(pw))
@@ -111,6 +110,16 @@ int wcfgFeDal_User_Account_Edit(json_object* request, char* buf, size_t size) {
                      WCFG_INVALID_PARAM_VALUE);
     if (!wcfg::usernameAcceptable(newUser))
         return reply(buf, size, "Invalid username", WCFG_INVALID_PARAM_VALUE);
+    EditTarget t = findAccount(user, newUser);
+    // A caller that has locked the account gets the wrong-password answer,
+    // after the same work.
+    json_object* locked = nullptr;
+    bool refuse = json_object_object_get_ex(request, "DAL_ACCOUNT_LOCKED", &locked) &&
+                  json_object_get_boolean(locked);
+    if (refuse)
+        vxUtilAuthDummy(oldPw.c_str());
+    if (refuse || !oldPasswordMatches(t, oldPw))
+        return reply(buf, size, WCFG_DAL_BAD_CREDENTIALS, WCFG_INVALID_PARAM_VALUE);
     if (t.nameTaken)
         return reply(buf, size, "Username already exists", WCFG_REQUEST_REJECT);
     // Group numbers rise as privileges fall: only a "high" editor may change

@@ -36,8 +36,12 @@ int checkObjectRights(const wdm::Object& o, const objIndex_t& iid) {
     return group >= tCaller ? WCFG_SUCCESS : WCFG_REQUEST_REJECT;
 }
 
-int checkParamRights(const wdm::Param& p, bool secrets) {
+int checkParamRights(const wdm::Param& p, bool secrets, bool wasEmpty) {
     if (p.secret && !secrets)
+        return WCFG_REQUEST_REJECT;
+    // A name, once given, is changed by the account editor: failed logins
+    // are counted by name, and a new name would start them from nothing.
+    if (p.once && !wasEmpty && !secrets && tCaller != WCFG_CALLER_DEVICE)
         return WCFG_REQUEST_REJECT;
     if (p.supervisor && tCaller != WCFG_CALLER_DEVICE && tCaller != kSupervisorGroup)
         return WCFG_REQUEST_REJECT;
@@ -45,7 +49,8 @@ int checkParamRights(const wdm::Param& p, bool secrets) {
 }
 
 bool usernameAcceptable(const std::string& name) {
-    if (name.empty() || name.size() > 31)
+    // The daemon counts failed logins of unknown names under this one.
+    if (name.empty() || name.size() > 31 || name == "Invalid_Account")
         return false;
     for (unsigned char c : name)
         if (!isalnum(c) && c != '_' && c != '.' && c != '-')

@@ -14,10 +14,13 @@ namespace wcfg {
 // add or delete) the instance `iid` of `o`.  For an add, `iid` names the new
 // instance's parent.
 int checkObjectRights(const wdm::Object& o, const objIndex_t& iid);
-// The same for one parameter whose value a write changes; `secrets` is set
-// for the writes of the account editor (and of provisioning).
-int checkParamRights(const wdm::Param& p, bool secrets);
-// Account names: 1 to 31 characters of A-Z, a-z, 0-9, "_", "." and "-".
+// The same for one parameter whose value a write changes from `wasEmpty`
+// or not; `secrets` is set for the writes of the account editor (and of
+// provisioning).
+int checkParamRights(const wdm::Param& p, bool secrets, bool wasEmpty);
+// Account names: 1 to 31 characters of A-Z, a-z, 0-9, "_", "." and "-",
+// and not "Invalid_Account" (the name under which failed logins of unknown
+// names are counted).
 bool usernameAcceptable(const std::string& name);
 
 }  // namespace wcfg
