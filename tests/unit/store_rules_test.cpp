@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -259,4 +260,28 @@ TEST_F(StoreRules, NamesGivenOnceAndLockedEdits) {
     json_object_object_add(req.get(), "DAL_ACCOUNT_LOCKED", json_object_new_boolean(0));
     EXPECT_EQ(0, wcfgFeDal_User_Account_Edit(req.get(), reply, sizeof reply));
     EXPECT_EQ(0, vxUtilAuthUserAccount("user", "n3wSecret1"));
+}
+
+// Someone cleans the run directory: the counter file that other processes
+// bump is a new one.  Readers follow it within a tenth of a second.
+TEST_F(StoreRules, ReplacedGenerationFileIsFollowed) {
+    const char* pm = "Device.NAT.PortMapping.1.";
+    EXPECT_EQ("\"web\"", get(pm, "Description"));
+    ASSERT_EQ(0, unlink(platformPath("/var/run/wcfg/config.gen").c_str()));
+    pid_t child = fork();
+    if (child == 0) {
+        execl(WCFGCTL_BIN, "wcfgctl", "set", pm, R"({"Description": "after-cleanup"})",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(0, WEXITSTATUS(status));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ("\"after-cleanup\"", get(pm, "Description"));
+    // This process writes to the new file too: another reader would see it.
+    EXPECT_EQ(0, set(pm, R"({"Description": "mine"})"));
+    wcfg::Generation other;
+    other.open(platformPath("/var/run/wcfg/config.gen"));
+    EXPECT_NE(0u, other.load());
 }

@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <new>
-
 #include "platform/platform.h"
 
 namespace wcfg {
@@ -19,11 +17,14 @@ const size_t kMapSize = 4096;
 }
 
 Generation::~Generation() {
-    if (map_)
-        munmap(map_, kMapSize);
+    for (void* m : maps_)
+        munmap(m, kMapSize);
+    if (fd_ >= 0)
+        close(fd_);
 }
 
 void Generation::open(const std::string& file) {
+    file_ = file;
     int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
         wlog_log_f(WLOG_ERR, "wcfg", __LINE__, __func__, "cannot open %s\n", file.c_str());
@@ -31,37 +32,60 @@ void Generation::open(const std::string& file) {
     }
     struct stat st;
     // Several processes may size the new file at once; all make it the same.
-    if (fstat(fd, &st) == 0 && st.st_size < static_cast<off_t>(kMapSize) &&
-        ftruncate(fd, kMapSize) != 0) {
+    if (fstat(fd, &st) != 0 ||
+        (st.st_size < static_cast<off_t>(kMapSize) && ftruncate(fd, kMapSize) != 0)) {
         close(fd);
         return;
     }
     void* m = mmap(nullptr, kMapSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
     if (m == MAP_FAILED) {
         wlog_log_f(WLOG_ERR, "wcfg", __LINE__, __func__, "cannot map %s\n", file.c_str());
+        close(fd);
         return;
     }
-    map_ = m;
+    if (fd_ >= 0)
+        close(fd_);
+    fd_ = fd;
+    dev_ = st.st_dev;
+    ino_ = st.st_ino;
+    maps_.push_back(m);
     // A zero-filled page holds a valid counter: 0, even.
-    word_ = static_cast<std::atomic<uint32_t>*>(m);
+    word_.store(static_cast<std::atomic<uint32_t>*>(m), std::memory_order_release);
+    shared_.store(true, std::memory_order_release);
+}
+
+bool Generation::replaced() const {
+    if (fd_ < 0)
+        return false;
+    struct stat mine, now;
+    return fstat(fd_, &mine) != 0 || mine.st_nlink == 0 || stat(file_.c_str(), &now) != 0 ||
+           now.st_dev != dev_ || now.st_ino != ino_;
+}
+
+void Generation::reopen() {
+    wlog_log_f(WLOG_NOTICE, "wcfg", __LINE__, __func__, "%s was replaced: mapping it again\n",
+               file_.c_str());
+    open(file_);
 }
 
 uint32_t Generation::beginWrite() {
-    uint32_t cur = word_->load(std::memory_order_relaxed);
+    std::atomic<uint32_t>* w = word_.load(std::memory_order_acquire);
+    uint32_t cur = w->load(std::memory_order_relaxed);
     uint32_t odd;
     do {
         odd = (cur | 1u) + ((cur & 1u) ? 2u : 0u);
-    } while (!word_->compare_exchange_weak(cur, odd, std::memory_order_acq_rel));
+    } while (!w->compare_exchange_weak(cur, odd, std::memory_order_acq_rel));
     return odd;
 }
 
 uint32_t Generation::endWrite(uint32_t odd) {
-    if (!map_)
+    if (!isShared())
         return 0;  // a private counter stays odd: readers always check
     uint32_t expected = odd;
-    return word_->compare_exchange_strong(expected, odd + 1, std::memory_order_acq_rel) ? odd + 1
-                                                                                        : 0;
+    return word_.load(std::memory_order_acquire)
+                   ->compare_exchange_strong(expected, odd + 1, std::memory_order_acq_rel)
+               ? odd + 1
+               : 0;
 }
 
 }  // namespace wcfg

@@ -11,9 +11,12 @@
 // database on every read until the next write, and nothing is missed.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace wcfg {
 
@@ -25,11 +28,19 @@ class Generation {
     Generation& operator=(const Generation&) = delete;
 
     // Maps the file (created when missing).  Without it the counter is
-    // private to this process and stays odd: every read checks the database.
+    // private to this process and stays odd: every read checks the database,
+    // and the store refuses to write (other processes would not see it).
     void open(const std::string& file);
-    bool isShared() const { return map_ != nullptr; }
+    bool isShared() const { return shared_.load(std::memory_order_acquire); }
+    // Whether the file was removed or replaced since it was mapped (someone
+    // cleaned the run directory): the counter that others bump is elsewhere.
+    bool replaced() const;
+    // Maps the file anew; the old mapping stays valid for readers still on it.
+    void reopen();
 
-    uint32_t load() const { return word_->load(std::memory_order_acquire); }
+    uint32_t load() const {
+        return word_.load(std::memory_order_acquire)->load(std::memory_order_acquire);
+    }
     // Marks a write in progress: returns the new odd value.
     uint32_t beginWrite();
     // Ends the write begun with `odd`, unless another writer has begun since;
@@ -37,9 +48,14 @@ class Generation {
     uint32_t endWrite(uint32_t odd);
 
   private:
-    void* map_ = nullptr;
+    std::string file_;
+    dev_t dev_ = 0;
+    ino_t ino_ = 0;
+    int fd_ = -1;
+    std::vector<void*> maps_;
+    std::atomic<bool> shared_{false};
     std::atomic<uint32_t> local_{1};
-    std::atomic<uint32_t>* word_ = &local_;
+    std::atomic<std::atomic<uint32_t>*> word_{&local_};
 };
 
 }  // namespace wcfg

@@ -30,6 +30,13 @@ const wdm::Object* parentTable(const wdm::Object& o) {
     return p;
 }
 
+// A clock that costs no system call, good to 10 ms or so.
+int64_t coarseMilliseconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 objIndex_t recordOf(uint64_t key, int depth) {
     objIndex_t iid{};
     iid.level = static_cast<uint8_t>(depth);
@@ -75,10 +82,15 @@ class Store::Write {
         if (!s_.open_ || !s_.writeDb_.beginWrite())
             return;
         begun_ = true;
-        uint32_t prev = s_.gen_.load();
-        odd_ = s_.gen_.beginWrite();
         {
             std::lock_guard<std::mutex> il(s_.imageMutex_);
+            s_.followGeneration();
+            // Without the shared counter no other process would learn of
+            // this write.
+            if (!s_.gen_.isShared())
+                return;
+            uint32_t prev = s_.gen_.load();
+            odd_ = s_.gen_.beginWrite();
             if (!(prev & 1) && s_.published_->label.load() == prev)
                 s_.acceptOdd_.store(odd_);
         }
@@ -87,8 +99,16 @@ class Store::Write {
     ~Write() {
         if (begun_ && !committed_) {
             s_.writeDb_.rollback();
-            s_.gen_.endWrite(odd_);
+            if (odd_)
+                s_.gen_.endWrite(odd_);
+            // The password store was replaced for a write that did not
+            // commit: make it the database's again, under its write lock.
+            if (s_.passwordsWritten_ && s_.writeDb_.beginWrite()) {
+                writePasswordStore(s_.writeDb_);
+                s_.writeDb_.rollback();
+            }
         }
+        s_.passwordsWritten_ = false;
         s_.acceptOdd_.store(0);
     }
     Write(const Write&) = delete;
@@ -105,7 +125,7 @@ class Store::Write {
         if (changed && !s_.writeDb_.bumpVersion(after))
             return false;
         if (!s_.writeDb_.commit())
-            return false;
+            return false;  // rolled back; the destructor repairs the password store
         committed_ = true;
         s_.writeDb_.releaseMemory();
         std::lock_guard<std::mutex> il(s_.imageMutex_);
@@ -193,12 +213,31 @@ struct Store::Local {
 
 const Image& Store::image() {
     static thread_local Local local;
+    // Now and then: is the counter file still the one that writers bump?
+    if (coarseMilliseconds() >= nextFileCheck_.load(std::memory_order_relaxed)) {
+        std::lock_guard<std::mutex> lock(imageMutex_);
+        followGeneration();
+    }
     uint32_t g = gen_.load();
     if (local.seq == publishSeq_.load(std::memory_order_acquire) &&
         (((g & 1) == 0 && local.img->label.load(std::memory_order_acquire) == g) ||
          ((g & 1) && g == acceptOdd_.load(std::memory_order_acquire))))
         return *local.img;
     return refresh(local);
+}
+
+// Maps the generation's file again when it was removed or replaced, and
+// then trusts the image no more until the database has confirmed it.  Called
+// with imageMutex_ held, at most every 100 ms.
+void Store::followGeneration() {
+    int64_t now = coarseMilliseconds();
+    if (now < nextFileCheck_.load(std::memory_order_relaxed))
+        return;
+    nextFileCheck_.store(now + 100, std::memory_order_relaxed);
+    if (!gen_.replaced())
+        return;
+    gen_.reopen();
+    published_->label.store(1);
 }
 
 // The slow way: the generation moved (or is odd), so the database says
@@ -367,7 +406,7 @@ int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
             return rc;
     if (!writeDb_.writeRow(o.id, key, rowToText(o, after)))
         return WCFG_INTERNAL_ERROR;
-    if (isAccountObject(o) && !writePasswordStore(writeDb_))
+    if (isAccountObject(o) && !writePasswords())
         return WCFG_INTERNAL_ERROR;
     out = std::move(after);
     return WCFG_SUCCESS;
@@ -527,7 +566,7 @@ int Store::del(int32_t oid, objIndex_t* iid) {
             return f == Db::Found::No ? WCFG_NO_SUCH_OBJECT : WCFG_INTERNAL_ERROR;
         if (!deleteSubtree(*o, *iid))
             return WCFG_INTERNAL_ERROR;
-        if (isAccountObject(*o) && !writePasswordStore(writeDb_))
+        if (isAccountObject(*o) && !writePasswords())
             return WCFG_INTERNAL_ERROR;
         if (!w.commit(true))
             return WCFG_INTERNAL_ERROR;
@@ -545,7 +584,7 @@ int Store::resetToDefaults() {
             return WCFG_INTERNAL_ERROR;
         if (int rc = seedDefaults())
             return rc;
-        if (!writePasswordStore(writeDb_) || !w.commit(true))
+        if (!writePasswords() || !w.commit(true))
             return WCFG_INTERNAL_ERROR;
         pending_.clear();
     }
@@ -602,7 +641,7 @@ void Store::seedIfEmpty() {
     bool empty = false;
     if (!w.ok() || !writeDb_.isEmpty(empty) || !empty)
         return;
-    if (seedDefaults() == WCFG_SUCCESS && writePasswordStore(writeDb_))
+    if (seedDefaults() == WCFG_SUCCESS && writePasswords())
         w.commit(true);
 }
 
@@ -617,8 +656,15 @@ void Store::repairPasswordStore() {
     if (same)
         return;
     Write w(*this);
-    if (w.ok() && writePasswordStore(writeDb_))
+    if (w.ok() && writePasswords())
         w.commit(false);
+}
+
+// Rewrites the password store inside the write that changed the accounts,
+// so that two processes replace it in the order of their commits.
+bool Store::writePasswords() {
+    passwordsWritten_ = true;
+    return writePasswordStore(writeDb_);
 }
 
 void Store::finish(const WriteMode& mode) {

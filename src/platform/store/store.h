@@ -70,6 +70,7 @@ class Store {
     const Image& refresh(Local& local);
     void publish(std::shared_ptr<const Image> img);
     Db& reader();
+    void followGeneration();
 
     int objectIndex(const wdm::Object& o) const;
     json_object* build(const Image& img, const wdm::Object& o, const objIndex_t& iid,
@@ -82,6 +83,7 @@ class Store {
     int seedDefaults();
     void seedIfEmpty();
     void repairPasswordStore();
+    bool writePasswords();
     void finish(const WriteMode& mode);
     void runApplyHooks();
 
@@ -93,6 +95,7 @@ class Store {
     std::mutex writeMutex_;
     Db writeDb_;
     std::vector<std::pair<int32_t, uint64_t>> pending_;
+    bool passwordsWritten_ = false;  // by the write in progress
     // The published image, its sequence number, and the connection that
     // checks and reloads it (see reader()); guarded by imageMutex_ (taken
     // after writeMutex_).
@@ -103,6 +106,9 @@ class Store {
     // The odd generation of this process's write in progress, while the
     // published image is still the current one: readers keep using it.
     std::atomic<uint32_t> acceptOdd_{0};
+    // When the generation's file is next checked for replacement (ms of the
+    // coarse monotonic clock).
+    std::atomic<int64_t> nextFileCheck_{0};
     // Per object: for each parameter, the child table it counts, or -1.
     std::vector<std::vector<int>> counted_;
     int devInfoIndex_ = -1, timeIndex_ = -1;
