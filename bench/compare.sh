@@ -87,12 +87,25 @@ ms() {
 }
 peak() { awk '/VmHWM/ {print $2}' /proc/$pid/status; }
 
-read -r d_rps d_p50 d_p99 < <(run "$api/$object" "$conns")
-read -r n_rps n_p50 n_p99 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
+# The two servers take turns, twice, so that a change in the machine's load
+# falls on both: req/s and p50 are the means of the two turns, p99 the worse.
+both() {
+    awk -v a="$1" -v b="$2" -v c="$3" -v d="$4" -v e="$5" -v f="$6" \
+        'BEGIN { printf "%.0f %.2f %.2f\n", (a + d) / 2, (b + e) / 2, (c > f ? c : f) }'
+}
+full=$secs
+secs=$(( full / 2 > 0 ? full / 2 : 1 ))
+read -r d1 < <(run "$api/$object" "$conns")
+read -r n1 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
+read -r d2 < <(run "$api/$object" "$conns")
+read -r n2 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
+read -r d_rps d_p50 d_p99 < <(both $d1 $d2)
+read -r n_rps n_p50 n_p99 < <(both $n1 $n2)
+secs=$full
 read -r t1_rps t1_p50 t1_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" 1)
 read -r t_rps t_p50 t_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" "$conns")
 
-echo "GET $object ($(wc -c < "$www/object.json") bytes), $conns keep-alive HTTPS connections, ${secs} s each"
+echo "GET $object ($(wc -c < "$www/object.json") bytes), $conns keep-alive HTTPS connections, ${secs} s each (two turns)"
 printf '  %-34s %10s %9s %9s\n' "" "req/s" "p50 ms" "p99 ms"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest" "$d_rps" "$d_p50" "$d_p99"
 printf '  %-34s %10s %9s %9s\n' "nginx (static file)" "$n_rps" "$n_p50" "$n_p99"
