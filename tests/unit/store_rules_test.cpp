@@ -56,6 +56,19 @@ std::string readFile(const std::string& file) {
     return s.str();
 }
 
+// `wcfgctl set` in another process, in this program's device root; its exit
+// status.
+int wcfgctlSet(const char* path, const char* json) {
+    pid_t child = fork();
+    if (child == 0) {
+        execl(WCFGCTL_BIN, "wcfgctl", "set", path, json, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 const char* const kSup = "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.";
 const char* const kAdmin = "Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.";
 const char* const kUser = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
@@ -141,15 +154,7 @@ TEST_F(StoreRules, SecretsOnlyThroughTheEditorAndNamesStayUnique) {
 TEST_F(StoreRules, WriteOfAnotherProcessIsSeenAtOnce) {
     const char* pm = "Device.NAT.PortMapping.1.";
     EXPECT_EQ("\"web\"", get(pm, "Description"));  // the image is loaded
-    pid_t child = fork();
-    if (child == 0) {
-        execl(WCFGCTL_BIN, "wcfgctl", "set", pm, R"({"Description": "from-wcfgctl"})",
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(0, WEXITSTATUS(status));
+    ASSERT_EQ(0, wcfgctlSet(pm, R"({"Description": "from-wcfgctl"})"));
     EXPECT_EQ("\"from-wcfgctl\"", get(pm, "Description"));
 }
 
@@ -268,15 +273,7 @@ TEST_F(StoreRules, ReplacedGenerationFileIsFollowed) {
     const char* pm = "Device.NAT.PortMapping.1.";
     EXPECT_EQ("\"web\"", get(pm, "Description"));
     ASSERT_EQ(0, unlink(platformPath("/var/run/wcfg/config.gen").c_str()));
-    pid_t child = fork();
-    if (child == 0) {
-        execl(WCFGCTL_BIN, "wcfgctl", "set", pm, R"({"Description": "after-cleanup"})",
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(0, WEXITSTATUS(status));
+    ASSERT_EQ(0, wcfgctlSet(pm, R"({"Description": "after-cleanup"})"));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_EQ("\"after-cleanup\"", get(pm, "Description"));
     // This process writes to the new file too: another reader would see it.
