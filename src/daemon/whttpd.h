@@ -34,8 +34,10 @@ struct WHttpdState {
     bool httpsEnabled = true;
     char* pidFilePath = nullptr;
     json_object* schema = nullptr;  // read-only after start-up
-    sqlite3* hostDb = nullptr;
-    int operationMode = 0;
+    // Set by the main thread after the server has started serving, read by
+    // request threads: published atomically.
+    std::atomic<sqlite3*> hostDb{nullptr};
+    std::atomic<int> operationMode{0};
     int maxLoginAccounts = 0;
     char privateKeyPath[64] = "";
     std::atomic<int> running{0};

@@ -7,6 +7,10 @@
 // paths reach the configuration service.
 const VxExtObjRow gVxExtObjTable[] = {
     {"Device.Hosts.", vxHostsGet, nullptr, nullptr, nullptr},
+    {"Device.X_OLVEX_Change_Icon_Name.i.", vxChangeIconNameGet, vxChangeIconNameSet,
+     vxChangeIconNameAdd, vxChangeIconNameDel},
+    {"Device.X_OLVEX_EXT.InternetBlocking.", vxInterBlockingGet, nullptr, nullptr, nullptr},
+    {"Device.X_OLVEX_EXT.InternetSpeed.", vxInternetSpeedGet, vxInternetSpeedSet, nullptr, nullptr},
     {"Device.X_OLVEX_EXT.SystemState.", vxSystemStateGet, nullptr, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };

@@ -27,8 +27,15 @@ extern const VxExtObjRow gVxExtObjTable[];
 // The row whose path equals `className` exactly, or -1.
 int vxExtObjFind(const char* className);
 
-// Handlers.
+// Handlers, by row.
 int vxHostsGet(const char* path, int row, json_object** out);
+int vxChangeIconNameGet(const char* path, int row, json_object** out);
+int vxChangeIconNameSet(const char* path, int row, json_object* values, uint8_t apply);
+int vxChangeIconNameAdd(char* path, int row, json_object* values);
+int vxChangeIconNameDel(const char* path, int row);
+int vxInterBlockingGet(const char* path, int row, json_object** out);
+int vxInternetSpeedGet(const char* path, int row, json_object** out);
+int vxInternetSpeedSet(const char* path, int row, json_object* values, uint8_t apply);
 int vxSystemStateGet(const char* path, int row, json_object** out);
 
 // Per-thread host-list state of the current request: the mark that the
