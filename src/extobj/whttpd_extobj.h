@@ -29,6 +29,10 @@ int vxExtObjFind(const char* className);
 
 // Handlers, by row.
 int vxHostsGet(const char* path, int row, json_object** out);
+int vxPcpScheduleGet(const char* path, int row, json_object** out);
+int vxPcpScheduleSet(const char* path, int row, json_object* values, uint8_t apply);
+int vxPcpScheduleAdd(char* path, int row, json_object* values);
+int vxPcpScheduleDel(const char* path, int row);
 int vxChangeIconNameGet(const char* path, int row, json_object** out);
 int vxChangeIconNameSet(const char* path, int row, json_object* values, uint8_t apply);
 int vxChangeIconNameAdd(char* path, int row, json_object* values);

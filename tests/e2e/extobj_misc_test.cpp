@@ -134,3 +134,52 @@ TEST_F(ExtObj, InternetSpeedIndexAndCopy) {
     EXPECT_NE(std::string::npos, r.body.find("\"UploadDiagnosticsNumberOfEntries\": 0"));
     EXPECT_NE(std::string::npos, r.body.find("\"Index\": 9"));
 }
+
+TEST_F(ExtObj, ScheduleViewOverTheFlatTable) {
+    start();
+    const std::string kids = "Device.X_OLVEX_ParentalControl.Profile.1.Schedule.";
+    const std::string guests = "Device.X_OLVEX_ParentalControl.Profile.2.Schedule.";
+    auto profileList = [&](int p) {
+        std::string out;
+        root.wcfgctl({"get", "Device.X_OLVEX_ParentalControl.Profile." + std::to_string(p) + "."},
+                     &out);
+        size_t at = out.find("\"ScheduleRuleList\":\"");
+        return at == std::string::npos ? std::string("?")
+                                       : out.substr(at + 20, out.find('"', at + 20) - at - 20);
+    };
+    Reply r = get(kids + "2.");
+    ASSERT_EQ("Success", operStatus(r)) << r.body;
+    // "Enable" is copied as text.
+    EXPECT_NE(std::string::npos, r.body.find("\"Enable\": \"true\"")) << r.body;
+    EXPECT_NE(std::string::npos, r.body.find("\"Days\": \"Sat,Sun\""));
+    EXPECT_NE(std::string::npos, r.body.find("\"TimeStartMin\": 30"));
+    EXPECT_EQ(2u, e2e::countOf(get(kids).body, "\"Name\": \"Kids\""));
+    // Positions count from 1 and end with the list.
+    EXPECT_EQ("Invalid object", operStatus(get(kids + "0.")));
+    EXPECT_EQ("Invalid object", operStatus(get(kids + "3.")));
+    // An empty list: nothing to read or write; the first add needs no comma.
+    EXPECT_EQ("Invalid object", operStatus(get(guests + "1.")));
+    EXPECT_EQ("Invalid object", operStatus(write("PUT", guests + "1.", R"({"TimeStopHour":7})")));
+    r = write("POST", guests,
+              R"({"Name":"mine","Enable":true,"Days":"Sat","TimeStartHour":8,"TimeStartMin":0,)"
+              R"("TimeStopHour":9,"TimeStopMin":30})");
+    ASSERT_EQ("Success", operStatus(r)) << r.body;
+    // The new schedule is named like the profile.
+    EXPECT_NE(std::string::npos, r.body.find("\"Name\": \"Guests\"")) << r.body;
+    EXPECT_NE(std::string::npos, r.body.find("\"Description\": \"ParentalControl\""));
+    EXPECT_EQ("X_OLVEX_Schedule.3", profileList(2));
+    EXPECT_EQ("Invalid parameter name", operStatus(write("POST", guests, "")));
+    // A set writes the schedule the position names.
+    EXPECT_EQ("Success", operStatus(write("PUT", kids + "2.", R"({"TimeStartHour":20})")));
+    std::string out;
+    root.wcfgctl({"get", "Device.X_OLVEX_Schedule.2."}, &out);
+    EXPECT_NE(std::string::npos, out.find("\"TimeStartHour\":20")) << out;
+    // A list naming one schedule twice loses both references on delete.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_ParentalControl.Profile.1.",
+                               R"({"ScheduleRuleList":"X_OLVEX_Schedule.1,X_OLVEX_Schedule.2,)"
+                               R"(X_OLVEX_Schedule.1"})"}));
+    EXPECT_EQ("Success", operStatus(write("DELETE", kids + "3.", "")));
+    EXPECT_EQ("X_OLVEX_Schedule.2", profileList(1));
+    EXPECT_NE(0, root.wcfgctl({"get", "Device.X_OLVEX_Schedule.1."}));
+    EXPECT_EQ("Invalid object", operStatus(write("DELETE", kids + "2.", "")));
+}
