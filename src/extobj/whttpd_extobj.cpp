@@ -7,6 +7,7 @@
 // paths reach the configuration service.
 const VxExtObjRow gVxExtObjTable[] = {
     {"Device.Hosts.", vxHostsGet, nullptr, nullptr, nullptr},
+    {"Device.DeviceInfo.WanInfo.", vxWanInfoGet, nullptr, nullptr, nullptr},
     {"Device.X_OLVEX_ParentalControl.Profile.i.Schedule.i.", vxPcpScheduleGet, vxPcpScheduleSet,
      vxPcpScheduleAdd, vxPcpScheduleDel},
     {"Device.X_OLVEX_Change_Icon_Name.i.", vxChangeIconNameGet, vxChangeIconNameSet,

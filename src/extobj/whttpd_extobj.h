@@ -29,6 +29,9 @@ int vxExtObjFind(const char* className);
 
 // Handlers, by row.
 int vxHostsGet(const char* path, int row, json_object** out);
+int vxWanInfoGet(const char* path, int row, json_object** out);
+// The ping test of a device that is no router: 1 when the internet answered.
+int vxExtenderConnStatusGet(void);
 int vxPcpScheduleGet(const char* path, int row, json_object** out);
 int vxPcpScheduleSet(const char* path, int row, json_object* values, uint8_t apply);
 int vxPcpScheduleAdd(char* path, int row, json_object* values);

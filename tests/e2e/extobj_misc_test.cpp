@@ -4,7 +4,10 @@
 // and operation mode, the test index and the copy of the chosen
 // configuration.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "client.h"
@@ -182,4 +185,93 @@ TEST_F(ExtObj, ScheduleViewOverTheFlatTable) {
     EXPECT_EQ("X_OLVEX_Schedule.2", profileList(1));
     EXPECT_NE(0, root.wcfgctl({"get", "Device.X_OLVEX_Schedule.1."}));
     EXPECT_EQ("Invalid object", operStatus(write("DELETE", kids + "2.", "")));
+}
+
+namespace {
+
+// Writes a file below the device root, replacing it whole.
+void writeRootFile(const DeviceRoot& root, const std::string& abs, const std::string& text) {
+    std::string tmp = root.path(abs) + ".tmp";
+    FILE* f = fopen(tmp.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+    ASSERT_EQ(0, rename(tmp.c_str(), root.path(abs).c_str()));
+}
+
+std::string member(const std::string& body, const std::string& key) {
+    size_t at = body.find("\"" + key + "\": ");
+    if (at == std::string::npos)
+        return "<absent>";
+    at += key.size() + 4;
+    size_t end = body.find_first_of(",}", at);
+    return body.substr(at, end - at - (body[end - 1] == ' ' ? 1 : 0));
+}
+
+}  // namespace
+
+TEST_F(ExtObj, WanInfoOfARouter) {
+    start();
+    const std::string wan = "Device.DeviceInfo.WanInfo.";
+    Reply r = get(wan);
+    ASSERT_EQ("Success", operStatus(r)) << r.body;
+    EXPECT_EQ("\"Enable\"", member(r.body, "Status")) << r.body;
+    EXPECT_EQ("\"gateway\"", member(r.body, "Mode"));
+    EXPECT_EQ("\"100.64.12.34\"", member(r.body, "IPAddress"));
+    EXPECT_EQ("\"02:10:18:3A:5C:01\"", member(r.body, "MAC"));
+    EXPECT_EQ("1000", member(r.body, "PhyRate"));
+    EXPECT_EQ("\"203.0.113.53\"", member(r.body, "DNSServer"));
+    EXPECT_EQ("23000", member(r.body, "RxRate"));
+    EXPECT_EQ("4100", member(r.body, "TxRate"));
+
+    // Disabled: the addresses come from the LAN bridge, through ifconfig.
+    writeRootFile(root, "/tmp/wan_info", "Enable 1.2.3.4 02:00:00:00:00:09\nDisable\n");
+    r = get(wan);
+    EXPECT_EQ("\"Disable\"", member(r.body, "Status")) << r.body;
+    EXPECT_EQ("\"192.168.1.1\"", member(r.body, "IPAddress"));
+    EXPECT_EQ("\"02:10:18:3A:5C:00\"", member(r.body, "MAC"));
+    writeRootFile(root, "/tmp/wan_info", "cable unplugged\n");
+    EXPECT_EQ("\"LinkDown\"", member(get(wan).body, "Status"));
+    // No status file: nothing of it (the schema completes the keys empty).
+    ASSERT_EQ(0, unlink(root.path("/tmp/wan_info").c_str()));
+    r = get(wan);
+    EXPECT_EQ("\"\"", member(r.body, "Status")) << r.body;
+    EXPECT_EQ("\"\"", member(r.body, "IPAddress"));
+    EXPECT_EQ("1000", member(r.body, "PhyRate"));
+
+    // A short bandwidth file: the missing rate reads 0.
+    writeRootFile(root, "/tmp/bwm_result", std::string("\x10\x27\0\0", 4));
+    r = get(wan);
+    EXPECT_EQ("10000", member(r.body, "RxRate")) << r.body;
+    EXPECT_EQ("0", member(r.body, "TxRate"));
+    // The physical rate: the current rate when the maximum is 0; none for a
+    // single gateway interface without a comma.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.Ethernet.Interface.5.",
+                               R"({"MaxBitRate":0,"X_OLVEX_DownstreamCurrRate":940})"}));
+    EXPECT_EQ("940", member(get(wan).body, "PhyRate"));
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.Routing.Router.1.",
+                               R"({"X_OLVEX_ActiveDefaultGateway":"IP.Interface.2"})"}));
+    EXPECT_EQ("0", member(get(wan).body, "PhyRate"));
+}
+
+TEST_F(ExtObj, WanInfoOfAnAccessPointPingsThroughTheService) {
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_OperationMode.", R"({"Mode":1})"}));
+    start();
+    const std::string wan = "Device.DeviceInfo.WanInfo.";
+    Reply r = get(wan);
+    EXPECT_EQ("\"Enable\"", member(r.body, "Status")) << r.body;
+    EXPECT_EQ("\"AccessPoint\"", member(r.body, "Mode"));
+    EXPECT_EQ("\"02:10:18:3A:5C:00\"", member(r.body, "MAC"));
+    EXPECT_EQ("\"192.168.1.1\"", member(r.body, "IPAddress"));
+    EXPECT_NE(std::string::npos, root.read("/var/diagResult").find("1 packets received"));
+    // The internet out of reach: three attempts, then "LinkDown".
+    ASSERT_EQ(0, system(("mkdir -p " + root.path("/etc/standin") + " && touch " +
+                         root.path("/etc/standin/internet_unreachable"))
+                            .c_str()));
+    r = get(wan);
+    EXPECT_EQ("\"LinkDown\"", member(r.body, "Status")) << r.body;
+    std::string out;
+    root.wcfgctl({"get", "Device.IP.Diagnostics.IPPing."}, &out);
+    EXPECT_NE(std::string::npos, out.find("\"DiagnosticsState\":\"Error_NoRouteToHost\"")) << out;
+    EXPECT_NE(std::string::npos, out.find("\"Host\":\"www.example.com\""));
 }
