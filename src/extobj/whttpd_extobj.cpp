@@ -12,6 +12,8 @@ const VxExtObjRow gVxExtObjTable[] = {
      vxPcpScheduleAdd, vxPcpScheduleDel},
     {"Device.X_OLVEX_Change_Icon_Name.i.", vxChangeIconNameGet, vxChangeIconNameSet,
      vxChangeIconNameAdd, vxChangeIconNameDel},
+    {"Device.WiFi.AccessPoint.i.WPS.", vxWifi_AP_WPS_Get, vxWifi_AP_WPS_Set, vxWifi_AP_WPS_Add,
+     vxWifi_AP_WPS_Del},
     {"Device.X_OLVEX_EXT.InternetBlocking.", vxInterBlockingGet, nullptr, nullptr, nullptr},
     {"Device.X_OLVEX_EXT.InternetSpeed.", vxInternetSpeedGet, vxInternetSpeedSet, nullptr, nullptr},
     {"Device.X_OLVEX_EXT.SystemState.", vxSystemStateGet, nullptr, nullptr, nullptr},

@@ -149,13 +149,17 @@ void wos_strlcpy(char* dst, const char* src, size_t size) {
     dst[n] = '\0';
 }
 
-void wos_sleep(unsigned sec) {
+long platformSecondMs() {
     static const long msPerSecond = [] {
         const char* v = getenv("WHTTPD_SECOND_MS");
         long ms = v ? atol(v) : 1000;
         return ms > 0 ? ms : 1000;
     }();
-    long total = static_cast<long>(sec) * msPerSecond;
+    return msPerSecond;
+}
+
+void wos_sleep(unsigned sec) {
+    long total = static_cast<long>(sec) * platformSecondMs();
     timespec ts{total / 1000, (total % 1000) * 1000000L};
     while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
     }

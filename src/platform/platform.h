@@ -38,6 +38,9 @@ void wos_pk(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Copies at most size-1 bytes of `src` (nullptr counts as "") and always
 // terminates `dst`; the copy is cut, never overrun.
 void wos_strlcpy(char* dst, const char* src, size_t size);
+// Milliseconds in a platform second (WHTTPD_SECOND_MS, default 1000): the
+// virtual router's waits and walk times are counted in platform seconds.
+long platformSecondMs();
 // Sleeps for `sec` platform seconds.  WHTTPD_SECOND_MS shortens a platform
 // second for tests (default 1000 ms).
 void wos_sleep(unsigned sec);

@@ -14,6 +14,7 @@
 #include "platform/json_util.h"
 #include "platform/platform.h"
 #include "platform/standins/provision.h"
+#include "platform/standins/knobs.h"
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
 #include "platform/bus/wcfg_msg.h"
@@ -34,6 +35,10 @@ const char* kUsage =
     "  notify                   send the data-model-changed notice to the daemon\n"
     "  requests [--clear]       list the requests and tool calls the platform received\n"
     "  mkimage FILE VERSION [MODEL]  write a firmware image for this device\n"
+    "  knob NAME [VALUE]        show or set a knob of the stand-in services (\"\" unsets):\n"
+    "                           wifi.wps.walk_seconds, wifi.wps.outcome (timeout|success|\n"
+    "                           error), wifi.wps.forced_status, wifi.wps.reply (normal|none|\n"
+    "                           kind1|error), wifi.wps.delay_ms, net.internet_reachable\n"
     "TARGET is a TR-181 path (Device.NAT.PortMapping.1.) or an object-id name with\n"
     "instance numbers (RDM_OID_VX_LOG_CFG_GP_ACCOUNT.2.1).\n";
 
@@ -262,6 +267,12 @@ int main(int argc, char** argv) {
     }
     if (cmd == "requests" && (argc == 2 || (argc == 3 && !strcmp(argv[2], "--clear"))))
         return cmdRequests(argc == 3);
+    if (cmd == "knob" && argc == 3) {
+        printf("%s\n", standin::knob(argv[2], "").c_str());
+        return 0;
+    }
+    if (cmd == "knob" && argc == 4)
+        return standin::setKnob(argv[2], argv[3]) ? 0 : fail("cannot write the knobs");
     if (cmd == "mkimage" && (argc == 4 || argc == 5))
         return cmdMkimage(argv[2], argv[3], argc == 5 ? argv[4] : nullptr);
     fputs(kUsage, stderr);

@@ -265,9 +265,7 @@ TEST_F(ExtObj, WanInfoOfAnAccessPointPingsThroughTheService) {
     EXPECT_EQ("\"192.168.1.1\"", member(r.body, "IPAddress"));
     EXPECT_NE(std::string::npos, root.read("/var/diagResult").find("1 packets received"));
     // The internet out of reach: three attempts, then "LinkDown".
-    ASSERT_EQ(0, system(("mkdir -p " + root.path("/etc/standin") + " && touch " +
-                         root.path("/etc/standin/internet_unreachable"))
-                            .c_str()));
+    ASSERT_EQ(0, root.wcfgctl({"knob", "net.internet_reachable", "false"}));
     r = get(wan);
     EXPECT_EQ("\"LinkDown\"", member(r.body, "Status")) << r.body;
     std::string out;

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/platform.h"
@@ -175,7 +176,12 @@ int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
         // Nobody serves the Wi-Fi endpoint: the platform's own stand-in answers.
         if (hdr->dstEid == WCFG_EID_WIFI) {
             *reply = standin::wifiServiceReply(msg.data(), len);
-            return *reply ? 0 : WCFG_TIMEOUT;
+            if (*reply)
+                return 0;
+            // No answer: the caller waits its time-out out, in platform time.
+            std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(timeoutMs) *
+                                                                  platformSecondMs() / 1000));
+            return WCFG_TIMEOUT;
         }
         return WCFG_INVALID_EID;
     }

@@ -9,6 +9,7 @@
 
 #include "platform/json_util.h"
 #include "platform/platform.h"
+#include "platform/standins/knobs.h"
 #include "platform/store/store.h"
 
 namespace standin {
@@ -27,12 +28,12 @@ bool requested(json_object* values) {
     return !strcmp(jsonString(values, "DiagnosticsState"), "Requested");
 }
 
-// A ping to the host: the virtual router never sends one; the knob file
-// "/etc/standin/internet_unreachable" makes it fail.
+// A ping to the host: the virtual router never sends one; the knob
+// "net.internet_reachable" ("false") makes it fail.
 void ipPing(const wdm::Object& o, const objIndex_t& iid, json_object* values) {
     if (!requested(values))
         return;
-    bool reachable = access(platformPath("/etc/standin/internet_unreachable").c_str(), F_OK) != 0;
+    bool reachable = knob("net.internet_reachable", "true") != "false";
     std::string file = platformPath("/var/diagResult");
     if (FILE* f = fopen(file.c_str(), "w")) {
         fprintf(f, "PING %s: 64 data bytes\n", jsonString(values, "Host"));

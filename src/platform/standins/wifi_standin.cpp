@@ -1,50 +1,85 @@
 // The platform's stand-in of the Wi-Fi service (bus endpoint 40): it answers
-// WPS requests when no other process serves the endpoint.
+// WPS requests when no other process serves the endpoint, with one WPS
+// session per interface.  Knobs (knobs.h):
+//   wifi.wps.walk_seconds   walk time of a session, platform seconds (120)
+//   wifi.wps.outcome        "timeout" (no enrollee came), "success", "error"
+//   wifi.wps.forced_status  any integer: every status answer is that value
+//   wifi.wps.reply          "normal", "none" (no reply: the caller times out),
+//                           "kind1" (success without payload), "error" (-5)
+//   wifi.wps.delay_ms       a delay before every reply
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 
-#include "platform/json_util.h"
-#include "platform/standins/standin.h"
 #include "platform/bus/wcfg_msg.h"
+#include "platform/json_util.h"
+#include "platform/platform.h"
+#include "platform/standins/knobs.h"
+#include "platform/standins/standin.h"
+#include "platform/store/wcfg.h"
 
 namespace standin {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 enum { kWpsStart = 4006, kWpsSet = 4015, kWpsStatus = 4012 };
 
 struct WpsSession {
-    bool running = false;
-    std::chrono::steady_clock::time_point started;
+    Clock::time_point started;
+    std::string outcome;
 };
 
 std::mutex gWpsMutex;
-std::map<std::string, WpsSession> gSessions;
+std::map<std::string, WpsSession> gSessions;  // by interface name
 
-int walkSeconds() {
-    const char* v = getenv("WHTTPD_WPS_WALK_SECONDS");
-    int s = v ? atoi(v) : 120;
-    return s > 0 ? s : 120;
+// The session of an interface; a shortened name (the daemon's status polls
+// use 7 characters) finds the interface it begins.
+const WpsSession* sessionOf(const std::string& ifName) {
+    auto it = gSessions.find(ifName);
+    if (it != gSessions.end())
+        return &it->second;
+    for (auto& [name, s] : gSessions)
+        if (!ifName.empty() && name.compare(0, ifName.size(), ifName) == 0)
+            return &s;
+    return nullptr;
 }
 
-// Status of the session on an interface: 1 while the walk time runs, then 4
-// (no enrollee came), 0 when no session was started.
+// 0 idle; 1 walk time running; on success 5 and 6 for its last two seconds,
+// then 2 (in a mode other than router 4, and the marker "/tmp/wps_success",
+// as the extender's WPS client reports it); 3 after an error; 4 when nobody
+// came.
 int wpsStatus(const std::string& ifName) {
-    auto it = gSessions.find(ifName);
-    if (it == gSessions.end() || !it->second.running) {
-        // A shortened name (the status poll) matches the interface it begins.
-        for (auto& [name, s] : gSessions)
-            if (s.running && name.compare(0, ifName.size(), ifName) == 0)
-                it = gSessions.find(name);
-        if (it == gSessions.end() || !it->second.running)
-            return 0;
+    const WpsSession* s = sessionOf(ifName);
+    if (!s)
+        return 0;
+    long second = platformSecondMs();
+    long walk = knobNumber("wifi.wps.walk_seconds", 120) * second;
+    long elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - s->started).count();
+    bool success = s->outcome == "success";
+    if (elapsed < walk) {
+        if (success && elapsed >= walk - second)
+            return 6;
+        if (success && elapsed >= walk - 2 * second)
+            return 5;
+        return 1;
     }
-    auto elapsed = std::chrono::steady_clock::now() - it->second.started;
-    return elapsed < std::chrono::seconds(walkSeconds()) ? 1 : 4;
+    if (s->outcome == "error")
+        return 3;
+    if (!success)
+        return 4;
+    if (wcfgFeDalGetOpertaionMode() == 0)
+        return 2;
+    if (FILE* f = fopen(platformPath("/tmp/wps_success").c_str(), "w"))
+        fclose(f);
+    return 4;
 }
 
 void* makeReply(const wcfgMsgHdr_t& req, int kind, const char* payload) {
@@ -63,6 +98,23 @@ void* makeReply(const wcfgMsgHdr_t& req, int kind, const char* payload) {
     return out;
 }
 
+void* statusReply(const wcfgMsgHdr_t& req, int status) {
+    std::string forced = knob("wifi.wps.forced_status", "");
+    if (!forced.empty())
+        status = atoi(forced.c_str());
+    char payload[64];
+    snprintf(payload, sizeof payload, "{\"WPSStatus\":%d}", status);
+    return makeReply(req, 0, payload);
+}
+
+void journalRequest(const wcfgMsgHdr_t& req, const std::string& ifName) {
+    JsonPtr entry(json_object_new_object());
+    json_object_object_add(entry.get(), "req", json_object_new_string("wps"));
+    json_object_object_add(entry.get(), "type", json_object_new_int(static_cast<int>(req.type)));
+    json_object_object_add(entry.get(), "if", json_object_new_string(ifName.c_str()));
+    journal(entry.get());
+}
+
 }  // namespace
 
 void* wifiServiceReply(const void* request, size_t length) {
@@ -70,24 +122,25 @@ void* wifiServiceReply(const void* request, size_t length) {
         return nullptr;
     const auto& req = *static_cast<const wcfgMsgHdr_t*>(request);
     std::string ifName(req.ifName, strnlen(req.ifName, sizeof req.ifName));
-    JsonPtr entry(json_object_new_object());
-    json_object_object_add(entry.get(), "req", json_object_new_string("wps"));
-    json_object_object_add(entry.get(), "type", json_object_new_int(static_cast<int>(req.type)));
-    json_object_object_add(entry.get(), "if", json_object_new_string(ifName.c_str()));
-    journal(entry.get());
-
+    journalRequest(req, ifName);
+    if (long delay = knobNumber("wifi.wps.delay_ms", 0); delay > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    std::string mode = knob("wifi.wps.reply", "normal");
+    if (mode == "none")
+        return nullptr;
+    if (mode == "kind1")
+        return makeReply(req, 1, nullptr);
+    if (mode == "error")
+        return makeReply(req, -5, nullptr);
     std::lock_guard<std::mutex> lock(gWpsMutex);
-    char payload[64];
     switch (req.type) {
         case kWpsStart:
-            gSessions[ifName] = WpsSession{true, std::chrono::steady_clock::now()};
-            snprintf(payload, sizeof payload, "{\"WPSStatus\":%d}", 1);
-            return makeReply(req, 0, payload);
+            gSessions[ifName] = WpsSession{Clock::now(), knob("wifi.wps.outcome", "timeout")};
+            return statusReply(req, 1);
         case kWpsSet:
             return makeReply(req, 1, nullptr);
         case kWpsStatus:
-            snprintf(payload, sizeof payload, "{\"WPSStatus\":%d}", wpsStatus(ifName));
-            return makeReply(req, 0, payload);
+            return statusReply(req, wpsStatus(ifName));
         default:
             return makeReply(req, -20, nullptr);
     }

@@ -1,0 +1,180 @@
+// WPS through the real daemon and the platform's Wi-Fi service: the push
+// button, every class of status, a service that never answers or answers
+// without a payload, the short interface name of the polls, the extender's
+// success marker, and other clients served while a WPS set waits.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "client.h"
+#include "harness.h"
+
+using e2e::Client;
+using e2e::Daemon;
+using e2e::DeviceRoot;
+using e2e::operStatus;
+using e2e::Reply;
+using e2e::Session;
+
+namespace {
+
+const std::string kWps = "TR181/Value/Device.WiFi.AccessPoint.1.WPS.";
+const char* const kPress = R"({"X_OlVEX_TriggerWPSPushButton":true})";
+
+class Wps : public ::testing::Test {
+  protected:
+    void start(int mode = 0) {
+        ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
+        if (mode) {
+            ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_OperationMode.",
+                                       "{\"Mode\":" + std::to_string(mode) + "}"}));
+        }
+        port = e2e::startDaemon(d, root);
+        ASSERT_NE(0, port) << d.out() << d.err();
+        ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
+    }
+    void TearDown() override {
+        if (port) {
+            EXPECT_EQ(0, d.stop());
+        }
+    }
+    void knob(const std::string& name, const std::string& value) {
+        ASSERT_EQ(0, root.wcfgctl({"knob", name, value}));
+    }
+    std::string press(const char* body = kPress) {
+        return operStatus(Client(port).write("PUT", kWps, body, s));
+    }
+    // "X_OLVEX_WPSRunningStatus" of a GET, or the GET's failure.
+    std::string running() {
+        Reply r = Client(port).request("GET", kWps, "", &s);
+        if (operStatus(r) != "Success")
+            return operStatus(r);
+        size_t at = r.body.find("\"X_OLVEX_WPSRunningStatus\": \"");
+        return at == std::string::npos
+                   ? "<absent>"
+                   : r.body.substr(at + 29, r.body.find('"', at + 29) - at - 29);
+    }
+    std::string journal() {
+        std::string out;
+        root.wcfgctl({"requests"}, &out);
+        return out;
+    }
+    DeviceRoot root;
+    Daemon d;
+    Session s;
+    int port = 0;
+};
+
+}  // namespace
+
+TEST_F(Wps, PushButtonRunsASessionToItsOutcome) {
+    start();
+    EXPECT_EQ("", running());             // nothing pressed yet: the stored status, empty
+    knob("wifi.wps.walk_seconds", "40");  // 400 ms of platform time
+    knob("wifi.wps.outcome", "success");
+    EXPECT_EQ("Success", press());
+    EXPECT_NE(std::string::npos, journal().find(R"("type":4006,"if":"wl0")"));
+    EXPECT_NE(std::string::npos, journal().find(R"("type":4012,"if":"wl0")"));
+    EXPECT_EQ("Requested", running());
+    e2e::sleepMs(500);
+    EXPECT_EQ("NoError, WPS ok!", running());
+    knob("wifi.wps.outcome", "timeout");
+    EXPECT_EQ("Success", press());
+    e2e::sleepMs(500);
+    EXPECT_EQ("WPS TIMEOUT!", running());
+    knob("wifi.wps.outcome", "error");
+    EXPECT_EQ("Success", press());
+    e2e::sleepMs(500);
+    EXPECT_EQ("Device Busy", running());
+    // Without the push button: the set request (4015), and the polls.
+    ASSERT_EQ(0, root.wcfgctl({"requests", "--clear"}));
+    EXPECT_EQ("Success", press(R"({"X_OlVEX_TriggerWPSPushButton":false})"));
+    EXPECT_NE(std::string::npos, journal().find(R"("type":4015)"));
+    EXPECT_NE(std::string::npos, journal().find(R"("type":4012)"));
+}
+
+TEST_F(Wps, EveryStatusClassReadsItsText) {
+    start();
+    EXPECT_EQ("Success", press());
+    const std::pair<const char*, const char*> cases[] = {
+        {"0", "DeviceException, wps not running!"},
+        {"1", "Requested"},
+        {"2", "NoError, WPS ok!"},
+        {"3", "Device Busy"},
+        {"4", "WPS TIMEOUT!"},
+        {"5", "Requested"},
+        {"6", "Requested"},
+        {"7", "Device Busy"},
+        {"-1", "DeviceBusy, no wps status reply!"}};
+    for (const auto& [status, text] : cases) {
+        knob("wifi.wps.forced_status", status);
+        EXPECT_EQ(text, running()) << status;
+    }
+    // In router mode the extender's marker changes nothing.
+    knob("wifi.wps.forced_status", "4");
+    ASSERT_EQ(0, system(("touch " + root.path("/tmp/wps_success")).c_str()));
+    EXPECT_EQ("WPS TIMEOUT!", running());
+    EXPECT_TRUE(root.exists("/tmp/wps_success"));
+}
+
+TEST_F(Wps, ExtenderReportsSuccessThroughTheMarker) {
+    start(2);
+    knob("wifi.wps.walk_seconds", "20");
+    knob("wifi.wps.outcome", "success");
+    EXPECT_EQ("Success", press());
+    e2e::sleepMs(300);
+    EXPECT_EQ("NoError, WPS ok!", running());
+    EXPECT_FALSE(root.exists("/tmp/wps_success"));
+}
+
+TEST_F(Wps, SilentServiceAndPayloadlessReplies) {
+    start();
+    EXPECT_EQ("Success", press());
+    // No reply at all: the set and the get wait out their time-outs.
+    knob("wifi.wps.reply", "none");
+    EXPECT_EQ("Invalid parameter value", press());
+    EXPECT_EQ("Invalid object", running());
+    EXPECT_TRUE(d.waitForOutput("wcfgMsgSendAndGetReply not Success"));
+    // Reply kind 1: success without a status; nothing is added.
+    knob("wifi.wps.reply", "kind1");
+    EXPECT_EQ("Success", press());
+    Reply r = Client(port).request("GET", kWps, "", &s);
+    EXPECT_NE(std::string::npos, r.body.find("\"X_OLVEX_WPSRunningStatus\": \"\"")) << r.body;
+}
+
+TEST_F(Wps, PollsUseTheFirstSevenCharactersOfTheInterface) {
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", R"({"Name":"wlan0-main"})"}));
+    start();
+    knob("wifi.wps.forced_status", "0");  // never "requested": all five polls run
+    EXPECT_EQ("Success", press());
+    std::string j = journal();
+    EXPECT_NE(std::string::npos, j.find(R"("type":4006,"if":"wlan0-main")")) << j;
+    EXPECT_EQ(5u, e2e::countOf(j, R"("type":4012,"if":"wlan0-m")")) << j;
+    EXPECT_EQ("DeviceException, wps not running!", running());
+    EXPECT_NE(std::string::npos, journal().find(R"("type":4012,"if":"wlan0-main")"));
+}
+
+// A set waits for the Wi-Fi service and its polls; other clients log in and
+// read meanwhile.
+TEST_F(Wps, OtherClientsAreServedWhileASetWaits) {
+    start();
+    knob("wifi.wps.forced_status", "0");
+    knob("wifi.wps.delay_ms", "600");  // six requests: about four seconds
+    std::atomic<bool> done{false};
+    std::string result;
+    std::thread setter([&] {
+        result = press();
+        done = true;
+    });
+    e2e::sleepMs(300);
+    Session other;
+    Client c(port);
+    EXPECT_EQ(200, c.login("user", "user1234", &other).status);
+    EXPECT_EQ("Success",
+              operStatus(c.request("GET", "TR181/Value/Device.DeviceInfo.", "", &other)));
+    EXPECT_FALSE(done.load()) << "the set was expected to be still waiting";
+    setter.join();
+    EXPECT_EQ("Success", result);
+}
