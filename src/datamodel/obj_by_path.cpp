@@ -20,6 +20,12 @@ bool creatable(json_object* node) {
            !strcmp(wHttpSchemaNodeKind(node), "index_object");
 }
 
+bool isEmptyMarker(json_object* obj) {
+    json_object* v = nullptr;
+    return json_object_object_length(obj) == 1 &&
+           json_object_object_get_ex(obj, "_EmptyInstance", &v) && json_object_get_boolean(v);
+}
+
 // Whether snprintf's result fitted its buffer.
 template <size_t N>
 bool fits(int written, const char (&)[N]) {
@@ -90,9 +96,15 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
     }
     if (!obj)
         obj = json_object_new_object();
-    json_object_object_add(obj, "Cyber_Security_FSC", json_object_new_boolean(0));
-    wHttpSchemaTrimAnswer(node, obj);
-    wHttpSchemaCompleteAnswer(node, obj);
+    // An extended object's empty-instance marker stands as it is, like the
+    // marker of a gap: trimming would take its only key away, and it has no
+    // sub-objects.
+    bool marker = isEmptyMarker(obj);
+    if (!marker) {
+        json_object_object_add(obj, "Cyber_Security_FSC", json_object_new_boolean(0));
+        wHttpSchemaTrimAnswer(node, obj);
+        wHttpSchemaCompleteAnswer(node, obj);
+    }
     if (top)
         *answer = obj;
     else if (!isIndexObj)
@@ -100,7 +112,7 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
     else
         json_object_array_add(*answer, obj);
 
-    if (firstLevelOnly)
+    if (firstLevelOnly || marker)
         return ret;
     json_object_object_foreach(node, key, child) {
         if (key[0] == '_')

@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "daemon/whttpd.h"
+#include "extobj/whttpd_extobj.h"
+#include "platform/json_util.h"
 
 namespace {
 
@@ -41,4 +43,66 @@ std::string vxDevscoutNodeChannel(const std::string& alMac, const char* band) {
     const char* sql = strcmp(band, "24G") == 0 ? "SELECT Channel_24G FROM DevFunc WHERE [ALMac]=?;"
                                                : "SELECT Channel_5G FROM DevFunc WHERE [ALMac]=?;";
     return firstValue(sql, alMac, "0");
+}
+
+void vxDevscoutLoadDevices(void) {
+    if (vxHostsTable().cells)
+        return;
+    sqlite3* db = gWhttpd.hostDb.load();
+    WLOG(WLOG_DEBUG, "whttpd_extobj.c", "%s() Original DevsctDatabaseHostListNum=%d\n", __func__,
+         vxHostsTable().rows);
+    if (!db)
+        return;
+    char** table = nullptr;
+    int rows = 0, columns = 0;
+    for (int attempt = 0;; ++attempt) {
+        char* err = nullptr;
+        if (sqlite3_get_table(db, "SELECT * FROM Device;", &table, &rows, &columns, &err) ==
+            SQLITE_OK)
+            break;
+        WLOG(WLOG_ERR, "whttpd_extobj.c", "%s(): error: %s!\n", __func__, err ? err : "?");
+        bool locked = err && strstr(err, "database is locked");
+        sqlite3_free(err);
+        table = nullptr;
+        rows = columns = 0;
+        if (!locked || attempt == 3)
+            return;
+        wos_sleep(1);
+    }
+    vxHostsKeepTable(table, rows, columns);
+    WLOG(WLOG_DEBUG, "whttpd_extobj.c", "%s() DevsctDatabaseHostListNum=%d\n", __func__, rows);
+}
+
+std::string vxDevscoutColumn(int row, int column, const char* fallback) {
+    VxHostTable t = vxHostsTable();
+    if (!t.cells || row < 1 || row > t.rows || column < 0 || column >= t.columns)
+        return fallback;
+    const char* cell = t.at(row, column);
+    if (!cell || !*cell || (column == 11 && !strcmp(cell, "0")))
+        return fallback;
+    if (column != 17)
+        return cell;
+    JsonPtr node(json_tokener_parse(cell));
+    json_object* v = nullptr;
+    if (!strcmp(fallback, "2")) {
+        if (!json_object_object_get_ex(node.get(), "NewfirmwareUpgradeState", &v))
+            return fallback;
+        return std::to_string(json_object_get_int(v));
+    }
+    if (!json_object_object_get_ex(node.get(), "FirmwareVersion", &v))
+        return fallback;
+    return std::string(json_object_get_string(v)).substr(0, 3);
+}
+
+bool vxDevscoutIsNode(int row) {
+    return vxDevscoutColumn(row, 0, "") == "L2Device";
+}
+
+std::string vxDevscoutChannel(int row, const char* band) {
+    if (vxDevscoutIsNode(row))
+        return vxDevscoutNodeChannel(vxDevscoutColumn(row, 3, ""), band);
+    std::string want = strcmp(band, "24G") == 0 ? "1" : "2";
+    if (vxDevscoutColumn(row, 27, "0") != want)
+        return "0";
+    return vxDevscoutColumn(row, 26, "0");
 }

@@ -9,6 +9,7 @@ namespace {
 thread_local int tRefreshed = 0;
 thread_local char** tHostTable = nullptr;
 thread_local int tHostRows = 0;
+thread_local int tHostColumns = 0;
 
 }  // namespace
 
@@ -30,4 +31,16 @@ void vxHostsReleaseTable(void) {
         tHostTable = nullptr;
     }
     tHostRows = 0;
+    tHostColumns = 0;
+}
+
+VxHostTable vxHostsTable(void) {
+    return {tHostTable, tHostRows, tHostColumns};
+}
+
+void vxHostsKeepTable(char** table, int rows, int columns) {
+    vxHostsReleaseTable();
+    tHostTable = table;
+    tHostRows = rows;
+    tHostColumns = columns;
 }

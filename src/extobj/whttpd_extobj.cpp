@@ -2,11 +2,11 @@
 
 #include <cstring>
 
-// Rows are matched by exact class name, first row first.  Handlers of the
-// other extended objects join the table as they are built; until then their
-// paths reach the configuration service.
+// Rows are matched by exact class name, first row first; an empty slot
+// refuses its operation.
 const VxExtObjRow gVxExtObjTable[] = {
     {"Device.Hosts.", vxHostsGet, nullptr, nullptr, nullptr},
+    {"Device.Hosts.Host.i.", vxHostsHostGet, nullptr, nullptr, nullptr},
     {"Device.DeviceInfo.WanInfo.", vxWanInfoGet, nullptr, nullptr, nullptr},
     {"Device.X_OLVEX_ParentalControl.Profile.i.Schedule.i.", vxPcpScheduleGet, vxPcpScheduleSet,
      vxPcpScheduleAdd, vxPcpScheduleDel},

@@ -29,6 +29,7 @@ int vxExtObjFind(const char* className);
 
 // Handlers, by row.
 int vxHostsGet(const char* path, int row, json_object** out);
+int vxHostsHostGet(const char* path, int row, json_object** out);
 int vxWanInfoGet(const char* path, int row, json_object** out);
 // The ping test of a device that is no router: 1 when the internet answered.
 int vxExtenderConnStatusGet(void);
@@ -55,3 +56,17 @@ int vxHostsRefreshedMark(void);
 void vxHostsSetRefreshedMark(void);
 void vxHostsClearRefreshedMark(void);
 void vxHostsReleaseTable(void);
+
+// The host-probe Device table this thread loaded for the current request:
+// the result grid of sqlite3_get_table (row 0 the column names, data rows 1 to
+// `rows`), nullptr when none is loaded.
+struct VxHostTable {
+    char** cells;
+    int rows;
+    int columns;
+    const char* at(int row, int column) const { return cells[row * columns + column]; }
+};
+VxHostTable vxHostsTable(void);
+// Keeps a loaded table for the rest of the request (released by
+// vxHostsReleaseTable).
+void vxHostsKeepTable(char** table, int rows, int columns);

@@ -491,7 +491,9 @@ int Store::add(int32_t oid, objIndex_t* iid, json_object* values, const WriteMod
         return WCFG_INVALID_OBJECT;
     if (!iid)
         return WCFG_INVALID_ARGUMENTS;
-    if (!o->table || !o->create)
+    // Tables without "create" grow only by the device's own writes (their
+    // services, wcfgctl), never by a client's.
+    if (!o->table || (!o->create && !mode.readOnly))
         return WCFG_INS_CREATE_ERR;
     if (iid->level != o->depth)
         return WCFG_NOT_INSTANCE;
