@@ -38,7 +38,8 @@ const char* kUsage =
     "  knob NAME [VALUE]        show or set a knob of the stand-in services (\"\" unsets):\n"
     "                           wifi.wps.walk_seconds, wifi.wps.outcome (timeout|success|\n"
     "                           error), wifi.wps.forced_status, wifi.wps.reply (normal|none|\n"
-    "                           kind1|error), wifi.wps.delay_ms, net.internet_reachable\n"
+    "                           kind1|error), wifi.wps.delay_ms, net.internet_reachable,\n"
+    "                           bwm.frozen\n"
     "TARGET is a TR-181 path (Device.NAT.PortMapping.1.) or an object-id name with\n"
     "instance numbers (RDM_OID_VX_LOG_CFG_GP_ACCOUNT.2.1).\n";
 
@@ -173,7 +174,7 @@ int cmdDel(const std::string& target) {
     int32_t oid = resolve(target, iid, false);
     if (oid < 0)
         return fail("no such object");
-    int rc = wcfg::Store::instance().del(oid, &iid);
+    int rc = wcfg::Store::instance().del(oid, &iid, adminWrite());
     return rc ? fail("delete failed", rc) : 0;
 }
 

@@ -169,8 +169,8 @@ TEST_F(AccountRules, AdminChangesItsOwnAndLowerGroupsOnly) {
     ASSERT_EQ("Success", operStatus(r));
     EXPECT_NE(std::string::npos, r.body.find("\"Username\": \"kid\""));
     EXPECT_EQ(401, Client(port).login("kid", "").status);
-    EXPECT_EQ(kRefused, put(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.5.",
-                            R"({"Username":"kid2"})"));
+    EXPECT_EQ(kRefused,
+              put(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.5.", R"({"Username":"kid2"})"));
     EXPECT_EQ("Success", del(admin, "Device.X_OLVEX_LoginCfg.LogGp.3.Account.5."));
     EXPECT_EQ(kRefused, post(admin, "Device.X_OLVEX_LoginCfg.LogGp.1.Account.", "{}"));
 

@@ -211,6 +211,7 @@ std::string member(const std::string& body, const std::string& key) {
 }  // namespace
 
 TEST_F(ExtObj, WanInfoOfARouter) {
+    ASSERT_EQ(0, root.wcfgctl({"knob", "bwm.frozen", "true"}));
     start();
     const std::string wan = "Device.DeviceInfo.WanInfo.";
     Reply r = get(wan);

@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -189,7 +190,12 @@ TEST_F(Hosts, DatabaseOfTheWrongShapeFailsEveryHost) {
 TEST_F(Hosts, AnAccessPointFiltersItsGatewayAndNamesNamelessHosts) {
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.Routing.Router.1.IPv4Forwarding.1.",
                                R"({"GatewayIPAddress":"192.168.1.40"})"}));
-    ASSERT_EQ(0, root.wcfgctl({"set", "Device.Hosts.Host.1.", R"({"HostName":""})"}));
+    // A host no source names (the refresh fills names from the leases and
+    // the probe database).
+    ASSERT_EQ(0,
+              root.wcfgctl({"add", "Device.Hosts.Host.",
+                            R"({"PhysAddress":"02:AA:00:00:00:09","HostName":"",)"
+                            R"("InterfaceType":"Ethernet","X_OLVEX_ConnectionType":"Ethernet"})"}));
     start(1);
     // The gateway: band and channels, nothing from the database or the lease.
     Doc gw(get(kHost + "4.").body);
@@ -199,8 +205,56 @@ TEST_F(Hosts, AnAccessPointFiltersItsGatewayAndNamesNamelessHosts) {
     EXPECT_EQ("", field(gw.object(), "X_OLVEX_RSSI_STAT"));
     EXPECT_EQ("0", field(gw.object(), "X_OLVEX_DHCPLeaseTime"));
     // A nameless host is named by its MAC; "*" still reads "Unknown".
-    Doc named(get(kHost + "1.").body);
-    EXPECT_EQ("02:AA:00:00:00:01", field(named.object(), "HostName"));
+    Doc named(get(kHost + "7.").body);
+    EXPECT_EQ("02:AA:00:00:00:09", field(named.object(), "HostName"));
     Doc star(get(kHost + "5.").body);
     EXPECT_EQ("Unknown", field(star.object(), "HostName"));
+}
+
+// The service rebuilds its host table on a read: devices the probe database
+// or the Wi-Fi service's station table report join it; hosts no source
+// mentions any more stay, inactive.
+TEST_F(Hosts, TheTableFollowsTheDatabaseAndTheStations) {
+    start();
+    sql(root,
+        "INSERT INTO Device VALUES('EndDevice','console','192.168.1.60','',"
+        "'02:AA:00:00:00:0A','','','','','Ethernet','02:10:18:3A:5C:00','1','1','1','1',"
+        "'0','1000','','1','0','0','0','0','0','','','0','0','');");
+    ASSERT_EQ(0, root.wcfgctl({"add", "Device.WiFi.AccessPoint.2.AssociatedDevice.",
+                               R"({"MACAddress":"02:AA:00:00:00:0B","SignalStrength":-66})"}));
+    EXPECT_NE(std::string::npos,
+              root.read("/tmp/assoc_list.5g").find("02:AA:00:00:00:0B  0000000000  -66"));
+    Doc d(get(kHost).body);
+    ASSERT_EQ(8u, json_object_array_length(d.object()));
+    json_object* console = json_object_array_get_idx(d.object(), 6);
+    EXPECT_EQ("02:AA:00:00:00:0A", field(console, "PhysAddress"));
+    EXPECT_EQ("console", field(console, "HostName"));
+    EXPECT_EQ("192.168.1.60", field(console, "IPAddress"));
+    json_object* station = json_object_array_get_idx(d.object(), 7);
+    EXPECT_EQ("02:AA:00:00:00:0B", field(station, "PhysAddress"));
+    EXPECT_EQ("Wi-Fi 5GHz", field(station, "X_OLVEX_ConnectionType"));
+    EXPECT_EQ("-66", field(station, "X_OLVEX_RSSI"));
+    EXPECT_EQ("2", field(station, "X_OLVEX_Band"));
+    // The console goes away: its host stays, inactive.
+    sql(root, "DELETE FROM Device WHERE IntfMac='02:AA:00:00:00:0A';");
+    Doc later(get(kHost + "7.").body);
+    EXPECT_EQ("false", field(later.object(), "Active"));
+    EXPECT_EQ("console", field(later.object(), "HostName"));
+    // The station leaves: the service writes its list anew.
+    ASSERT_EQ(0, root.wcfgctl({"del", "Device.WiFi.AccessPoint.2.AssociatedDevice.2."}));
+    EXPECT_EQ(std::string::npos, root.read("/tmp/assoc_list.5g").find("02:AA:00:00:00:0B"));
+    EXPECT_NE(std::string::npos, root.read("/tmp/assoc_list.5g").find("06:10:18:3A:6D:03"));
+}
+
+// The bandwidth monitor rewrites its file every 5 platform seconds, unless
+// frozen.
+TEST_F(Hosts, BandwidthMonitorMovesTheRates) {
+    start();
+    e2e::sleepMs(300);  // 30 platform seconds
+    std::string rates = root.read("/tmp/bwm_result");
+    ASSERT_EQ(8u, rates.size());
+    int32_t rx = 0;
+    memcpy(&rx, rates.data(), 4);
+    EXPECT_GE(rx, 23000 - 1150);
+    EXPECT_LE(rx, 23000 + 1150);
 }

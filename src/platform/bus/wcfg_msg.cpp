@@ -84,6 +84,9 @@ int wcfg_msg_serverInit(void) {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf, sizeof buf);
     gWakeFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     gServerFd = fd;
+    // The process that serves the bus also runs the stand-in services that
+    // work by themselves.
+    standin::startServices();
     return 0;
 }
 

@@ -10,6 +10,7 @@
 #include "platform/json_util.h"
 #include "platform/platform.h"
 #include "platform/standins/knobs.h"
+#include "platform/standins/standin.h"
 #include "platform/store/store.h"
 
 namespace standin {
@@ -87,6 +88,64 @@ void operationMode(const wdm::Object&, const objIndex_t&, json_object* values) {
         writeResults(*repeater, objIndex_t{}, res.get());
 }
 
+// The band ("24g" or "5g") of an access point, through its SSID's radio.
+std::string apBand(const objIndex_t& ap) {
+    const wdm::Model& m = wdm::model();
+    objIndex_t iid{};
+    iid.level = 1;
+    iid.idx[0] = ap.idx[0];
+    json_object* obj = nullptr;
+    if (wcfgFeObjJsonGetWithoutUpdate(m.idOf("RDM_OID_WIFI_ACCESS_POINT"), &iid, &obj) != 0)
+        return "";
+    JsonPtr owned(obj);
+    int n = 0;
+    if (sscanf(jsonString(obj, "SSIDReference"), "WiFi.SSID.%d", &n) != 1 || n < 1 || n > 255)
+        return "";
+    iid.idx[0] = static_cast<uint8_t>(n);
+    JsonPtr ssid;
+    if (wcfgFeObjJsonGetWithoutUpdate(m.idOf("RDM_OID_WIFI_SSID"), &iid, &obj) != 0)
+        return "";
+    ssid.reset(obj);
+    objIndex_t radio{};
+    int32_t oid = wcfgFeObjNameToObjId(jsonString(ssid.get(), "LowerLayers"), &radio);
+    if (oid < 0 || wcfgFeObjJsonGetWithoutUpdate(oid, &radio, &obj) != 0)
+        return "";
+    JsonPtr ownedRadio(obj);
+    return strcmp(jsonString(obj, "OperatingFrequencyBand"), "5GHz") ? "24g" : "5g";
+}
+
+// The Wi-Fi service's association lists, from its station table: one line
+// per associated station of the access points of each band.
+void stations(const wdm::Object& o, const objIndex_t&, json_object*) {
+    std::string text[2];
+    objIndex_t iid{};
+    json_object* sta = nullptr;
+    while (wcfgFeObjJsonGetNextWithoutUpdate(o.id, &iid, &sta) == WCFG_SUCCESS) {
+        JsonPtr owned(sta);
+        json_object* active = nullptr;
+        if (json_object_object_get_ex(sta, "Active", &active) && !json_object_get_boolean(active))
+            continue;
+        std::string band = apBand(iid);
+        if (band.empty())
+            continue;
+        json_object* rssi = nullptr;
+        json_object_object_get_ex(sta, "SignalStrength", &rssi);
+        char line[64];
+        snprintf(line, sizeof line, "%s  %010d  %d \n", jsonString(sta, "MACAddress"), 0,
+                 rssi ? json_object_get_int(rssi) : 0);
+        text[band == "5g"] += line;
+    }
+    const char* files[2] = {"/tmp/assoc_list.24g", "/tmp/assoc_list.5g"};
+    for (int i = 0; i < 2; ++i) {
+        std::string file = platformPath(files[i]), tmp = file + ".tmp";
+        if (FILE* f = fopen(tmp.c_str(), "w")) {
+            fputs(text[i].c_str(), f);
+            if (fclose(f) == 0)
+                rename(tmp.c_str(), file.c_str());
+        }
+    }
+}
+
 struct HookRow {
     const char* rdm;
     ApplyHook hook;
@@ -97,9 +156,14 @@ const HookRow kHooks[] = {
     {"RDM_OID_IP_DIAG_DL_DIAG", download},
     {"RDM_OID_IP_DIAG_UL_DIAG", upload},
     {"RDM_OID_OPERATION_MODE", operationMode},
+    {"RDM_OID_WIFI_ACCESS_POINT_ASSOC_DEV", stations},
 };
 
 }  // namespace
+
+RefreshHook refreshHookFor(const wdm::Object& o) {
+    return o.rdm == "RDM_OID_HOSTS" ? refreshHosts : nullptr;
+}
 
 ApplyHook applyHookFor(const wdm::Object& o) {
     for (const HookRow& r : kHooks)

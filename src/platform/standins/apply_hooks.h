@@ -1,5 +1,6 @@
 // What the device's services do when the configuration service applies a
-// changed object: the stand-ins' behaviours, one row per object.
+// changed object, or before it answers a read with update: the stand-ins'
+// behaviours, one row per object.
 #pragma once
 
 #include <json-c/json.h>
@@ -14,5 +15,10 @@ using ApplyHook = void (*)(const wdm::Object& o, const objIndex_t& iid, json_obj
 
 // The hook of an object, or nullptr.
 ApplyHook applyHookFor(const wdm::Object& o);
+
+// Runs before a read "with update" of an object: the service refreshes what
+// the object shows (the host table is rebuilt).
+using RefreshHook = void (*)();
+RefreshHook refreshHookFor(const wdm::Object& o);
 
 }  // namespace standin

@@ -26,6 +26,14 @@ int checkImage(const std::string& file, std::string* version);
 // returns a newly allocated reply (free()) or nullptr.
 void* wifiServiceReply(const void* request, size_t length);
 
+// Starts the stand-in services that run by themselves (the bandwidth
+// monitor), once per process.
+void startServices();
+
+// Rebuilds the host table from the leases, the association lists and the
+// host-probe database (a read of Device.Hosts. with update runs it).
+void refreshHosts();
+
 // Runs a stand-in shell tool when argv[0] names one (vxslctl, vx1905App,
 // killall, ifconfig); returns its exit status, or -1 when argv[0] is none.
 int runTool(int argc, char** argv);

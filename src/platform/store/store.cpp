@@ -179,6 +179,7 @@ Store::Store() {
             }
             counted_[i].push_back(child);
         }
+        refreshHooks_.push_back(standin::refreshHookFor(o));
         if (o.rdm == "RDM_OID_DEV_INFO")
             devInfoIndex_ = static_cast<int>(i);
         else if (o.rdm == "RDM_OID_TIME")
@@ -310,8 +311,10 @@ int Store::get(int32_t oid, objIndex_t* iid, json_object** out, bool update) {
         return WCFG_NOT_INSTANCE;
     if (!open_)
         return WCFG_INTERNAL_ERROR;
-    const Image& img = image();
     int index = objectIndex(*o);
+    if (update && refreshHooks_[index])
+        refreshHooks_[index]();
+    const Image& img = image();
     uint64_t key = keyOf(*iid, o->depth);
     if (const Row* row = img.find(index, key)) {
         *out = build(img, *o, *iid, *row, update);
@@ -545,7 +548,7 @@ bool Store::deleteSubtree(const wdm::Object& o, const objIndex_t& iid) {
     return true;
 }
 
-int Store::del(int32_t oid, objIndex_t* iid) {
+int Store::del(int32_t oid, objIndex_t* iid, const WriteMode& mode) {
     const wdm::Object* o = wdm::model().byId(oid);
     if (!o || o->isVirtual)
         return WCFG_INVALID_OBJECT;
@@ -553,7 +556,7 @@ int Store::del(int32_t oid, objIndex_t* iid) {
         return WCFG_INVALID_ARGUMENTS;
     if (!o->table)
         return WCFG_INS_CREATE_ERR;
-    if (!o->create)
+    if (!o->create && !mode.readOnly)
         return WCFG_DELETE_REJECT;
     if (iid->level != o->depth)
         return WCFG_NOT_INSTANCE;
@@ -572,6 +575,12 @@ int Store::del(int32_t oid, objIndex_t* iid) {
             return WCFG_INTERNAL_ERROR;
         if (!w.commit(true))
             return WCFG_INTERNAL_ERROR;
+    }
+    // The services learn of the instance that went away (a station list is
+    // written anew, ...).
+    if (standin::ApplyHook hook = standin::applyHookFor(*o)) {
+        WcfgCallerScope device(WCFG_CALLER_DEVICE);
+        hook(*o, *iid, nullptr);
     }
     WriteMode notifyOnly;
     notifyOnly.notify = true;

@@ -52,9 +52,12 @@ class Store {
     // Partial write of one instance; the caller's rights are checked first.
     int set(int32_t oid, objIndex_t* iid, json_object* values, const WriteMode& mode);
     // Adds an instance (with `values`, if given, in the same transaction); the
-    // new number is written at position `level`.
+    // new number is written at position `level`.  Tables without "create"
+    // grow only by the device's own writes (mode.readOnly).
     int add(int32_t oid, objIndex_t* iid, json_object* values, const WriteMode& mode);
-    int del(int32_t oid, objIndex_t* iid);
+    // Deletes an instance; tables without "create" only by the device's own
+    // writes (mode.readOnly).
+    int del(int32_t oid, objIndex_t* iid, const WriteMode& mode = WriteMode{});
     // Replaces the whole configuration with the defaults.
     int resetToDefaults();
     // The version of the configuration this thread reads: it changes with
@@ -112,6 +115,8 @@ class Store {
     // Per object: for each parameter, the child table it counts, or -1.
     std::vector<std::vector<int>> counted_;
     int devInfoIndex_ = -1, timeIndex_ = -1;
+    // Per object: what a read with update runs first, or nullptr.
+    std::vector<void (*)()> refreshHooks_;
 };
 
 // Sends the data-model-changed notice to every registered bus endpoint.
