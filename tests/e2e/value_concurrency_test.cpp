@@ -144,3 +144,65 @@ TEST(ValueConcurrent, WcfgctlWritesBesideDaemonReads) {
     EXPECT_EQ(0, d.stop());
     EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
 }
+
+// The extended objects from many clients at once: host lists (their refresh,
+// the shared host-probe database, per-thread tables), WAN information, WPS,
+// the speed test's index, icon names and schedules, beside the bandwidth
+// monitor.  Under ThreadSanitizer this finds races in their shared state.
+TEST(ValueConcurrent, ExtendedObjectsFromManyClients) {
+    DeviceRoot root;
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
+    ASSERT_EQ(0, root.wcfgctl({"knob", "wifi.wps.walk_seconds", "5"}));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    std::atomic<int> unexpected{0};
+    const char* const reads[] = {"Device.Hosts.?first_level_only=false",
+                                 "Device.Hosts.Host.2.",
+                                 "Device.DeviceInfo.WanInfo.",
+                                 "Device.WiFi.AccessPoint.1.WPS.",
+                                 "Device.X_OLVEX_EXT.InternetSpeed.",
+                                 "Device.X_OLVEX_ParentalControl.Profile.1.Schedule."};
+    auto reader = [&] {
+        Client c(port);
+        Session s;
+        if (c.login("admin", "1234abcd", &s).status != 200) {
+            ++unexpected;
+            return;
+        }
+        for (int round = 0; round < 4; ++round)
+            for (const char* path : reads)
+                if (operStatus(c.request("GET", std::string("TR181/Value/") + path, "", &s)) !=
+                    "Success")
+                    ++unexpected;
+    };
+    auto writer = [&](int n) {
+        Client c(port);
+        Session s;
+        if (c.login("admin", "1234abcd", &s).status != 200) {
+            ++unexpected;
+            return;
+        }
+        for (int round = 0; round < 4; ++round) {
+            std::string v = std::to_string(1 + (n + round) % 2);
+            c.write("PUT", "TR181/Value/Device.X_OLVEX_EXT.InternetSpeed.", "{\"Index\":" + v + "}",
+                    s);
+            c.write("PUT", "TR181/Value/Device.WiFi.AccessPoint.1.WPS.",
+                    "{\"X_OlVEX_TriggerWPSPushButton\":true}", s);
+            c.write("POST", "TR181/Value/Device.X_OLVEX_Change_Icon_Name.",
+                    "{\"MacAddress\":\"02:BB:00:00:0" + std::to_string(n) + ":0" +
+                        std::to_string(round) + "\"}",
+                    s);
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back(reader);
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back(writer, i);
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(0, unexpected.load());
+    EXPECT_EQ(0, d.stop());
+    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
+}
