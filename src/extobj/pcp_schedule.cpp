@@ -38,16 +38,20 @@ objIndex_t record(uint8_t n) {
     return iid;
 }
 
-// The profile P (read without update), or nullptr.
-JsonPtr getProfile(uint8_t p) {
-    objIndex_t iid = record(p);
+// Instance `n` of a table (read without update), or nullptr.
+JsonPtr getInstance(int32_t oid, uint8_t n) {
+    objIndex_t iid = record(n);
     json_object* obj = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(profileOid(), &iid, &obj) != WCFG_SUCCESS) {
+    if (wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj) != WCFG_SUCCESS) {
         if (obj)
             json_object_put(obj);
         return nullptr;
     }
     return JsonPtr(obj);
+}
+
+JsonPtr getProfile(uint8_t p) {
+    return getInstance(profileOid(), p);
 }
 
 // The entries of a rule list, as written.
@@ -111,14 +115,10 @@ int vxPcpScheduleGet(const char* path, int /*row*/, json_object** out) {
     uint8_t p = 0, n = 0;
     if (int ret = resolve(path, p, n))
         return ret;
-    objIndex_t iid = record(n);
-    json_object* sched = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(scheduleOid(), &iid, &sched) != WCFG_SUCCESS) {
-        if (sched)
-            json_object_put(sched);
+    JsonPtr owned = getInstance(scheduleOid(), n);
+    if (!owned)
         return WCFG_ERROR_PARAMETER_TYPE;
-    }
-    JsonPtr owned(sched);
+    json_object* sched = owned.get();
     // "Enable" is copied as text too: it reads "true" or "false".
     for (const char* key : {"Enable", "Name", "Description", "Days"}) {
         json_object* v = nullptr;
@@ -138,14 +138,8 @@ int vxPcpScheduleSet(const char* path, int /*row*/, json_object* values, uint8_t
     uint8_t p = 0, n = 0;
     if (int ret = resolve(path, p, n))
         return ret;
-    objIndex_t iid = record(n);
-    json_object* sched = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(scheduleOid(), &iid, &sched) != WCFG_SUCCESS) {
-        if (sched)
-            json_object_put(sched);
+    if (!getInstance(scheduleOid(), n))
         return WCFG_ERROR_PARAMETER_TYPE;
-    }
-    json_object_put(sched);
     int ret = writeApplied(scheduleOid(), n, values);
     if (ret != WCFG_SUCCESS)
         return ret;

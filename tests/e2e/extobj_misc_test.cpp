@@ -11,6 +11,7 @@
 #include <string>
 
 #include "client.h"
+#include "fixture.h"
 #include "harness.h"
 
 using e2e::Client;
@@ -25,34 +26,17 @@ namespace {
 const std::string kValue = "TR181/Value/";
 const std::string kIcons = "Device.X_OLVEX_Change_Icon_Name.";
 
-class ExtObj : public ::testing::Test {
+class ExtObj : public e2e::DaemonTest {
   protected:
-    void start() {
-        ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
-        port = e2e::startDaemon(d, root);
-        ASSERT_NE(0, port) << d.out() << d.err();
-        ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
-    }
-    void TearDown() override {
-        if (port) {
-            EXPECT_EQ(0, d.stop());
-        }
-    }
-    Reply get(const std::string& path) {
-        return Client(port).request("GET", kValue + path, "", &s);
-    }
+    Reply get(const std::string& path) { return DaemonTest::get(kValue + path); }
     Reply write(const std::string& method, const std::string& path, const std::string& body) {
-        return Client(port).write(method, kValue + path, body, s);
+        return DaemonTest::write(method, kValue + path, body);
     }
     std::string iconTable() {
         std::string out;
         root.wcfgctl({"get", kIcons}, &out);
         return out;
     }
-    DeviceRoot root;
-    Daemon d;
-    Session s;
-    int port = 0;
 };
 
 }  // namespace

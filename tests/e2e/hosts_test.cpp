@@ -13,6 +13,7 @@
 #include <string>
 
 #include "client.h"
+#include "fixture.h"
 #include "harness.h"
 
 using e2e::Client;
@@ -64,29 +65,7 @@ long uptimeNow() {
     return static_cast<long>(up);
 }
 
-class Hosts : public ::testing::Test {
-  protected:
-    void start(int mode = 0) {
-        ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
-        if (mode) {
-            ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_OperationMode.",
-                                       "{\"Mode\":" + std::to_string(mode) + "}"}));
-        }
-        port = e2e::startDaemon(d, root);
-        ASSERT_NE(0, port) << d.out() << d.err();
-        ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
-    }
-    void TearDown() override {
-        if (port) {
-            EXPECT_EQ(0, d.stop());
-        }
-    }
-    Reply get(const std::string& path) { return Client(port).request("GET", path, "", &s); }
-    DeviceRoot root;
-    Daemon d;
-    Session s;
-    int port = 0;
-};
+class Hosts : public e2e::DaemonTest {};
 
 }  // namespace
 

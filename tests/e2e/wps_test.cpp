@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "client.h"
+#include "fixture.h"
 #include "harness.h"
 
 using e2e::Client;
@@ -23,26 +24,8 @@ namespace {
 const std::string kWps = "TR181/Value/Device.WiFi.AccessPoint.1.WPS.";
 const char* const kPress = R"({"X_OlVEX_TriggerWPSPushButton":true})";
 
-class Wps : public ::testing::Test {
+class Wps : public e2e::DaemonTest {
   protected:
-    void start(int mode = 0) {
-        ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
-        if (mode) {
-            ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_OperationMode.",
-                                       "{\"Mode\":" + std::to_string(mode) + "}"}));
-        }
-        port = e2e::startDaemon(d, root);
-        ASSERT_NE(0, port) << d.out() << d.err();
-        ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
-    }
-    void TearDown() override {
-        if (port) {
-            EXPECT_EQ(0, d.stop());
-        }
-    }
-    void knob(const std::string& name, const std::string& value) {
-        ASSERT_EQ(0, root.wcfgctl({"knob", name, value}));
-    }
     std::string press(const char* body = kPress) {
         return operStatus(Client(port).write("PUT", kWps, body, s));
     }
@@ -61,10 +44,6 @@ class Wps : public ::testing::Test {
         root.wcfgctl({"requests"}, &out);
         return out;
     }
-    DeviceRoot root;
-    Daemon d;
-    Session s;
-    int port = 0;
 };
 
 }  // namespace
