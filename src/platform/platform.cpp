@@ -81,26 +81,21 @@ void platformBlockStopSignals() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-int wos_formsys(int flags, const char* cmd) {
-    if (!cmd)
-        return -1;
-    if (flags & 1)
-        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", cmd);
-    pid_t pid = fork();
-    if (pid < 0)
-        return -1;
-    if (pid == 0) {
-        int fd = open("/dev/null", O_RDONLY);
-        if (fd >= 0) {
-            dup2(fd, 0);
-            close(fd);
-        }
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        execl("/bin/sh", "sh", "-c", cmd, static_cast<char*>(nullptr));
-        _exit(127);
+namespace {
+
+// In a child: standard input from /dev/null, every signal unblocked.
+void prepareChild() {
+    int fd = open("/dev/null", O_RDONLY);
+    if (fd >= 0) {
+        dup2(fd, 0);
+        close(fd);
     }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+int waitChild(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
@@ -109,6 +104,50 @@ int wos_formsys(int flags, const char* cmd) {
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
     return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+// The shell's own "kill" would signal real processes.  Where the device root
+// holds a stand-in "kill" tool (the virtual router), commands use it instead.
+std::string withStandInKill(const char* cmd) {
+    std::string tool = platformToolDir() + "/kill";
+    if (access(tool.c_str(), X_OK) != 0)
+        return cmd;
+    return "kill() { '" + tool + "' \"$@\"; }; " + cmd;
+}
+
+}  // namespace
+
+int wos_exec(int flags, const char* const argv[]) {
+    if (!argv || !argv[0])
+        return -1;
+    if (flags & 1)
+        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", argv[0]);
+    pid_t pid = fork();
+    if (pid < 0)
+        return -1;
+    if (pid == 0) {
+        prepareChild();
+        execvp(argv[0], const_cast<char* const*>(argv));
+        _exit(127);
+    }
+    return waitChild(pid);
+}
+
+int wos_formsys(int flags, const char* cmd) {
+    if (!cmd)
+        return -1;
+    if (flags & 1)
+        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, __func__, "run: %s\n", cmd);
+    std::string text = withStandInKill(cmd);
+    pid_t pid = fork();
+    if (pid < 0)
+        return -1;
+    if (pid == 0) {
+        prepareChild();
+        execl("/bin/sh", "sh", "-c", text.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return waitChild(pid);
 }
 
 void wos_pk(const char* fmt, ...) {

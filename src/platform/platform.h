@@ -29,6 +29,10 @@ void platformInit();
 // the main thread; every thread the platform or the daemon creates calls it.
 void platformBlockStopSignals();
 
+// Runs a program with its arguments, found on PATH, without a shell: no
+// argument is ever interpreted (stdin from /dev/null).  Returns the exit
+// status, or -1 when it could not be run.
+int wos_exec(int flags, const char* const argv[]);
 // Runs a shell command (stdin from /dev/null).  Bit 0 of `flags` logs the
 // command line at debug level.  Returns the exit status, or -1 when the
 // command could not be run.

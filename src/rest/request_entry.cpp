@@ -10,6 +10,7 @@
 #include "auth/login_auth.h"
 #include "auth/session.h"
 #include "datamodel/value_handlers.h"
+#include "rest/device_actions.h"
 #include "platform/store/wcfg.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
@@ -19,6 +20,9 @@ const WHttpUriRow gRestUriTable[] = {
     {"UserLogin", wHttpUserLoginHandle},
     {"UserLogout", wHttpUserLogoutHandle},
     {"MethodList", wHttpGetMethodListHandle},
+    {"Reboot", wHttpRebootHandle},
+    {"MeshReboot", wHttpMeshRebootHandle},
+    {"MeshResetAllSetting", wHttpMeshResetAllSettingHandle},
     {"UserUpdate", wHttpUserUpdateHandle},
     {"APPUICustomization", wHttpAPPUICustomization},
     {"TR181/Value/", wHttpTR181ValueHandle},

@@ -35,7 +35,7 @@ void startServices();
 void refreshHosts();
 
 // Runs a stand-in shell tool when argv[0] names one (vxslctl, vx1905App,
-// killall, ifconfig); returns its exit status, or -1 when argv[0] is none.
+// killall, kill, ifconfig); returns its exit status, or -1 when argv[0] is none.
 int runTool(int argc, char** argv);
 // Installs the stand-in tools into the device root's tool directory as links
 // to `self` (the multi-call wcfgctl binary).

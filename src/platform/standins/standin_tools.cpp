@@ -1,5 +1,5 @@
 // Stand-ins of the shell tools the daemon runs: the mesh status and action
-// tools, killall and ifconfig.  They are links to the multi-call wcfgctl
+// tools, killall, kill and ifconfig.  They are links to the multi-call wcfgctl
 // binary in the device root's tool directory; they log what they are asked in
 // the journal and never signal a process.
 #include <sqlite3.h>
@@ -21,7 +21,7 @@ namespace standin {
 
 namespace {
 
-const char* const kTools[] = {"vxslctl", "vx1905App", "killall", "ifconfig"};
+const char* const kTools[] = {"vxslctl", "vx1905App", "killall", "kill", "ifconfig"};
 
 std::string trim(std::string s) {
     size_t b = s.find_first_not_of(" \t\r\n");
@@ -82,6 +82,13 @@ int killall(int argc, char** argv) {
     return 0;
 }
 
+// The shell's kill, as the virtual router's command runner calls it: noted,
+// and no process is ever signalled.
+int killTool(int argc, char** argv) {
+    journalTool("kill", argc, argv);
+    return 0;
+}
+
 // net-tools style output for the LAN bridge, from the data model.
 int ifconfig(int argc, char** argv) {
     if (argc < 2 || strcmp(argv[1], "br0") != 0) {
@@ -132,6 +139,8 @@ int runTool(int argc, char** argv) {
         return vx1905App(argc, argv);
     if (!strcmp(name, "killall"))
         return killall(argc, argv);
+    if (!strcmp(name, "kill"))
+        return killTool(argc, argv);
     if (!strcmp(name, "ifconfig"))
         return ifconfig(argc, argv);
     return -1;
