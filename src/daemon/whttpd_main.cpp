@@ -11,6 +11,7 @@
 #include <string>
 
 #include "auth/accounts.h"
+#include "discover/whttpd_discover.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
 #include "daemon/whttpd_signals.h"
@@ -189,6 +190,7 @@ int main(int argc, char** argv) {
     }
     if (serversUp) {
         UITimerThreadStart();
+        whttpDiscoverThreadInit();
         // The three process-wide mutexes are initialised statically, before
         // the server starts.
         if (wcfg_msg_serverInit() != 0) {

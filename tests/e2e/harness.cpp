@@ -118,7 +118,16 @@ bool Daemon::start(const DeviceRoot& root, const std::vector<std::string>& args)
     errFile_ = root.dir() + "/.daemon" + std::to_string(serial) + ".err";
     std::vector<std::string> argv{WHTTPD_BIN};
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_ = spawn(argv, root.dir(), outFile_, errFile_, env_);
+    // Each daemon answers discovery on a port of its own.
+    auto env = env_;
+    bool givenPort = false;
+    for (const auto& [name, value] : env)
+        givenPort |= name == "WHTTPD_DISCOVERY_PORT";
+    if (!givenPort) {
+        discoveryPort_ = freeUdpPort();
+        env.emplace_back("WHTTPD_DISCOVERY_PORT", std::to_string(discoveryPort_));
+    }
+    pid_ = spawn(argv, root.dir(), outFile_, errFile_, env);
     return pid_ > 0;
 }
 
@@ -217,6 +226,18 @@ Reply https(const std::string& method, const std::string& url, const std::string
     curl_slist_free_all(list);
     curl_easy_cleanup(c);
     return r;
+}
+
+int freeUdpPort() {
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
 }
 
 int freePort() {

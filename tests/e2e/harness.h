@@ -45,6 +45,9 @@ class Daemon {
     int wait(int timeoutMs);
     void signal(int sig) const;
     pid_t pid() const { return pid_; }
+    // The UDP port of its discovery responder (a free one unless the
+    // environment names one).
+    int discoveryPort() const { return discoveryPort_; }
     std::string out() const;  // standard output so far
     std::string err() const;  // standard error so far
     // Waits until standard output or error contains `text`.
@@ -52,6 +55,7 @@ class Daemon {
 
   private:
     pid_t pid_ = -1;
+    int discoveryPort_ = 0;
     std::string outFile_, errFile_;
     std::vector<std::pair<std::string, std::string>> env_;
 };
@@ -70,5 +74,7 @@ Reply https(const std::string& method, const std::string& url, const std::string
 
 // A TCP port that is free on loopback now.
 int freePort();
+// A UDP port that is free on loopback now.
+int freeUdpPort();
 
 }  // namespace e2e

@@ -1,0 +1,8 @@
+// App discovery responder: a UDP socket on port 263 (WHTTPD_DISCOVERY_PORT)
+// that answers a discovery request with the REST API's description, from the
+// mesh controller with the mesh app enabled only.
+#pragma once
+
+// Builds the discovery document and starts the responder thread (detached).
+// Returns the detach result, or the thread-creation error.
+int whttpDiscoverThreadInit(void);
