@@ -1,5 +1,6 @@
 // whttpd_rest: the HTTPS REST API daemon.  Start-up, the message-bus receive
 // loop on the main thread, and shutdown.
+#include <curl/curl.h>
 #include <getopt.h>
 #include <syslog.h>
 #include <malloc.h>
@@ -113,6 +114,9 @@ void receiveLoop() {
 
 int main(int argc, char** argv) {
     platformInit();
+    // libcurl's global state is set up here, before any thread runs; the
+    // init and cleanup around each firmware transfer then only count.
+    curl_global_init(CURL_GLOBAL_ALL);
     wHttpWaitForCertificate();
     wHttpInstallSignalHandler();
 

@@ -11,6 +11,7 @@
 #include "auth/session.h"
 #include "datamodel/value_handlers.h"
 #include "rest/device_actions.h"
+#include "rest/fota.h"
 #include "platform/store/wcfg.h"
 #include "daemon/whttpd.h"
 #include "rest/whttpd_rest.h"
@@ -29,6 +30,9 @@ const WHttpUriRow gRestUriTable[] = {
     // Never reached: "TR181/Value/" is a prefix of it; same handler.
     {"TR181/Value/MultiObjects", wHttpTR181ValueHandle},
     {"TR181/SupportedDM/", wHttpTR181SupportedDMHandle},
+    // Before "FOTA", of which it is an extension.
+    {"FOTA?action=online", wHttpOnlineFirmwareUpgradeHandle_FOTA},
+    {"FOTA", wHttpOnlineFirmwareUpgradeCheck_FOTA},
     {nullptr, nullptr},
 };
 

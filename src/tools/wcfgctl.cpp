@@ -14,6 +14,7 @@
 #include "platform/json_util.h"
 #include "platform/platform.h"
 #include "platform/standins/provision.h"
+#include "platform/standins/firmware_image.h"
 #include "platform/standins/knobs.h"
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
@@ -215,8 +216,11 @@ int cmdMkimage(const char* file, const char* version, const char* model) {
     std::string body = "OLVEX firmware " + std::string(version) + "\n";
     for (int i = 0; i < 4096; ++i)
         body += static_cast<char>('a' + i % 26);
+    std::string img = standin::makeImage(model ? model : "NX5150", version, body);
+    if (img.empty())
+        return fail("cannot sign the image (no vendor image key; run wcfgctl init)");
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << standin::makeImage(model ? model : "NX5150", version, body);
+    out << img;
     return out ? 0 : fail("cannot write the image");
 }
 

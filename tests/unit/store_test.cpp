@@ -11,6 +11,7 @@
 #include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
+#include "platform/standins/firmware_image.h"
 #include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
 #include "platform/store/store.h"
@@ -217,13 +218,33 @@ TEST_F(StoreTest, FirmwareImageCheck) {
     std::ofstream(good, std::ios::binary)
         << standin::makeImage("NX5150", "V1.21(ABCD.8)C0", "payload");
     std::string version;
-    EXPECT_EQ(0, standin::checkImage(good, &version));
+    EXPECT_EQ(0, standin::checkImage(good, "NX5150", &version));
     EXPECT_EQ("V1.21(ABCD.8)C0", version);
     EXPECT_EQ(0, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, good.c_str()));
     std::string bad = platformPath("/tmp/bad.bin");
     std::string img = standin::makeImage("NX5150", "V1.21(ABCD.8)C0", "payload");
-    img.back() ^= 1;
-    std::ofstream(bad, std::ios::binary) << img;
+    // One flipped bit anywhere: in the signature, the body, the version.
+    for (size_t at : {img.size() - 1, img.size() - 70, size_t{30}}) {
+        std::string flipped = img;
+        flipped[at] ^= 1;
+        std::ofstream(bad, std::ios::binary | std::ios::trunc) << flipped;
+        EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, bad.c_str())) << at;
+    }
+    // A sound image signed by another key.
+    std::string otherKey = platformPath("/tmp/other.pem");
+    {
+        std::string saved = platformPath(standin::kImagePrivateKey);
+        std::string pub = platformPath(standin::kImagePublicKey);
+        std::string savedPub = pub + ".saved";
+        ASSERT_EQ(0, rename(saved.c_str(), (saved + ".saved").c_str()));
+        ASSERT_EQ(0, rename(pub.c_str(), savedPub.c_str()));
+        ASSERT_TRUE(standin::createImageKeys());
+        ASSERT_EQ(0, rename(saved.c_str(), otherKey.c_str()));
+        ASSERT_EQ(0, rename((saved + ".saved").c_str(), saved.c_str()));
+        ASSERT_EQ(0, rename(savedPub.c_str(), pub.c_str()));
+    }
+    std::ofstream(bad, std::ios::binary | std::ios::trunc)
+        << standin::makeImage("NX5150", "V1.21(ABCD.8)C0", "payload", otherKey);
     EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, bad.c_str()));
     std::ofstream(bad, std::ios::binary | std::ios::trunc)
         << standin::makeImage("NX9999", "V1", "payload");
@@ -231,6 +252,7 @@ TEST_F(StoreTest, FirmwareImageCheck) {
     EXPECT_EQ(WCFG_INVALID_IMAGE,
               wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, platformPath("/tmp/none.bin").c_str()));
     EXPECT_EQ(0, wcfgFeReqSend(WCFG_REQ_UPGRADE, good.c_str()));
+    EXPECT_EQ("\"V1.21(ABCD.8)C0\"", get("Device.DeviceInfo.", "SoftwareVersion"));
     EXPECT_EQ(0, wcfgFeReqSend(WCFG_REQ_REBOOT, nullptr));
     std::ifstream journal(standin::journalPath());
     std::string all((std::istreambuf_iterator<char>(journal)), std::istreambuf_iterator<char>());

@@ -14,6 +14,7 @@
 #include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
+#include "platform/standins/firmware_image.h"
 #include "platform/standins/standin.h"
 #include "platform/store/store.h"
 
@@ -203,6 +204,8 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
         writeFile("/tmp/assoc_list.5g", "06:10:18:3A:6D:03  0000003600  -47 \n");
     if (!ok)
         return err = "cannot write the status files", false;
+    if (!standin::createImageKeys())
+        return err = "cannot create the vendor's image key", false;
     if (!standin::installTools(self))
         return err = "cannot install the stand-in tools", false;
     return true;

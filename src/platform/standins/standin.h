@@ -12,16 +12,6 @@ namespace standin {
 std::string journalPath();
 void journal(json_object* entry);
 
-// Firmware image: "OLVFWIMG", model (16 bytes), version (32 bytes), body
-// length (8 bytes, little-endian), SHA-256 of the body (32 bytes), body.
-constexpr const char* kImageMagic = "OLVFWIMG";
-constexpr size_t kImageHeaderSize = 96;
-std::string makeImage(const std::string& model, const std::string& version,
-                      const std::string& body);
-// 0 when the file is a sound image for this device's model, else
-// WCFG_INVALID_IMAGE; the image's version goes to `version`.
-int checkImage(const std::string& file, std::string* version);
-
 // The Wi-Fi service's answer to a WPS request message (header + payload);
 // returns a newly allocated reply (free()) or nullptr.
 void* wifiServiceReply(const void* request, size_t length);

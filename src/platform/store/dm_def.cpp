@@ -268,6 +268,8 @@ bool parse(const std::string& text, Model& m, std::string& err) {
                     p.supervisor = true;
                 } else if (t[k] == "once" && !quoted[k]) {
                     p.once = true;
+                } else if (t[k] == "device" && !quoted[k]) {
+                    p.device = true;
                 } else if (!p.hasDefault) {
                     p.hasDefault = true;
                     p.def = t[k];

@@ -25,6 +25,7 @@ struct Param {
     bool secret = false;      // changed only by the account editor
     bool supervisor = false;  // changed only by the supervisor's group
     bool once = false;        // a session may set it while empty, not change it
+    bool device = false;      // read-only for clients, written by the device itself
     bool hasDefault = false;
     std::string def;  // default as text
 };

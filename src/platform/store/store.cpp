@@ -400,7 +400,7 @@ int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
             continue;
         if (int rc = checkParamRights(p, mode.secrets, before[i].s.empty() && before[i].i == 0))
             return rc;
-        if (!p.writable && !mode.readOnly)
+        if (!p.writable && !mode.readOnly && !(p.device && callerIsDevice()))
             return WCFG_SET_READ_ONLY_PARAM;
         after[i] = std::move(v);
     }

@@ -48,6 +48,10 @@ int checkParamRights(const wdm::Param& p, bool secrets, bool wasEmpty) {
     return WCFG_SUCCESS;
 }
 
+bool callerIsDevice() {
+    return tCaller == WCFG_CALLER_DEVICE;
+}
+
 bool usernameAcceptable(const std::string& name) {
     // The daemon counts failed logins of unknown names under this one.
     if (name.empty() || name.size() > 31 || name == "Invalid_Account")

@@ -21,6 +21,9 @@ int checkParamRights(const wdm::Param& p, bool secrets, bool wasEmpty);
 // Account names: 1 to 31 characters of A-Z, a-z, 0-9, "_", "." and "-",
 // and not "Invalid_Account" (the name under which failed logins of unknown
 // names are counted).
+// Whether the current thread acts for the device itself (WCFG_CALLER_DEVICE).
+bool callerIsDevice();
+
 bool usernameAcceptable(const std::string& name);
 
 }  // namespace wcfg

@@ -1,0 +1,22 @@
+// The HTTPS front of the stand-in cloud firmware service: a self-signed
+// certificate made at start, one thread per connection, one request per
+// connection.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/fwcloud/fw_cloud.h"
+
+namespace fwcloud {
+
+using Handler = std::function<Answer(const std::string& method, const std::string& target,
+                                     const std::string& host)>;
+
+// Listens on `address`:`port` (0 picks a free port), calls `ready` with the
+// port once listening, then serves until the process ends.  Returns a
+// non-zero exit status when it cannot listen.
+int serve(const std::string& address, int port, const Handler& handler,
+          const std::function<void(int port)>& ready);
+
+}  // namespace fwcloud
