@@ -194,6 +194,48 @@ bool Daemon::waitForOutput(const std::string& text, int timeoutMs) const {
     return false;
 }
 
+Cloud::~Cloud() {
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        waitStatus(pid_, 5000);
+    }
+}
+
+bool Cloud::start(const DeviceRoot& root) {
+    root_ = root.dir();
+    outFile_ = root_ + "/.fwcloud.out";
+    errFile_ = root_ + "/.fwcloud.err";
+    pid_ = spawn({FWCLOUD_BIN, "--port", "0"}, root_, outFile_, errFile_);
+    const std::string marker = "serving https://127.0.0.1:";
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < end) {
+        std::string out = slurp(outFile_);
+        size_t at = out.find(marker);
+        if (at != std::string::npos && out.find('\n', at) != std::string::npos) {
+            port_ = atoi(out.c_str() + at + marker.size());
+            return root.wcfgctl({"set", "Device.X_OLVEX_PeriodicOnlineFWUpgrade.",
+                                 "{\"ServerURL\":\"" + url("/check?") + "\"}"}) == 0;
+        }
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+std::string Cloud::url(const std::string& path) const {
+    return "https://127.0.0.1:" + std::to_string(port_) + path;
+}
+std::string Cloud::log() const {
+    return slurp(root_ + "/srv/fwcloud/access.log");
+}
+std::string Cloud::err() const {
+    return slurp(errFile_);
+}
+
 Reply https(const std::string& method, const std::string& url, const std::string& body,
             const std::vector<std::string>& headers, const std::string& local) {
     Reply r;

@@ -60,6 +60,24 @@ class Daemon {
     std::vector<std::pair<std::string, std::string>> env_;
 };
 
+// The stand-in cloud firmware service (fwcloud) of a root, on a free
+// loopback port; start() points the root's ServerURL at it.
+class Cloud {
+  public:
+    ~Cloud();
+    bool start(const DeviceRoot& root);
+    int port() const { return port_; }
+    std::string url(const std::string& path) const;
+    // Its access log: one line "METHOD TARGET STATUS" per request.
+    std::string log() const;
+    std::string err() const;
+
+  private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string root_, outFile_, errFile_;
+};
+
 struct Reply {
     bool ok = false;  // a response arrived
     long status = 0;

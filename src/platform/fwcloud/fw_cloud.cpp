@@ -174,23 +174,33 @@ Answer image(const std::string& path, const std::string& query, const std::strin
     }
     if (mode == "nocontent204")
         return a.status = 204, a;
-    const char* file = mode == "badimage" ? "bad.zip" : mode == "notzip" ? "notzip.zip" : "ok.zip";
+    const char* file = mode == "badimage" ? "bad.zip"
+                       : mode == "notzip" ? "notzip.zip"
+                       : mode == "extra"  ? "extra.zip"
+                                          : "ok.zip";
     a.body = fileText(dirPath(file));
     return a;
 }
 
-// Zips `image` as "firmwareImg.bin" into `archive` (the zip tool).
-bool zipImage(const std::string& image, const std::string& archive, std::string& err) {
+// Zips `image` as "firmwareImg.bin" into `archive` (the zip tool); `plant`
+// adds a second member, as a tampered archive would.
+bool zipImage(const std::string& image, const std::string& archive, std::string& err,
+              bool plant = false) {
     std::string work = dirPath("work");
     if (!platformMakeDirs(work))
         return err = "cannot create " + work, false;
     std::string bin = work + "/firmwareImg.bin";
     std::ofstream(bin, std::ios::binary | std::ios::trunc) << image;
+    std::string extra = work + "/planted.txt";
+    std::ofstream(extra, std::ios::trunc) << "planted by the archive\n";
     unlink(archive.c_str());
-    const char* argv[] = {"zip", "-q", "-j", "-X", archive.c_str(), bin.c_str(), nullptr};
+    const char* argv[] = {
+        "zip",  "-q", "-j", "-X", archive.c_str(), bin.c_str(), plant ? extra.c_str() : nullptr,
+        nullptr};
     if (wos_exec(0, argv) != 0)
         return err = "zip failed for " + archive, false;
     unlink(bin.c_str());
+    unlink(extra.c_str());
     return true;
 }
 
@@ -209,7 +219,8 @@ bool init(const std::string& host, std::string& err) {
         return err = "no vendor image key below the device root (run wcfgctl init)", false;
     std::string bad = img;
     bad.back() ^= 1;  // the signature no longer holds
-    if (!zipImage(img, dirPath("ok.zip"), err) || !zipImage(bad, dirPath("bad.zip"), err))
+    if (!zipImage(img, dirPath("ok.zip"), err) || !zipImage(bad, dirPath("bad.zip"), err) ||
+        !zipImage(img, dirPath("extra.zip"), err, true))
         return false;
     std::ofstream(dirPath("notzip.zip"), std::ios::binary | std::ios::trunc)
         << "This is not a zip archive.\n";
