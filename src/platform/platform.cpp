@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <json-c/json.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -118,6 +119,10 @@ std::string withStandInKill(const char* cmd) {
 }  // namespace
 
 int wos_exec(int flags, const char* const argv[]) {
+    return wos_exec_limited(flags, argv, 0);
+}
+
+int wos_exec_limited(int flags, const char* const argv[], long long maxFileBytes) {
     if (!argv || !argv[0])
         return -1;
     if (flags & 1)
@@ -127,6 +132,11 @@ int wos_exec(int flags, const char* const argv[]) {
         return -1;
     if (pid == 0) {
         prepareChild();
+        if (maxFileBytes > 0) {
+            struct rlimit limit {};
+            limit.rlim_cur = limit.rlim_max = static_cast<rlim_t>(maxFileBytes);
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
         execvp(argv[0], const_cast<char* const*>(argv));
         _exit(127);
     }

@@ -25,9 +25,21 @@ enum {
 };
 int RecordLastFWUpdateStatus(uint32_t code);
 
+// Bounds of one transfer: its size, and its whole time in platform seconds
+// (the answer is not authenticated; a cloud or a man in the middle must not
+// fill the device's RAM-backed /tmp or hold a request thread for ever).
+struct FotaLimits {
+    long long maxBytes;
+    long maxSeconds;
+};
+constexpr FotaLimits kFotaMetaLimits{1 << 20, 120};
+constexpr FotaLimits kFotaImageLimits{64LL << 20, 1800};
+
 // Fetches `url` into the device file `dest` (libcurl): 200 for any 2xx but
-// 204, 204, 400, -3 for other answers, -1 when the transfer failed.
-int wHttpFotaDownload(const char* url, const char* dest);
+// 204, 204, 400, -3 for other answers, -1 when the transfer failed (or
+// passed a limit).
+int wHttpFotaDownload(const char* url, const char* dest,
+                      const FotaLimits& limits = kFotaImageLimits);
 
 // What the last check's meta file said: the image and its pre-signed
 // download credentials, daemon-wide (one check overwrites another's).

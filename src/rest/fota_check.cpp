@@ -234,7 +234,7 @@ int wHttpOnlineFirmwareUpgradeCheck_FOTA(CgHttpRequest* request, uint8_t chunked
         return 0;
     Identity id = readIdentity();
     std::string url = checkUrl(id);
-    int result = wHttpFotaDownload(url.c_str(), kMetaFile);
+    int result = wHttpFotaDownload(url.c_str(), kMetaFile, kFotaMetaLimits);
     if (result == 204 || result == 400) {
         storeSummary(id.versionA, "N/A", "N/A", false);
         RecordLastFWUpdateStatus(FOTA_NO_FIRMWARE);

@@ -7,9 +7,12 @@
 // what stands between a download and the flash.  Only http and https are
 // followed: a configured or served URL never reaches local files.
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "daemon/whttpd.h"
 #include "rest/fota.h"
@@ -21,15 +24,42 @@ const long kConnectSeconds = 20;
 const long kLowSpeedSeconds = 35;
 const long kLowSpeedBytes = 10;
 
-size_t writeToFile(char* data, size_t size, size_t count, void* file) {
-    return fwrite(data, size, count, static_cast<FILE*>(file));
+struct Sink {
+    FILE* file;
+    long long left;  // bytes the transfer may still write
+};
+
+// Writes what arrives; a transfer that passes its size limit is ended
+// (curl sees a short write), whether or not the server announced a length.
+size_t writeToFile(char* data, size_t size, size_t count, void* sinkPtr) {
+    Sink* sink = static_cast<Sink*>(sinkPtr);
+    long long bytes = static_cast<long long>(size * count);
+    if (bytes > sink->left)
+        return 0;
+    sink->left -= bytes;
+    return fwrite(data, size, count, sink->file) * size;
 }
 
-void setOptions(CURL* curl, const char* url, FILE* out) {
+// The destination, never through a symbolic link planted in its place.
+FILE* openDestination(const std::string& file) {
+    int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return nullptr;
+    FILE* f = fdopen(fd, "wb");
+    if (!f)
+        close(fd);
+    return f;
+}
+
+void setOptions(CURL* curl, const char* url, Sink* sink, const FotaLimits& limits) {
     long second = platformSecondMs();
     curl_easy_setopt(curl, CURLOPT_URL, url);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, out);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.maxBytes));
+    // Whole transfer: never under ten real seconds, however short a platform
+    // second is.
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, std::max(10000L, limits.maxSeconds * second));
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectSeconds * second);
     // curl counts the low-speed time in whole seconds.
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
@@ -59,7 +89,7 @@ int mapResponse(CURL* curl) {
 
 }  // namespace
 
-int wHttpFotaDownload(const char* url, const char* dest) {
+int wHttpFotaDownload(const char* url, const char* dest, const FotaLimits& limits) {
     if (!url || !dest) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Invalid Request URL or Invalid Destination Path.\n");
         return -1;
@@ -71,14 +101,15 @@ int wHttpFotaDownload(const char* url, const char* dest) {
         curl_global_cleanup();
         return -1;
     }
-    FILE* out = fopen(platformPath(dest).c_str(), "wb");
+    FILE* out = openDestination(platformPath(dest));
     if (!out) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Fail to open destination outfile path\n");
         curl_easy_cleanup(curl);
         curl_global_cleanup();
         return -1;
     }
-    setOptions(curl, url, out);
+    Sink sink{out, limits.maxBytes};
+    setOptions(curl, url, &sink, limits);
     WLOG(WLOG_INFO, WHTTPD_SRC, "[FOTA] Curl downloading start.\n");
     CURLcode res = curl_easy_perform(curl);
     fclose(out);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "daemon/whttpd.h"
@@ -32,14 +33,24 @@ std::string downloadUrl(const FotaDescriptor& d) {
     return url;
 }
 
+// The largest image unzip may write: an archive that inflates beyond it
+// (a zip bomb) is cut off before it fills the RAM-backed /tmp.
+const long long kMaxImageBytes = 2 * kFotaImageLimits.maxBytes;
+
+// One upgrade at a time: they share the archive and image files, and an
+// image must not change between its check and the upgrade.
+std::mutex gUpgradeMutex;
+
 // Unpacks the image from the archive.  The archive is not authenticated, so
 // only the one member the device wants is taken out (nothing else lands in
-// /tmp), a leftover image from an interrupted upgrade is removed first, and
-// no shell sees the paths.  A failure is logged and the check goes on.
+// /tmp), its size is bounded, a leftover image from an interrupted upgrade
+// is removed first, and no shell sees the paths.  A failure is logged and
+// the check goes on (the image check refuses what is not a sound image, a
+// symbolic link included).
 void unpack(const std::string& archive, const std::string& image, const std::string& dir) {
     unlink(image.c_str());
     const char* argv[] = {"unzip", archive.c_str(), "firmwareImg.bin", "-d", dir.c_str(), nullptr};
-    if (wos_exec(1, argv) == -1)
+    if (wos_exec_limited(1, argv, kMaxImageBytes) == -1)
         WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
 }
 
@@ -80,6 +91,7 @@ int wHttpOnlineFirmwareUpgradeHandle_FOTA(CgHttpRequest* request, uint8_t chunke
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
     if (!wHttpFotaSupported(request, chunked))
         return 0;
+    std::lock_guard<std::mutex> one(gUpgradeMutex);
     wos_pk("Online firmware upgrade: start ......\n");
     FotaDescriptor d = wHttpFotaDescriptor();
     std::string url = downloadUrl(d);

@@ -213,8 +213,9 @@ TEST_F(Fota, DownloadsTheCloudRefuses) {
 }
 
 TEST_F(Fota, ImagesTheDeviceRefuses) {
-    // Answered 200 once downloaded; then no upgrade, code 18, both files gone.
-    for (const char* mode : {"nocontent204", "notzip", "badimage"}) {
+    // Answered 200 once downloaded; then no upgrade, code 18, both files
+    // gone.  An image that is a link to /dev/zero is refused, not read.
+    for (const char* mode : {"nocontent204", "notzip", "badimage", "symlink"}) {
         SCOPED_TRACE(mode);
         ASSERT_EQ(0, root.wcfgctl({"requests", "--clear"}));
         knob("cloud.image", mode);
@@ -250,10 +251,16 @@ TEST_F(Fota, RefusedRequests) {
     EXPECT_EQ(400, r.status);
     EXPECT_EQ(std::string::npos, cloud.log().find("/fw/"));
 
+    // Where the device asks is the supervisor's to say: an admin session
+    // cannot point it at a server of its own (an old signed image, a probe
+    // of the LAN).
     std::string secret = root.path("/etc/shadow");
-    r = write("PUT", std::string("TR181/Value/") + kUpgradeObject,
-              "{\"ServerURL\": \"file://" + secret + "?\"}");
-    ASSERT_EQ("Success", operStatus(r));
+    std::string fileUrl = "{\"ServerURL\": \"file://" + secret + "?\"}";
+    r = write("PUT", std::string("TR181/Value/") + kUpgradeObject, fileUrl);
+    EXPECT_EQ("Invalid parameter value", operStatus(r));
+    EXPECT_EQ(cloud.url("/check?"), field("ServerURL"));
+    // And what the device asks is never a local file.
+    ASSERT_EQ(0, root.wcfgctl({"set", kUpgradeObject, fileUrl}));
     r = check();
     EXPECT_EQ(400, r.status);
     EXPECT_EQ("21", status());

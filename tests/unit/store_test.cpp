@@ -3,6 +3,8 @@
 // and the firmware image check.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -230,6 +232,19 @@ TEST_F(StoreTest, FirmwareImageCheck) {
         std::ofstream(bad, std::ios::binary | std::ios::trunc) << flipped;
         EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, bad.c_str())) << at;
     }
+    // Cut short, a length field that lies, no model to match, a link.
+    std::string version2;
+    EXPECT_EQ(WCFG_INVALID_IMAGE,
+              standin::checkImageBytes(img.substr(0, 150), "NX5150", &version2));
+    std::string lying = img;
+    lying[56] ^= 1;
+    EXPECT_EQ(WCFG_INVALID_IMAGE, standin::checkImageBytes(lying, "NX5150", &version2));
+    EXPECT_EQ(WCFG_INVALID_IMAGE, standin::checkImageBytes(img, "", &version2));
+    EXPECT_EQ(0, standin::checkImageBytes(img, "NX5150", &version2));
+    std::string link = platformPath("/tmp/link.bin");
+    unlink(link.c_str());
+    ASSERT_EQ(0, symlink(good.c_str(), link.c_str()));
+    EXPECT_EQ(WCFG_INVALID_IMAGE, wcfgFeReqSend(WCFG_REQ_IMAGE_CHECK, link.c_str()));
     // A sound image signed by another key.
     std::string otherKey = platformPath("/tmp/other.pem");
     {

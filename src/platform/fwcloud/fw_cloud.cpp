@@ -174,10 +174,11 @@ Answer image(const std::string& path, const std::string& query, const std::strin
     }
     if (mode == "nocontent204")
         return a.status = 204, a;
-    const char* file = mode == "badimage" ? "bad.zip"
-                       : mode == "notzip" ? "notzip.zip"
-                       : mode == "extra"  ? "extra.zip"
-                                          : "ok.zip";
+    const char* file = mode == "badimage"  ? "bad.zip"
+                       : mode == "notzip"  ? "notzip.zip"
+                       : mode == "extra"   ? "extra.zip"
+                       : mode == "symlink" ? "link.zip"
+                                           : "ok.zip";
     a.body = fileText(dirPath(file));
     return a;
 }
@@ -204,6 +205,20 @@ bool zipImage(const std::string& image, const std::string& archive, std::string&
     return true;
 }
 
+// An archive whose "firmwareImg.bin" is a symbolic link to /dev/zero: an
+// unpacker that follows it reads for ever.
+bool zipLink(const std::string& archive, std::string& err) {
+    std::string bin = dirPath("work") + "/firmwareImg.bin";
+    unlink(bin.c_str());
+    if (symlink("/dev/zero", bin.c_str()) != 0)
+        return err = "cannot make " + bin, false;
+    unlink(archive.c_str());
+    const char* argv[] = {"zip", "-q", "-j", "-X", "-y", archive.c_str(), bin.c_str(), nullptr};
+    bool ok = wos_exec(0, argv) == 0;
+    unlink(bin.c_str());
+    return ok || (err = "zip failed for " + archive, false);
+}
+
 }  // namespace
 
 bool init(const std::string& host, std::string& err) {
@@ -220,7 +235,7 @@ bool init(const std::string& host, std::string& err) {
     std::string bad = img;
     bad.back() ^= 1;  // the signature no longer holds
     if (!zipImage(img, dirPath("ok.zip"), err) || !zipImage(bad, dirPath("bad.zip"), err) ||
-        !zipImage(img, dirPath("extra.zip"), err, true))
+        !zipImage(img, dirPath("extra.zip"), err, true) || !zipLink(dirPath("link.zip"), err))
         return false;
     std::ofstream(dirPath("notzip.zip"), std::ios::binary | std::ios::trunc)
         << "This is not a zip archive.\n";
@@ -229,7 +244,9 @@ bool init(const std::string& host, std::string& err) {
 
 Answer handle(const std::string& method, const std::string& target, const std::string& hostHeader) {
     size_t q = target.find('?');
-    std::string path = target.substr(0, q);
+    std::string path;
+    if (!sigv4::uriDecode(target.substr(0, q), path))
+        path.clear();
     std::string query = q == std::string::npos ? "" : target.substr(q + 1);
     Answer a;
     if (method != "GET")

@@ -8,7 +8,8 @@
 //   cloud.check    available (default), none204, bad400, partial206, empty,
 //                  nometa, same, error500, slow
 //   cloud.image    ok (default), nocontent204, forbidden403, badimage, notzip,
-//                  extra (a second member beside the image)
+//                  extra (a second member beside the image), symlink (the
+//                  image member is a link to /dev/zero)
 //   cloud.expires  seconds a download URL stays valid (default 3600)
 //   cloud.sign     "tamper": issue URLs whose signature does not match
 #pragma once

@@ -10,8 +10,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "platform/platform.h"
@@ -65,10 +63,7 @@ bool writeKey(const std::string& file, EVP_PKEY* key, bool isPrivate, mode_t mod
     return ok && rename(tmp.c_str(), file.c_str()) == 0;
 }
 
-std::string readAll(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
+const off_t kMaxImage = 256LL << 20;
 
 bool verifySignature(const std::string& img) {
     PkeyPtr key = readKey(platformPath(kImagePublicKey), false);
@@ -131,9 +126,36 @@ std::string makeImage(const std::string& model, const std::string& version, cons
     return img.append(reinterpret_cast<const char*>(sig), sigLen);
 }
 
+bool readImageFile(const std::string& file, std::string& img) {
+    // Not through a link, not a device or a pipe (an unpacked archive may
+    // hold either), and of a size an image can have.
+    int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct stat st {};
+    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxImage;
+    if (ok) {
+        img.resize(static_cast<size_t>(st.st_size));
+        size_t got = 0;
+        while (ok && got < img.size()) {
+            ssize_t n = read(fd, &img[got], img.size() - got);
+            ok = n > 0;
+            got += ok ? static_cast<size_t>(n) : 0;
+        }
+    }
+    close(fd);
+    return ok;
+}
+
 int checkImage(const std::string& file, const std::string& model, std::string* version) {
-    std::string img = readAll(file);
-    if (!soundImage(img))
+    std::string img;
+    if (!readImageFile(file, img))
+        return WCFG_INVALID_IMAGE;
+    return checkImageBytes(img, model, version);
+}
+
+int checkImageBytes(const std::string& img, const std::string& model, std::string* version) {
+    if (model.empty() || !soundImage(img))
         return WCFG_INVALID_IMAGE;
     if (std::string(img.c_str() + 8, strnlen(img.c_str() + 8, 16)) != model)
         return WCFG_INVALID_IMAGE;

@@ -33,6 +33,11 @@ std::string makeImage(const std::string& model, const std::string& version, cons
 // 0 when `file` is an image for `model` whose digest and signature hold
 // against the device's public key, else WCFG_INVALID_IMAGE; the image's
 // version goes to `version`.
+// An empty model matches nothing.
 int checkImage(const std::string& file, const std::string& model, std::string* version);
+// The same for an image already read; readImageFile reads a regular file
+// (never through a link) of a plausible size whole.
+int checkImageBytes(const std::string& img, const std::string& model, std::string* version);
+bool readImageFile(const std::string& file, std::string& img);
 
 }  // namespace standin

@@ -67,18 +67,16 @@ int imageRequest(bool upgrade, const char* payload, json_object* entry) {
     json_object_object_add(entry, "req",
                            json_object_new_string(upgrade ? "upgrade" : "image_check"));
     json_object_object_add(entry, "image", json_object_new_string(payload ? payload : ""));
-    std::string version;
-    int rc = payload ? checkImage(payload, deviceModel(), &version) : WCFG_INVALID_IMAGE;
+    // The image is read once: the bytes checked are the bytes kept.
+    std::string version, img;
+    int rc = payload && readImageFile(payload, img) ? checkImageBytes(img, deviceModel(), &version)
+                                                    : WCFG_INVALID_IMAGE;
     if (rc != WCFG_SUCCESS || !upgrade)
         return rc;
     json_object_object_add(entry, "version", json_object_new_string(version.c_str()));
     std::string dir = platformPath("/data/standin");
     platformMakeDirs(dir);
-    {
-        std::ifstream in(payload, std::ios::binary);
-        std::ofstream out(dir + "/upgraded.bin", std::ios::binary | std::ios::trunc);
-        out << in.rdbuf();
-    }
+    std::ofstream(dir + "/upgraded.bin", std::ios::binary | std::ios::trunc) << img;
     takeVersion(version);
     return rc;
 }
