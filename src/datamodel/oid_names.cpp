@@ -19,3 +19,12 @@ int32_t wHttpOidByName(const char* name) {
     void* row = vxUtilSortedArraySearch(name, 0, gOidNameTableRows - 1, compareOidName);
     return row ? static_cast<int32_t>(static_cast<OidNameRow*>(row)->id) : -1;
 }
+
+JsonPtr wHttpGetObjectByName(const char* name, bool update, objIndex_t iid) {
+    json_object* obj = nullptr;
+    int32_t oid = wHttpOidByName(name);
+    int ret =
+        update ? wcfgFeObjJsonGet(oid, &iid, &obj) : wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj);
+    JsonPtr owned(obj);
+    return ret == WCFG_SUCCESS ? std::move(owned) : nullptr;
+}

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 
+#include "platform/json_util.h"
+#include "platform/store/wcfg.h"
+
 struct OidNameRow {
     const char* name;
     uint32_t id;
@@ -15,3 +18,7 @@ extern const int gOidNameTableRows;
 
 // Id of an object by its RDM_OID_ name, or -1 (all bits set) when unknown.
 int32_t wHttpOidByName(const char* name);
+
+// One instance of an object named by its RDM_OID_ name (with or without the
+// service's update), or nullptr when the get fails.
+JsonPtr wHttpGetObjectByName(const char* name, bool update, objIndex_t iid = objIndex_t{});

@@ -46,17 +46,7 @@ std::atomic<bool> gStopping{false};
 std::atomic<bool> gStopped{false};
 
 JsonPtr getObject(const char* rdm, bool update) {
-    objIndex_t iid{};
-    json_object* obj = nullptr;
-    int32_t oid = wHttpOidByName(rdm);
-    int ret =
-        update ? wcfgFeObjJsonGet(oid, &iid, &obj) : wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj);
-    if (ret != WCFG_SUCCESS) {
-        if (obj)
-            json_object_put(obj);
-        return nullptr;
-    }
-    return JsonPtr(obj);
+    return wHttpGetObjectByName(rdm, update);
 }
 
 bool boolOf(json_object* obj, const char* key, bool fallback) {

@@ -19,16 +19,7 @@ namespace {
 const int kMaxLayers = 16;  // a loop in "LowerLayers" must end somewhere
 
 JsonPtr getObject(const char* rdm, objIndex_t iid, bool update = true) {
-    json_object* obj = nullptr;
-    int32_t oid = wHttpOidByName(rdm);
-    int ret =
-        update ? wcfgFeObjJsonGet(oid, &iid, &obj) : wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj);
-    if (ret != WCFG_SUCCESS) {
-        if (obj)
-            json_object_put(obj);
-        return nullptr;
-    }
-    return JsonPtr(obj);
+    return wHttpGetObjectByName(rdm, update, iid);
 }
 
 JsonPtr getByPath(const std::string& path) {

@@ -35,13 +35,7 @@ char gCurrentVersion[64];
 char gVersionCode[64];
 
 JsonPtr getObject(const char* name, bool update) {
-    objIndex_t iid{};
-    json_object* obj = nullptr;
-    int32_t oid = wHttpOidByName(name);
-    int ret =
-        update ? wcfgFeObjJsonGet(oid, &iid, &obj) : wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj);
-    JsonPtr owned(obj);
-    return ret == WCFG_SUCCESS ? std::move(owned) : nullptr;
+    return wHttpGetObjectByName(name, update);
 }
 
 // Writes members of the periodic-online-upgrade object without apply, as the
