@@ -21,8 +21,13 @@ int32_t wHttpOidByName(const char* name) {
 }
 
 JsonPtr wHttpGetObjectByName(const char* name, bool update, objIndex_t iid) {
+    return wHttpGetObject(wHttpOidByName(name), update, iid);
+}
+
+JsonPtr wHttpGetObject(int32_t oid, bool update, objIndex_t iid) {
+    if (oid < 0)
+        return nullptr;
     json_object* obj = nullptr;
-    int32_t oid = wHttpOidByName(name);
     int ret =
         update ? wcfgFeObjJsonGet(oid, &iid, &obj) : wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj);
     JsonPtr owned(obj);

@@ -19,6 +19,8 @@ extern const int gOidNameTableRows;
 // Id of an object by its RDM_OID_ name, or -1 (all bits set) when unknown.
 int32_t wHttpOidByName(const char* name);
 
-// One instance of an object named by its RDM_OID_ name (with or without the
-// service's update), or nullptr when the get fails.
+// One instance of an object (with or without the service's update), or
+// nullptr when the get fails (an unknown id included).
+JsonPtr wHttpGetObject(int32_t oid, bool update, objIndex_t iid = objIndex_t{});
+// The same for an object named by its RDM_OID_ name.
 JsonPtr wHttpGetObjectByName(const char* name, bool update, objIndex_t iid = objIndex_t{});

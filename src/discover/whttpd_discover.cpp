@@ -45,10 +45,6 @@ const std::string* gDocument = nullptr;
 std::atomic<bool> gStopping{false};
 std::atomic<bool> gStopped{false};
 
-JsonPtr getObject(const char* rdm, bool update) {
-    return wHttpGetObjectByName(rdm, update);
-}
-
 bool boolOf(json_object* obj, const char* key, bool fallback) {
     json_object* v = nullptr;
     return obj && json_object_object_get_ex(obj, key, &v) ? json_object_get_boolean(v) : fallback;
@@ -63,14 +59,14 @@ void buildDocument() {
     for (size_t i = 0; i < json_object_array_length(versions); ++i)
         json_object_object_add(json_object_array_get_idx(versions, i), "HttpsPort",
                                json_object_new_int(gWhttpd.httpsPort));
-    if (JsonPtr info = getObject("RDM_OID_DEV_INFO", true)) {
+    if (JsonPtr info = wHttpGetObjectByName("RDM_OID_DEV_INFO", true)) {
         json_object_object_add(doc.get(), "ModelName",
                                json_object_new_string(jsonString(info.get(), "ModelName")));
         json_object_object_add(doc.get(), "MAC", json_object_new_string(mac));
         json_object_object_add(doc.get(), "SoftwareVersion",
                                json_object_new_string(jsonString(info.get(), "SoftwareVersion")));
     }
-    JsonPtr flags = getObject("RDM_OID_FEATURE_FLAG", false);
+    JsonPtr flags = wHttpGetObjectByName("RDM_OID_FEATURE_FLAG", false);
     if (!flags)
         WLOG(WLOG_ERR, WHTTPD_SRC, "%s: Get RDM_OID_FEATURE_FLAG fail\n",
              "whttpDiscoverThreadInit");
@@ -143,12 +139,12 @@ bool isRequest(const unsigned char* buf, ssize_t n) {
 // Whether this device answers now: the mesh app on and the mesh controller.
 // With the app off or unreadable the previous decision stands.
 bool decide(bool previous) {
-    JsonPtr app = getObject("RDM_OID_K_ARO_MESH_APP", true);
+    JsonPtr app = wHttpGetObjectByName("RDM_OID_K_ARO_MESH_APP", true);
     bool enabled = boolOf(app.get(), "Enable", false);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : App is :%s\n", kSelf, enabled ? "enable" : "disable");
     if (!enabled)
         return previous;
-    JsonPtr mesh = getObject("RDM_OID_EASY_MESH", true);
+    JsonPtr mesh = wHttpGetObjectByName("RDM_OID_EASY_MESH", true);
     if (!mesh) {
         WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Get device role fail, reply_res is :%d\n", kSelf, 0);
         return false;

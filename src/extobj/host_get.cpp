@@ -146,14 +146,10 @@ void addDatabaseKeys(json_object* host, int row, const std::string& mac) {
 // clients, else below -78 dBm is weak.  -3 when the object cannot be read.
 int addSignalClass(json_object* host) {
     static const int32_t oid = wHttpOidByName("RDM_OID_LINK_QUALITY");
-    objIndex_t iid{};
-    json_object* lq = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &lq) != WCFG_SUCCESS) {
-        if (lq)
-            json_object_put(lq);
+    JsonPtr owned = wHttpGetObject(oid, false);
+    if (!owned)
         return WCFG_ERROR_PARAMETER_TYPE;
-    }
-    JsonPtr owned(lq);
+    json_object* lq = owned.get();
     json_object* enable = nullptr;
     bool own = json_object_object_get_ex(lq, "Enable", &enable) &&
                json_object_get_boolean(enable) &&

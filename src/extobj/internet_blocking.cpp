@@ -12,14 +12,10 @@ int vxInterBlockingGet(const char* /*path*/, int /*row*/, json_object** out) {
     bool enable = false;
     if (gWhttpd.operationMode.load() == 0) {
         static const int32_t oid = wHttpOidByName("RDM_OID_DEV_INFO");
-        objIndex_t iid{};
-        json_object* info = nullptr;
-        if (wcfgFeObjJsonGet(oid, &iid, &info) != WCFG_SUCCESS) {
-            if (info)
-                json_object_put(info);
+        JsonPtr owned = wHttpGetObject(oid, true);
+        if (!owned)
             return WCFG_ERROR_PARAMETER_TYPE;
-        }
-        JsonPtr owned(info);
+        json_object* info = owned.get();
         const char* model = jsonString(info, "ModelName");
         wos_pk("ModelName: %s\n", model);
         enable = strstr(model, "NX3301A") == nullptr;

@@ -80,14 +80,8 @@ int vxInternetSpeedSet(const char* /*path*/, int /*row*/, json_object* values, u
     if (!isTrue(values, "Enable"))
         return WCFG_SUCCESS;  // only the index is remembered
     static const int32_t ispOid = wHttpOidByName("RDM_OID_VX_ISP_DIAG_DATA");
-    objIndex_t iid{};
-    json_object* isp = nullptr;
-    if (wcfgFeObjJsonGet(ispOid, &iid, &isp) != WCFG_SUCCESS) {
-        if (isp)
-            json_object_put(isp);
+    if (!wHttpGetObject(ispOid, true))
         return WCFG_ERROR_PARAMETER_TYPE;
-    }
-    json_object_put(isp);
     // Index beyond the configured entries: no entry is found.
     uint8_t selected = gSpeedIndex.load();
     int ret = copyEntry("RDM_OID_VX_ISP_DIAG_DATA_CFG_DL", "RDM_OID_IP_DIAG_DL_DIAG", selected);

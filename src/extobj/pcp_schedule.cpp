@@ -40,14 +40,7 @@ objIndex_t record(uint8_t n) {
 
 // Instance `n` of a table (read without update), or nullptr.
 JsonPtr getInstance(int32_t oid, uint8_t n) {
-    objIndex_t iid = record(n);
-    json_object* obj = nullptr;
-    if (wcfgFeObjJsonGetWithoutUpdate(oid, &iid, &obj) != WCFG_SUCCESS) {
-        if (obj)
-            json_object_put(obj);
-        return nullptr;
-    }
-    return JsonPtr(obj);
+    return wHttpGetObject(oid, false, record(n));
 }
 
 JsonPtr getProfile(uint8_t p) {

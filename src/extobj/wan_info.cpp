@@ -25,13 +25,7 @@ JsonPtr getObject(const char* rdm, objIndex_t iid, bool update = true) {
 JsonPtr getByPath(const std::string& path) {
     objIndex_t iid{};
     int32_t oid = wcfgFeObjNameToObjId(path.c_str(), &iid);
-    json_object* obj = nullptr;
-    if (oid < 0 || wcfgFeObjJsonGet(oid, &iid, &obj) != WCFG_SUCCESS) {
-        if (obj)
-            json_object_put(obj);
-        return nullptr;
-    }
-    return JsonPtr(obj);
+    return wHttpGetObject(oid, true, iid);
 }
 
 objIndex_t instance(uint8_t n) {

@@ -52,14 +52,10 @@ void tellAgent(int code, std::string agent) {
 // Whether this device is the mesh's enabled controller.
 bool enabledController() {
     static const int32_t oid = wHttpOidByName("RDM_OID_EASY_MESH");
-    objIndex_t iid{};
-    json_object* mesh = nullptr;
-    if (wcfgFeObjJsonGet(oid, &iid, &mesh) != WCFG_SUCCESS) {
-        if (mesh)
-            json_object_put(mesh);
+    JsonPtr owned = wHttpGetObject(oid, true);
+    if (!owned)
         return false;
-    }
-    JsonPtr owned(mesh);
+    json_object* mesh = owned.get();
     json_object *role = nullptr, *enable = nullptr;
     return json_object_object_get_ex(mesh, "Role", &role) && json_object_get_int(role) == 1 &&
            json_object_object_get_ex(mesh, "Enable", &enable) && json_object_get_boolean(enable);

@@ -34,10 +34,6 @@ FotaDescriptor gDescriptor;
 char gCurrentVersion[64];
 char gVersionCode[64];
 
-JsonPtr getObject(const char* name, bool update) {
-    return wHttpGetObjectByName(name, update);
-}
-
 // Writes members of the periodic-online-upgrade object without apply, as the
 // device (its fields are read-only for clients).
 int storeUpgradeObject(json_object* values) {
@@ -48,8 +44,6 @@ int storeUpgradeObject(json_object* values) {
 }
 
 void storeSummary(const char* version, const char* date, const char* description, bool newFw) {
-    if (!getObject("RDM_OID_PERIODIC_ONLINE_F_W_UPGRADE", true))
-        return;
     JsonPtr values(json_object_new_object());
     char cut[65], dateCut[32];
     wos_strlcpy(cut, version, sizeof cut);
@@ -73,7 +67,7 @@ struct Identity {
 
 Identity readIdentity() {
     Identity id;
-    if (JsonPtr info = getObject("RDM_OID_DEV_INFO", true)) {
+    if (JsonPtr info = wHttpGetObjectByName("RDM_OID_DEV_INFO", true)) {
         wos_strlcpy(id.versionA, jsonString(info.get(), "SoftwareVersion"), sizeof id.versionA);
         wos_strlcpy(id.versionB, jsonString(info.get(), "SoftwareVersion"), sizeof id.versionB);
         snprintf(id.auth, sizeof id.auth, "auth_code=%s", jsonString(info.get(), "SerialNumber"));
@@ -85,7 +79,7 @@ Identity readIdentity() {
 // today's date, firmware id.
 std::string checkUrl(const Identity& id) {
     char server[1023] = "";
-    if (JsonPtr up = getObject("RDM_OID_PERIODIC_ONLINE_F_W_UPGRADE", true))
+    if (JsonPtr up = wHttpGetObjectByName("RDM_OID_PERIODIC_ONLINE_F_W_UPGRADE", true))
         wos_strlcpy(server, jsonString(up.get(), "ServerURL"), sizeof server);
     char status[16];
     snprintf(status, sizeof status, "&status=%d", 10);
@@ -196,7 +190,7 @@ void wHttpFotaAnswer(CgHttpRequest* request, uint8_t chunked, int httpStatus, in
 }
 
 bool wHttpFotaSupported(CgHttpRequest* request, uint8_t chunked) {
-    JsonPtr flags = getObject("RDM_OID_FEATURE_FLAG", true);
+    JsonPtr flags = wHttpGetObjectByName("RDM_OID_FEATURE_FLAG", true);
     if (!flags)
         return true;
     json_object* v = nullptr;
@@ -208,7 +202,7 @@ bool wHttpFotaSupported(CgHttpRequest* request, uint8_t chunked) {
 }
 
 int RecordLastFWUpdateStatus(uint32_t code) {
-    if (!getObject("RDM_OID_PERIODIC_ONLINE_F_W_UPGRADE", false)) {
+    if (!wHttpGetObjectByName("RDM_OID_PERIODIC_ONLINE_F_W_UPGRADE", false)) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[%s]: Get PeriodicFWUpdate failed.\n", __func__);
         return WCFG_INTERNAL_ERROR;
     }

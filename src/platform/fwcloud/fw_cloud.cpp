@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <mutex>
 
@@ -38,6 +39,8 @@ const Release kCatalogue[] = {
 std::mutex gMutex;
 sigv4::Key gKey;
 std::string gHost;
+// The archives served, read once at start-up (never changed afterwards).
+std::map<std::string, std::string> gArchives;
 
 std::string dirPath(const std::string& name) {
     return platformPath(kDir) + "/" + name;
@@ -72,21 +75,12 @@ const Release* releaseOf(const std::string& code) {
     return nullptr;
 }
 
+// The first value of each query parameter ({} for a malformed query).
 std::map<std::string, std::string> parseQuery(const std::string& query) {
-    std::map<std::string, std::string> out;
-    size_t at = 0;
-    while (at < query.size()) {
-        size_t end = query.find('&', at);
-        if (end == std::string::npos)
-            end = query.size();
-        std::string part = query.substr(at, end - at), value;
-        size_t eq = part.find('=');
-        std::string name = part.substr(0, eq);
-        if (sigv4::uriDecode(eq == std::string::npos ? "" : part.substr(eq + 1), value))
-            out.emplace(name, value);
-        at = end + 1;
-    }
-    return out;
+    std::multimap<std::string, std::string> all;
+    if (!sigv4::parseQuery(query, all))
+        return {};
+    return std::map<std::string, std::string>(all.begin(), all.end());
 }
 
 // The meta document: "meta_file" is a JSON text of its own; the signing and
@@ -150,11 +144,6 @@ Answer check(const std::string& query) {
     return a;
 }
 
-std::string fileText(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 Answer image(const std::string& path, const std::string& query, const std::string& host) {
     Answer a;
     a.contentType = "application/zip";
@@ -179,7 +168,7 @@ Answer image(const std::string& path, const std::string& query, const std::strin
                        : mode == "extra"   ? "extra.zip"
                        : mode == "symlink" ? "link.zip"
                                            : "ok.zip";
-    a.body = fileText(dirPath(file));
+    a.body = gArchives.at(file);
     return a;
 }
 
@@ -193,7 +182,8 @@ bool zipImage(const std::string& image, const std::string& archive, std::string&
     std::string bin = work + "/firmwareImg.bin";
     std::ofstream(bin, std::ios::binary | std::ios::trunc) << image;
     std::string extra = work + "/planted.txt";
-    std::ofstream(extra, std::ios::trunc) << "planted by the archive\n";
+    if (plant)
+        std::ofstream(extra, std::ios::trunc) << "planted by the archive\n";
     unlink(archive.c_str());
     const char* argv[] = {
         "zip",  "-q", "-j", "-X", archive.c_str(), bin.c_str(), plant ? extra.c_str() : nullptr,
@@ -201,7 +191,8 @@ bool zipImage(const std::string& image, const std::string& archive, std::string&
     if (wos_exec(0, argv) != 0)
         return err = "zip failed for " + archive, false;
     unlink(bin.c_str());
-    unlink(extra.c_str());
+    if (plant)
+        unlink(extra.c_str());
     return true;
 }
 
@@ -239,6 +230,11 @@ bool init(const std::string& host, std::string& err) {
         return false;
     std::ofstream(dirPath("notzip.zip"), std::ios::binary | std::ios::trunc)
         << "This is not a zip archive.\n";
+    for (const char* name : {"ok.zip", "bad.zip", "extra.zip", "link.zip", "notzip.zip"}) {
+        std::ifstream in(dirPath(name), std::ios::binary);
+        gArchives[name].assign(std::istreambuf_iterator<char>(in),
+                               std::istreambuf_iterator<char>());
+    }
     return true;
 }
 

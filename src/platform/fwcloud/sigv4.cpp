@@ -56,24 +56,6 @@ std::string canonicalQuery(const std::multimap<std::string, std::string>& params
     return out;
 }
 
-bool parseQuery(const std::string& raw, std::multimap<std::string, std::string>& params) {
-    size_t at = 0;
-    while (at <= raw.size() && !raw.empty()) {
-        size_t end = raw.find('&', at);
-        std::string part = raw.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        size_t eq = part.find('=');
-        std::string name, value;
-        if (!uriDecode(part.substr(0, eq), name) ||
-            !uriDecode(eq == std::string::npos ? "" : part.substr(eq + 1), value))
-            return false;
-        params.emplace(name, value);
-        if (end == std::string::npos)
-            break;
-        at = end + 1;
-    }
-    return true;
-}
-
 bool validDate(const std::string& d) {
     if (d.size() != 16 || d[8] != 'T' || d[15] != 'Z')
         return false;
@@ -103,6 +85,24 @@ const std::string* single(const std::multimap<std::string, std::string>& params,
 }
 
 }  // namespace
+
+bool parseQuery(const std::string& raw, std::multimap<std::string, std::string>& params) {
+    size_t at = 0;
+    while (at <= raw.size() && !raw.empty()) {
+        size_t end = raw.find('&', at);
+        std::string part = raw.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        size_t eq = part.find('=');
+        std::string name, value;
+        if (!uriDecode(part.substr(0, eq), name) ||
+            !uriDecode(eq == std::string::npos ? "" : part.substr(eq + 1), value))
+            return false;
+        params.emplace(name, value);
+        if (end == std::string::npos)
+            break;
+        at = end + 1;
+    }
+    return true;
+}
 
 std::string uriEncode(const std::string& text, bool keepSlash) {
     std::string out;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <ctime>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +33,9 @@ struct Presigned {
 std::string uriEncode(const std::string& text, bool keepSlash);
 // Decodes %XX; false on a malformed escape.
 bool uriDecode(const std::string& text, std::string& out);
+// Splits a raw query string into decoded names and values (a name without
+// "=" has the value ""); false on a malformed escape.
+bool parseQuery(const std::string& raw, std::multimap<std::string, std::string>& params);
 std::string hexSha256(const std::string& data);
 // "YYYYMMDDTHHMMSSZ" of a calendar time (UTC).
 std::string amzDate(time_t t);
