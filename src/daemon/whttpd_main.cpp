@@ -15,6 +15,7 @@
 #include "discover/whttpd_discover.h"
 #include "auth/session.h"
 #include "daemon/whttpd.h"
+#include "daemon/http_limits.h"
 #include "daemon/whttpd_signals.h"
 #include "datamodel/oid_names.h"
 #include "platform/http/cg_http.h"
@@ -42,6 +43,7 @@ void writePidFile() {
 int InitHttpServer(CgHttpServer** server, const char* bindAddr, int port, bool ssl,
                    const CgHttpSslSettings* settings) {
     *server = cg_http_server_new();
+    cg_http_server_setlimits(*server, whttpdHttpLimits());
     gServerSslCopy = static_cast<CgHttpSslSettings*>(calloc(1, sizeof(CgHttpSslSettings)));
     if (!gServerSslCopy) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "fail to calloc memory, size = %zu", sizeof(CgHttpSslSettings));

@@ -1,5 +1,6 @@
 // HTTP server library of the platform: an HTTPS server that runs a listener
-// for every request, one thread per connection.  The implementation lives in
+// for every request.  Connections are served asynchronously (an idle one
+// holds no thread); listeners run on a bounded pool of worker threads.  The implementation lives in
 // cg_http_beast.cpp; nothing else sees the library beneath it.
 #pragma once
 
@@ -21,15 +22,24 @@ struct CgHttpSslSettings {
 
 typedef void (*CG_HTTP_LISTENER)(CgHttpRequest* request);
 
-// Limits of the server.
+// Limits of the server, set by its user before the server starts.  Over a
+// limit the server answers as HTTP prescribes (408 a request not complete in
+// time, 413 a body too large, 431 headers too large, 503 no worker free) or
+// closes the connection; it never waits on a client.
 struct CgHttpLimits {
-    int maxConnections = 128;      // concurrent connections; more wait in the backlog
-    int handshakeTimeoutSec = 10;  // TLS handshake
-    int readTimeoutSec = 30;       // one whole request, headers and body
-    int idleTimeoutSec = 60;       // a keep-alive connection between requests
-    int writeTimeoutSec = 30;      // one response
+    int maxConnections = 256;        // open connections (the longest-waiting idle one yields)
+    int maxPerAddress = 32;          // open connections of one client address
+    int handshakeTimeoutMs = 10000;  // from the accept to the end of the TLS handshake
+    int requestTimeoutMs = 15000;    // a request's first byte to its last
+    int idleTimeoutMs = 30000;       // waiting for the next request
+    int writeTimeoutMs = 30000;      // one piece of an answer
     size_t maxHeaderBytes = 16 * 1024;
     size_t maxBodyBytes = 64 * 1024;
+    int ioThreads = 2;   // threads of the network side (TLS, parsing)
+    int minWorkers = 2;  // threads that run the listener
+    int maxWorkers = 16;
+    int maxQueuedRequests = 64;  // complete requests waiting for a worker
+    size_t threadStackBytes = 256 * 1024;
 };
 
 CgHttpServer* cg_http_server_new(void);

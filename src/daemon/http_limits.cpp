@@ -1,0 +1,108 @@
+// Limits of the daemon's HTTPS server: see http_limits.h.
+#include "daemon/http_limits.h"
+
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "daemon/whttpd.h"
+
+namespace {
+
+struct LimitName {
+    const char* name;
+    int CgHttpLimits::*intField;
+    size_t CgHttpLimits::*sizeField;
+};
+
+const LimitName kLimitNames[] = {
+    {"connections", &CgHttpLimits::maxConnections, nullptr},
+    {"per_address", &CgHttpLimits::maxPerAddress, nullptr},
+    {"handshake_ms", &CgHttpLimits::handshakeTimeoutMs, nullptr},
+    {"request_ms", &CgHttpLimits::requestTimeoutMs, nullptr},
+    {"idle_ms", &CgHttpLimits::idleTimeoutMs, nullptr},
+    {"write_ms", &CgHttpLimits::writeTimeoutMs, nullptr},
+    {"header_bytes", nullptr, &CgHttpLimits::maxHeaderBytes},
+    {"body_bytes", nullptr, &CgHttpLimits::maxBodyBytes},
+    {"io_threads", &CgHttpLimits::ioThreads, nullptr},
+    {"min_workers", &CgHttpLimits::minWorkers, nullptr},
+    {"max_workers", &CgHttpLimits::maxWorkers, nullptr},
+    {"queue", &CgHttpLimits::maxQueuedRequests, nullptr},
+    {"stack_bytes", nullptr, &CgHttpLimits::threadStackBytes},
+};
+
+bool applyOne(const std::string& item, CgHttpLimits& limits, std::string& error) {
+    size_t eq = item.find('=');
+    std::string name = item.substr(0, eq);
+    const char* value = eq == std::string::npos ? "" : item.c_str() + eq + 1;
+    char* end = nullptr;
+    errno = 0;
+    long long v = strtoll(value, &end, 10);
+    if (!*value || *end || errno || v <= 0 || v > 1LL << 30) {
+        error = "bad value in " + item;
+        return false;
+    }
+    for (const LimitName& l : kLimitNames) {
+        if (name != l.name)
+            continue;
+        if (l.intField)
+            limits.*l.intField = static_cast<int>(v);
+        else
+            limits.*l.sizeField = static_cast<size_t>(v);
+        return true;
+    }
+    error = "unknown limit " + name;
+    return false;
+}
+
+// Descriptors: one per connection (a quarter more while evicted ones close)
+// and a reserve for the store, the logs and the tools the daemon runs.
+void fitDescriptors(CgHttpLimits& limits) {
+    constexpr rlim_t kReserve = 128;
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) != 0)
+        return;
+    rlim_t need = static_cast<rlim_t>(limits.maxConnections) * 5 / 4 + kReserve;
+    if (rl.rlim_cur < need) {
+        rl.rlim_cur = rl.rlim_max == RLIM_INFINITY || rl.rlim_max >= need ? need : rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+        getrlimit(RLIMIT_NOFILE, &rl);
+    }
+    if (rl.rlim_cur < need) {
+        rlim_t room = rl.rlim_cur > kReserve + 5 ? (rl.rlim_cur - kReserve) * 4 / 5 : 4;
+        limits.maxConnections = static_cast<int>(room);
+        WLOG(WLOG_NOTICE, WHTTPD_SRC, "connection ceiling lowered to %d (descriptor limit)\n",
+             limits.maxConnections);
+    }
+}
+
+}  // namespace
+
+bool whttpdApplyLimitText(const char* text, CgHttpLimits& limits, std::string& error) {
+    std::string rest = text ? text : "";
+    while (!rest.empty()) {
+        size_t comma = rest.find(',');
+        std::string item = rest.substr(0, comma);
+        if (!item.empty() && !applyOne(item, limits, error))
+            return false;
+        rest = comma == std::string::npos ? "" : rest.substr(comma + 1);
+    }
+    return true;
+}
+
+CgHttpLimits whttpdHttpLimits() {
+    CgHttpLimits limits;  // the router's defaults (cg_http.h)
+    unsigned cores = std::thread::hardware_concurrency();
+    limits.ioThreads = cores >= 2 ? 2 : 1;
+    std::string error;
+    CgHttpLimits changed = limits;
+    if (!whttpdApplyLimitText(getenv("WHTTPD_HTTP_LIMITS"), changed, error))
+        WLOG(WLOG_ERR, WHTTPD_SRC, "WHTTPD_HTTP_LIMITS ignored: %s\n", error.c_str());
+    else
+        limits = changed;
+    fitDescriptors(limits);
+    return limits;
+}

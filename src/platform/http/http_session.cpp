@@ -1,0 +1,304 @@
+// One connection of the HTTP adapter: see http_session.h.
+//
+// Phases and their deadlines (one timer, re-armed per phase):
+//   Handshake  from the accept until TLS is up          handshake time
+//   Waiting    for the first byte of the next request   idle time
+//   Reading    first byte to last byte of a request     request time, then 408
+//   Handling   the listener runs; each write             write time
+//   Closing    TLS close                                 2 s
+// A connection holds no request while in Handshake or Waiting and may then
+// be told to make room for a new one (see conn_registry.h).
+#include "platform/http/http_session.h"
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/detect_ssl.hpp>
+#include <sstream>
+
+namespace net = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+std::chrono::milliseconds ms(int v) {
+    return std::chrono::milliseconds(v > 0 ? v : 1);
+}
+
+std::string plainAnswer(http::status status) {
+    http::response<http::string_body> res{status, 11};
+    res.set(http::field::content_type, "text/plain");
+    res.set(http::field::connection, "close");
+    if (status == http::status::service_unavailable)
+        res.set(http::field::retry_after, "1");
+    res.body() = std::string(http::obsolete_reason(status)) + "\n";
+    res.prepare_payload();
+    std::ostringstream os;
+    os << res;
+    return std::move(os).str();
+}
+
+// The client went away or stopped mid-way: nothing to answer.
+bool peerGone(const boost::system::error_code& ec) {
+    return ec == http::error::end_of_stream || ec == http::error::partial_message ||
+           ec == net::error::eof || ec == net::ssl::error::stream_truncated ||
+           ec == net::error::connection_reset || ec == net::error::operation_aborted;
+}
+
+}  // namespace
+
+HttpSession::HttpSession(std::shared_ptr<HttpServerState> st, net::ip::tcp::socket sock,
+                         std::string remote, std::string local, int localPort)
+    : st_(std::move(st)),
+      id_(st_->nextId++),
+      ex_(sock.get_executor()),
+      deadline_(ex_),
+      buffer_(st_->limits.maxHeaderBytes + st_->limits.maxBodyBytes + 16 * 1024),
+      remote_(std::move(remote)),
+      local_(std::move(local)),
+      localPort_(localPort) {
+    boost::system::error_code ec;
+    sock.set_option(net::ip::tcp::no_delay(true), ec);
+    tcp_.emplace(std::move(sock));
+}
+
+HttpSession::~HttpSession() {
+    st_->conns.remove(id_);
+}
+
+beast::tcp_stream& HttpSession::lowest() {
+    return tls_ ? beast::get_lowest_layer(*tls_) : *tcp_;
+}
+
+void HttpSession::start() {
+    std::weak_ptr<HttpSession> weak = shared_from_this();
+    auto admitted = st_->conns.admit(id_, remote_, [weak] {
+        if (auto self = weak.lock())
+            self->evict();
+    });
+    if (admitted != ConnRegistry::Admit::Yes)
+        return;  // the socket closes with this object
+    net::dispatch(ex_, [self = shared_from_this()] {
+        self->enter(Phase::Handshake);
+        self->arm(Clock::now() + ms(self->st_->limits.handshakeTimeoutMs));
+        beast::async_detect_ssl(
+            *self->tcp_, self->buffer_,
+            [self](boost::system::error_code ec, bool tls) { self->onDetect(ec, tls); });
+    });
+}
+
+void HttpSession::evict() {
+    net::post(ex_, [self = shared_from_this()] { self->closeNow(); });
+}
+
+void HttpSession::onDetect(boost::system::error_code ec, bool tls) {
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec || !tls)  // silent until the deadline, gone, or not TLS at all
+        return closeNow();
+    tls_.emplace(std::move(*tcp_), st_->sslCtx);
+    tcp_.reset();
+    tls_->async_handshake(net::ssl::stream_base::server, buffer_.data(),
+                          [self = shared_from_this()](boost::system::error_code e, size_t used) {
+                              self->onHandshake(e, used);
+                          });
+}
+
+void HttpSession::onHandshake(boost::system::error_code ec, size_t used) {
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec)
+        return closeNow();
+    buffer_.consume(used);
+    readRequest();
+}
+
+void HttpSession::readRequest() {
+    req_.reset();
+    listenerDone_ = false;
+    closeAfterWrite_ = false;
+    timedOut_ = false;
+    if (buffer_.size() == 0)
+        buffer_.shrink_to_fit();  // an idle connection keeps no buffer
+    parser_.emplace();
+    parser_->header_limit(static_cast<uint32_t>(st_->limits.maxHeaderBytes));
+    parser_->body_limit(st_->limits.maxBodyBytes);
+    if (buffer_.size() == 0) {
+        enter(Phase::Waiting);
+        arm(Clock::now() + ms(st_->limits.idleTimeoutMs));
+    } else {
+        enter(Phase::Reading);
+        arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
+    }
+    readSome();
+}
+
+void HttpSession::readSome() {
+    http::async_read_some(
+        *tls_, buffer_, *parser_,
+        [self = shared_from_this()](boost::system::error_code ec, size_t) { self->onRead(ec); });
+}
+
+void HttpSession::onRead(boost::system::error_code ec) {
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec == http::error::header_limit)
+        return refuse(http::status::request_header_fields_too_large);
+    if (ec == http::error::body_limit || ec == http::error::buffer_overflow)
+        return refuse(http::status::payload_too_large);
+    if (timedOut_ && !(!ec && parser_->is_done()))
+        return refuse(http::status::request_timeout);
+    if (ec) {
+        if (phase_ == Phase::Reading && !peerGone(ec))
+            return refuse(http::status::bad_request);
+        return closeNow();
+    }
+    if (phase_ == Phase::Waiting) {
+        // The request's clock starts with its first byte.
+        enter(Phase::Reading);
+        arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
+    }
+    if (parser_->is_done())
+        return dispatch();
+    readSome();
+}
+
+void HttpSession::dispatch() {
+    disarm();
+    enter(Phase::Handling);
+    req_ = std::make_unique<CgHttpRequest>();
+    cgHttpRequestInit(*req_, parser_->release(), remote_, local_, localPort_);
+    req_->output = this;
+    parser_.reset();
+    if (!st_->pool->submit([self = shared_from_this()] { self->runListener(); })) {
+        req_.reset();
+        refuse(http::status::service_unavailable);
+    }
+}
+
+// On a worker thread.
+void HttpSession::runListener() {
+    if (st_->running && st_->listener)
+        st_->listener(req_.get());
+    if (st_->running)
+        net::post(ex_, [self = shared_from_this()] { self->onListenerDone(); });
+}
+
+// On a worker thread: the bytes go to the strand, which writes them.
+void HttpSession::send(std::string bytes) {
+    if (!st_->running)
+        return;
+    net::post(ex_, [self = shared_from_this(), b = std::move(bytes)]() mutable {
+        self->out_.push_back(std::move(b));
+        self->flush();
+    });
+}
+
+void HttpSession::onListenerDone() {
+    if (phase_ == Phase::Closing)
+        return;
+    listenerDone_ = true;
+    if (!writeBusy_ && out_.empty())
+        afterAnswer();
+}
+
+void HttpSession::flush() {
+    if (writeBusy_ || out_.empty() || phase_ == Phase::Closing)
+        return;
+    writing_.clear();
+    for (std::string& piece : out_)
+        writing_ += piece;
+    out_.clear();
+    writeBusy_ = true;
+    arm(Clock::now() + ms(st_->limits.writeTimeoutMs));
+    net::async_write(
+        *tls_, net::buffer(writing_),
+        [self = shared_from_this()](boost::system::error_code ec, size_t) { self->onWritten(ec); });
+}
+
+void HttpSession::onWritten(boost::system::error_code ec) {
+    writeBusy_ = false;
+    std::string().swap(writing_);
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec) {
+        failed_ = true;
+        return closeNow();
+    }
+    disarm();
+    if (!out_.empty())
+        return flush();
+    if (listenerDone_)
+        afterAnswer();
+}
+
+// The answer is out: the next request on a kept-alive connection, or close.
+// A request the listener left unanswered ends the connection.
+void HttpSession::afterAnswer() {
+    bool again = !closeAfterWrite_ && !failed_ && req_ && req_->answered && req_->msg.keep_alive();
+    if (!again)
+        return shutdown();
+    readRequest();
+}
+
+// A request refused by the server itself; the connection closes after it.
+void HttpSession::refuse(http::status status) {
+    enter(Phase::Handling);
+    disarm();
+    closeAfterWrite_ = true;
+    listenerDone_ = true;
+    out_.push_back(plainAnswer(status));
+    flush();
+}
+
+void HttpSession::shutdown() {
+    enter(Phase::Closing);
+    arm(Clock::now() + std::chrono::seconds(2));
+    tls_->async_shutdown(
+        [self = shared_from_this()](boost::system::error_code) { self->closeNow(); });
+}
+
+void HttpSession::closeNow() {
+    if (phase_ != Phase::Closing)
+        enter(Phase::Closing);
+    failed_ = true;
+    disarm();
+    boost::system::error_code ec;
+    lowest().socket().shutdown(net::ip::tcp::socket::shutdown_both, ec);
+    lowest().close();
+}
+
+void HttpSession::enter(Phase phase) {
+    phase_ = phase;
+    st_->conns.setBusy(
+        id_, phase == Phase::Reading || phase == Phase::Handling || phase == Phase::Closing);
+}
+
+void HttpSession::arm(Clock::time_point when) {
+    uint64_t generation = ++deadlineGeneration_;
+    deadline_.expires_at(when);
+    deadline_.async_wait([self = shared_from_this(), generation](boost::system::error_code ec) {
+        if (!ec)
+            self->onDeadline(generation);
+    });
+}
+
+void HttpSession::disarm() {
+    ++deadlineGeneration_;
+    deadline_.cancel();
+}
+
+void HttpSession::onDeadline(uint64_t generation) {
+    if (generation != deadlineGeneration_)
+        return;
+    if (phase_ == Phase::Reading) {
+        // The read ends aborted and its handler answers 408.
+        timedOut_ = true;
+        lowest().cancel();
+        return;
+    }
+    if (phase_ == Phase::Handling)
+        failed_ = true;
+    closeNow();
+}

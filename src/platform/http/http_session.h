@@ -1,0 +1,107 @@
+// One connection of the HTTP adapter: TLS set-up, reading requests within
+// their limits, handing them to the worker pool, writing the answers the
+// listener posts, and closing.  Every step is an asynchronous operation on
+// the connection's strand; the connection holds no thread while it waits.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/http/cg_http_internal.h"
+#include "platform/http/conn_registry.h"
+#include "platform/http/worker_pool.h"
+
+// What the connections of one server share.  The io_context comes last so
+// that it goes first: the handlers it still holds release their connections
+// while the rest of the state is alive.
+struct HttpServerState {
+    CgHttpLimits limits;
+    boost::asio::ssl::context sslCtx{boost::asio::ssl::context::tls_server};
+    CG_HTTP_LISTENER listener = nullptr;
+    std::atomic<bool> running{false};
+    ConnRegistry conns;
+    std::atomic<uint64_t> nextId{1};
+    std::unique_ptr<WorkerPool> pool;
+    std::mutex threadsMutex;
+    std::condition_variable threadsGone;
+    int ioThreads = 0;
+    boost::asio::io_context ioc;
+    std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
+    boost::asio::steady_timer acceptRetry{ioc};
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work{
+        ioc.get_executor()};
+};
+
+class HttpSession : public std::enable_shared_from_this<HttpSession>, public HttpOutput {
+  public:
+    HttpSession(std::shared_ptr<HttpServerState> st, boost::asio::ip::tcp::socket sock,
+                std::string remote, std::string local, int localPort);
+    ~HttpSession() override;
+    // Admits the connection and starts its TLS set-up.
+    void start();
+    // Closes the connection at once (any thread).
+    void evict();
+
+    // HttpOutput, for the listener's thread.
+    void send(std::string bytes) override;
+    bool failed() const override { return failed_; }
+
+  private:
+    using Tls = boost::beast::ssl_stream<boost::beast::tcp_stream>;
+    enum class Phase { Handshake, Waiting, Reading, Handling, Closing };
+
+    void onDetect(boost::system::error_code ec, bool tls);
+    void onHandshake(boost::system::error_code ec, size_t used);
+    void readRequest();
+    void readSome();
+    void onRead(boost::system::error_code ec);
+    void dispatch();
+    void runListener();
+    void onListenerDone();
+    void flush();
+    void onWritten(boost::system::error_code ec);
+    void afterAnswer();
+    void refuse(boost::beast::http::status status);
+    void shutdown();
+    void closeNow();
+    void arm(std::chrono::steady_clock::time_point when);
+    void disarm();
+    void onDeadline(uint64_t generation);
+    void enter(Phase phase);
+    boost::beast::tcp_stream& lowest();
+
+    std::shared_ptr<HttpServerState> st_;
+    uint64_t id_;
+    boost::asio::any_io_executor ex_;
+    std::optional<boost::beast::tcp_stream> tcp_;  // until TLS takes it over
+    std::optional<Tls> tls_;
+    boost::asio::steady_timer deadline_;
+    uint64_t deadlineGeneration_ = 0;
+    Phase phase_ = Phase::Handshake;
+    bool timedOut_ = false;
+    boost::beast::flat_buffer buffer_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+    std::unique_ptr<CgHttpRequest> req_;
+    std::string remote_, local_;
+    int localPort_ = 0;
+    std::deque<std::string> out_;
+    std::string writing_;
+    bool writeBusy_ = false;
+    bool listenerDone_ = false;
+    bool closeAfterWrite_ = false;
+    std::atomic<bool> failed_{false};
+};

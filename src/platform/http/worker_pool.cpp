@@ -1,0 +1,160 @@
+// Worker pool of the HTTP adapter: see worker_pool.h.
+#include "platform/http/worker_pool.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+namespace {
+
+// Sanitizer builds put red zones around every frame; their threads get
+// a larger stack so that the same code fits.
+size_t adjustedStack(size_t bytes) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr size_t kSanitizerStack = 4u << 20;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    constexpr size_t kSanitizerStack = 4u << 20;
+#else
+    constexpr size_t kSanitizerStack = 0;
+#endif
+#else
+    constexpr size_t kSanitizerStack = 0;
+#endif
+    if (bytes < kSanitizerStack)
+        bytes = kSanitizerStack;
+    if (bytes < static_cast<size_t>(PTHREAD_STACK_MIN))
+        bytes = PTHREAD_STACK_MIN;
+    return bytes;
+}
+
+void* threadMain(void* arg) {
+    std::unique_ptr<std::function<void()>> body(static_cast<std::function<void()>*>(arg));
+    (*body)();
+    return nullptr;
+}
+
+}  // namespace
+
+bool startSmallStackThread(size_t stackBytes, std::function<void()> body) {
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0)
+        return false;
+    pthread_attr_setstacksize(&attr, adjustedStack(stackBytes));
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    auto* arg = new std::function<void()>(std::move(body));
+    pthread_t tid;
+    int rc = pthread_create(&tid, &attr, threadMain, arg);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        delete arg;
+        return false;
+    }
+    return true;
+}
+
+struct WorkerPool::State {
+    WorkerPoolConfig config;
+    std::mutex m;
+    std::condition_variable work;  // a job arrived or the pool stops
+    std::condition_variable gone;  // a thread left
+    std::deque<std::function<void()>> jobs;
+    int threads = 0;
+    int idle = 0;
+    bool stopping = false;
+};
+
+namespace {
+
+// Takes the next job; an empty job tells the thread to leave.
+std::function<void()> nextJob(WorkerPool::State& s, std::unique_lock<std::mutex>& lock) {
+    auto idleFor = std::chrono::milliseconds(s.config.idleExitMs);
+    for (;;) {
+        if (!s.jobs.empty()) {
+            std::function<void()> job = std::move(s.jobs.front());
+            s.jobs.pop_front();
+            return job;
+        }
+        if (s.stopping)
+            return {};
+        ++s.idle;
+        bool woke = s.work.wait_for(lock, idleFor, [&] { return !s.jobs.empty() || s.stopping; });
+        --s.idle;
+        if (!woke && s.threads > s.config.minThreads)
+            return {};
+    }
+}
+
+void workerLoop(std::shared_ptr<WorkerPool::State> s) {
+    if (s->config.threadInit)
+        s->config.threadInit();
+    std::unique_lock<std::mutex> lock(s->m);
+    for (;;) {
+        std::function<void()> job = nextJob(*s, lock);
+        if (!job)
+            break;
+        lock.unlock();
+        job();
+        job = nullptr;  // whatever the job holds goes before the next wait
+        lock.lock();
+    }
+    --s->threads;
+    s->gone.notify_all();
+}
+
+// Starts one more thread; called with the lock held.
+bool addThread(const std::shared_ptr<WorkerPool::State>& s) {
+    ++s->threads;
+    if (startSmallStackThread(s->config.stackBytes, [s] { workerLoop(s); }))
+        return true;
+    --s->threads;
+    return false;
+}
+
+}  // namespace
+
+WorkerPool::WorkerPool(WorkerPoolConfig config) : state_(std::make_shared<State>()) {
+    if (config.minThreads < 1)
+        config.minThreads = 1;
+    if (config.maxThreads < config.minThreads)
+        config.maxThreads = config.minThreads;
+    state_->config = std::move(config);
+    std::lock_guard<std::mutex> lock(state_->m);
+    for (int i = 0; i < state_->config.minThreads; ++i)
+        addThread(state_);
+}
+
+WorkerPool::~WorkerPool() {
+    stop(0);
+}
+
+bool WorkerPool::submit(std::function<void()> job) {
+    std::lock_guard<std::mutex> lock(state_->m);
+    State& s = *state_;
+    if (s.stopping || static_cast<int>(s.jobs.size()) >= s.config.maxQueued)
+        return false;
+    // Grow when the waiting jobs outnumber the threads free to take them.
+    if (static_cast<int>(s.jobs.size()) >= s.idle && s.threads < s.config.maxThreads)
+        addThread(state_);
+    if (s.threads == 0)
+        return false;
+    s.jobs.push_back(std::move(job));
+    s.work.notify_one();
+    return true;
+}
+
+void WorkerPool::stop(int waitMs) {
+    std::unique_lock<std::mutex> lock(state_->m);
+    state_->stopping = true;
+    state_->work.notify_all();
+    state_->gone.wait_for(lock, std::chrono::milliseconds(waitMs),
+                          [&] { return state_->threads == 0; });
+}
+
+int WorkerPool::threadCount() const {
+    std::lock_guard<std::mutex> lock(state_->m);
+    return state_->threads;
+}
