@@ -74,7 +74,7 @@ json_object* loginBody(CgHttpRequest* request, JsonPtr& local) {
     JsonPtr& doc = ctx ? ctx->loginBody : local;
     if (!ctx || !ctx->loginBodyParsed) {
         const char* body = cg_http_request_getcontent(request);
-        doc.reset(body ? json_tokener_parse(body) : nullptr);
+        doc.reset(jsonParseUtf8(body));
         if (ctx)
             ctx->loginBodyParsed = true;
     }

@@ -83,7 +83,7 @@ std::string updateAccount(const std::string (&text)[4], const char* remote) {
 int wHttpUserUpdateHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
     const char* content = cg_http_request_getcontent(request);
-    JsonPtr body(content ? json_tokener_parse(content) : nullptr);
+    JsonPtr body(jsonParseUtf8(content));
     json_object* value[4] = {};
     for (int i = 0; i < 4; ++i) {
         if (!body || !json_object_is_type(body.get(), json_type_object) ||

@@ -6,17 +6,24 @@
 #include <cstring>
 
 #include "daemon/whttpd.h"
+#include "platform/json_util.h"
+#include "platform/utf8.h"
 #include "platform/store/wcfg.h"
 
 namespace {
 
 // Copies `from` up to the first "?" into `path`, at most 255 characters.
-void copyPath(const char* from, char* path) {
+// A path that is not UTF-8 names nothing and is not echoed: false, "".
+bool copyPath(const char* from, char* path) {
     char work[256];
     wos_strlcpy(work, from, sizeof work);
     if (char* q = strchr(work, '?'))
         *q = '\0';
     wos_strlcpy(path, work, 256);
+    if (utf8Valid(path))
+        return true;
+    path[0] = '\0';
+    return false;
 }
 
 }  // namespace
@@ -27,9 +34,9 @@ int wHttpParseTR181PathText(const char* uri, const char* firstLevelOnlyValue, ch
     if (!uri)
         return WCFG_INVALID_OBJECT;
     if (const char* at = strstr(uri, "/Device.")) {
-        copyPath(at + 1, path);
+        bool text = copyPath(at + 1, path);
         size_t n = strlen(path);
-        if (n == 0 || path[n - 1] != '.')
+        if (!text || n == 0 || path[n - 1] != '.')
             return WCFG_INVALID_OBJECT;
         if (firstLevelOnly) {
             *firstLevelOnly = 1;
@@ -39,8 +46,7 @@ int wHttpParseTR181PathText(const char* uri, const char* firstLevelOnlyValue, ch
         return 0;
     }
     if (const char* at = strstr(uri, "/MultiObjects")) {
-        copyPath(at + 1, path);
-        return 0;
+        return copyPath(at + 1, path) ? 0 : WCFG_INVALID_OBJECT;
     }
     return WCFG_INVALID_OBJECT;
 }
@@ -56,7 +62,7 @@ int wHttpParseTR181ObjectText(const char* contentLength, const char* body, json_
     if (!contentLength || atoi(contentLength) == 0 || !body || !strcmp(body, "[]") ||
         !strcmp(body, "{}") || !strcmp(body, "undefined"))
         return WCFG_INVALID_FORMAT;
-    json_object* value = json_tokener_parse(body);
+    json_object* value = jsonParseUtf8(body);
     if (!value)
         return WCFG_INVALID_FORMAT;
     *out = value;

@@ -1,6 +1,8 @@
 // TR181/Value/: read an object, a table or a subtree (GET), write one object
 // or a batch (PUT), add an instance (POST), delete one (DELETE).  Writes are
-// serialised by the data-model request mutex; reads run beside them.
+// serialised by the data-model request mutex; reads run beside them.  A
+// write's answer is built under the mutex and handed to the connection
+// after the mutex is released.
 #include "datamodel/value_handlers.h"
 
 #include <cstring>
@@ -219,14 +221,17 @@ int wHttpTR181ValueHandle(CgHttpRequest* request, uint8_t chunked, int /*spare*/
     if (!strcmp(method, "GET"))
         return wHttpTR181ValueGetHandle(request, chunked);
     if (!strcmp(method, "PUT")) {
+        WHttpHeldAnswer answer(request);  // posted after the unlock
         WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueSetHandle(request, chunked);
     }
     if (!strcmp(method, "POST")) {
+        WHttpHeldAnswer answer(request);  // posted after the unlock
         WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueAddHandle(request, chunked);
     }
     if (!strcmp(method, "DELETE")) {
+        WHttpHeldAnswer answer(request);  // posted after the unlock
         WHttpMutexLock lock(&gDataModelMutex);
         return wHttpTR181ValueDelHandle(request, chunked);
     }

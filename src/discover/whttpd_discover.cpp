@@ -120,7 +120,7 @@ bool isRequest(const unsigned char* buf, ssize_t n) {
         return false;
     const char* payload = reinterpret_cast<const char*>(buf + 4);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Rx Payload: %s\n", kSelf, payload);
-    JsonPtr req(json_tokener_parse(payload));
+    JsonPtr req(jsonParseUtf8(payload));
     if (!req) {
         WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s parse request payload fail.\n", kSelf);
         return false;

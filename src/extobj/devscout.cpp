@@ -7,6 +7,7 @@
 #include "daemon/whttpd.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
+#include "platform/utf8.h"
 
 namespace {
 
@@ -80,9 +81,13 @@ std::string vxDevscoutColumn(int row, int column, const char* fallback) {
     const char* cell = t.at(row, column);
     if (!cell || !*cell || (column == 11 && !strcmp(cell, "0")))
         return fallback;
+    // Host names and the like come from the hosts themselves: text that is
+    // not UTF-8 reads as an empty cell.
+    if (!utf8Valid(cell))
+        return fallback;
     if (column != 17)
         return cell;
-    JsonPtr node(json_tokener_parse(cell));
+    JsonPtr node(jsonParseUtf8(cell));
     json_object* v = nullptr;
     if (!strcmp(fallback, "2")) {
         if (!json_object_object_get_ex(node.get(), "NewfirmwareUpgradeState", &v))
@@ -91,7 +96,8 @@ std::string vxDevscoutColumn(int row, int column, const char* fallback) {
     }
     if (!json_object_object_get_ex(node.get(), "FirmwareVersion", &v))
         return fallback;
-    return std::string(json_object_get_string(v)).substr(0, 3);
+    std::string version = json_object_get_string(v);
+    return version.substr(0, utf8CutLength(version, 3));
 }
 
 bool vxDevscoutIsNode(int row) {

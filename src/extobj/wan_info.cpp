@@ -10,6 +10,7 @@
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
+#include "platform/utf8.h"
 #include "platform/store/wcfg.h"
 
 #define VX_SRC "whttpd_extobj.c"
@@ -107,6 +108,8 @@ int addWanStatus(json_object* answer) {
     int fallback = 0;
     char line[128];
     while (fgets(line, sizeof line, f)) {
+        if (!utf8Valid(line))
+            continue;  // not text: an unreadable line
         if (strstr(line, "Enable")) {
             char status[10] = "", ip[24] = "", mac[18] = "";
             sscanf(line, format, status, ip, mac);
@@ -141,12 +144,12 @@ void addBridgeAddresses(json_object* answer) {
         WLOG(WLOG_ERR, VX_SRC, "fail to run system()");
     char mac[18] = "", ip[64] = "";
     if (FILE* f = fopen(macFile.c_str(), "r")) {
-        if (fscanf(f, "%17s", mac) == 1)
+        if (fscanf(f, "%17s", mac) == 1 && utf8Valid(mac))
             json_object_object_add(answer, "MAC", json_object_new_string(mac));
         fclose(f);
     }
     if (FILE* f = fopen(ipFile.c_str(), "r")) {
-        if (fscanf(f, "%63s", ip) == 1)
+        if (fscanf(f, "%63s", ip) == 1 && utf8Valid(ip))
             json_object_object_add(answer, "IPAddress", json_object_new_string(ip));
         fclose(f);
     }

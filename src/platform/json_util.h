@@ -1,4 +1,4 @@
-// RAII owner for json-c objects.
+// RAII owner for json-c objects and small helpers of json-c.
 #pragma once
 
 #include <json-c/json.h>
@@ -26,6 +26,11 @@ inline std::string jsonText(json_object* obj, const char* key) {
     return std::string(json_object_get_string(v),
                        static_cast<size_t>(json_object_get_string_len(v)));
 }
+
+// Parses JSON text from outside the daemon as json_tokener_parse does, but
+// refuses text that is not well-formed UTF-8 (nullptr, as for text that is
+// not JSON).  The caller owns the result.
+json_object* jsonParseUtf8(const char* text);
 
 struct JsonPutter {
     void operator()(json_object* o) const { json_object_put(o); }

@@ -19,6 +19,7 @@
 #include "datamodel/oid_names.h"
 #include "datamodel/return_codes.h"
 #include "platform/store/wcfg.h"
+#include "platform/utf8.h"
 #include "rest/fota.h"
 #include "rest/whttpd_rest.h"
 
@@ -46,8 +47,11 @@ int storeUpgradeObject(json_object* values) {
 void storeSummary(const char* version, const char* date, const char* description, bool newFw) {
     JsonPtr values(json_object_new_object());
     char cut[65], dateCut[32];
-    wos_strlcpy(cut, version, sizeof cut);
-    wos_strlcpy(dateCut, date, sizeof dateCut);
+    version = version ? version : "";
+    date = date ? date : "";
+    // Cut where a character ends, so that the store takes the value.
+    wos_strlcpy(cut, version, utf8CutLength(version, sizeof cut - 1) + 1);
+    wos_strlcpy(dateCut, date, utf8CutLength(date, sizeof dateCut - 1) + 1);
     json_object_object_add(values.get(), "CurrentFWVersion", json_object_new_string(cut));
     json_object_object_add(values.get(), "ReleaseDate", json_object_new_string(dateCut));
     json_object_object_add(values.get(), "Description", json_object_new_string(description));
@@ -139,6 +143,10 @@ int readMeta(std::string& text) {
         return FOTA_NO_MEMORY;
     }
     text.resize(strlen(text.c_str()));
+    if (!utf8Valid(text)) {
+        WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] meta file is not UTF-8 text\n");
+        return FOTA_META_UNUSABLE;
+    }
     return 0;
 }
 

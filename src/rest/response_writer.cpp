@@ -69,7 +69,23 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
                                      : json_object_to_json_string(doc);
     if (text.find("WCFG_INVALID_IMAGE") != std::string::npos)
         cg_http_response_setstatuscode(response, 400);
-    if (!chunked) {
+    if (doc)
+        json_object_put(doc);
+    WHttpAnswer answer{response, std::move(text), chunked != 0};
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    if (ctx && ctx->heldAnswer && !ctx->heldAnswer->response) {
+        *ctx->heldAnswer = std::move(answer);
+        return;
+    }
+    wHttpPostAnswer(request, answer);
+}
+
+void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer) {
+    CgHttpResponse* response = answer.response;
+    if (!response)
+        return;
+    const std::string& text = answer.text;
+    if (!answer.chunked) {
         cg_http_response_setcontent(response, text.data(), text.size());
         cg_http_response_setheader(response, "Content-Length", std::to_string(text.size()).c_str());
         cg_http_request_postresponse(request, response);
@@ -79,7 +95,17 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
         cg_http_request_postchunkeddata(request, text.data(), text.size());
         cg_http_request_postlastchunk(request);
     }
-    if (doc)
-        json_object_put(doc);
     cg_http_response_delete(response);
+    answer.response = nullptr;
+}
+
+WHttpHeldAnswer::WHttpHeldAnswer(CgHttpRequest* request) : request_(request) {
+    if (WHttpReqCtx* ctx = wHttpReqCtx(request))
+        ctx->heldAnswer = &answer_;
+}
+
+WHttpHeldAnswer::~WHttpHeldAnswer() {
+    if (WHttpReqCtx* ctx = wHttpReqCtx(request_))
+        ctx->heldAnswer = nullptr;
+    wHttpPostAnswer(request_, answer_);
 }

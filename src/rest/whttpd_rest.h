@@ -2,6 +2,8 @@
 // and its setters.
 #pragma once
 
+#include <string>
+
 #include <json-c/json.h>
 
 #include <cstdint>
@@ -10,8 +12,19 @@
 #include "platform/json_util.h"
 
 // Per-request context, attached to the request by the request entry.
+// An answer built but not yet handed to the connection.
+struct WHttpAnswer {
+    CgHttpResponse* response = nullptr;
+    std::string text;
+    bool chunked = false;
+};
+
 struct WHttpReqCtx {
     CgHttpRequest* request = nullptr;
+    // While set, the response writer builds the answer into it instead of
+    // posting it: a write builds its answer under the data-model request
+    // mutex and posts it after the mutex is released (WHttpHeldAnswer).
+    WHttpAnswer* heldAnswer = nullptr;
     char userName[32] = "";
     char sessionID[33] = "";
     char privilege[16] = "";
@@ -59,6 +72,22 @@ void wHttpSetMethodList(json_object* doc, json_object* value);
 // chunked body.  Takes ownership of `response` (may be null) and `doc`.
 void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
                                uint8_t chunked, uint8_t renewSessionKey);
+// Hands a built answer to the connection and frees its response.
+void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer);
+
+// Holds the answers written during its life in the request's context and
+// posts them when it ends; declared before the lock it outlives.
+class WHttpHeldAnswer {
+  public:
+    explicit WHttpHeldAnswer(CgHttpRequest* request);
+    ~WHttpHeldAnswer();
+    WHttpHeldAnswer(const WHttpHeldAnswer&) = delete;
+    WHttpHeldAnswer& operator=(const WHttpHeldAnswer&) = delete;
+
+  private:
+    CgHttpRequest* request_;
+    WHttpAnswer answer_;
+};
 
 // HTML-encodes, in place, the string values of an object or array.
 void wHttpHtmlEncode(json_object* value);

@@ -22,6 +22,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+// The first read of a request; later reads take what the parser needs.
+constexpr size_t kFirstRead = 4096;
+
 std::chrono::milliseconds ms(int v) {
     return std::chrono::milliseconds(v > 0 ? v : 1);
 }
@@ -119,23 +122,34 @@ void HttpSession::readRequest() {
     listenerDone_ = false;
     closeAfterWrite_ = false;
     timedOut_ = false;
-    if (buffer_.size() == 0)
-        buffer_.shrink_to_fit();  // an idle connection keeps no buffer
     parser_.emplace();
     parser_->header_limit(static_cast<uint32_t>(st_->limits.maxHeaderBytes));
     parser_->body_limit(st_->limits.maxBodyBytes);
-    if (buffer_.size() == 0) {
-        enter(Phase::Waiting);
-        arm(Clock::now() + ms(st_->limits.idleTimeoutMs));
-    } else {
-        enter(Phase::Reading);
-        arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
-    }
-    readSome();
+    if (buffer_.size() > 0)
+        return readRest();
+    buffer_.shrink_to_fit();  // an idle connection keeps no buffer
+    enter(Phase::Waiting);
+    arm(Clock::now() + ms(st_->limits.idleTimeoutMs));
+    tls_->async_read_some(buffer_.prepare(kFirstRead),
+                          [self = shared_from_this()](boost::system::error_code ec, size_t n) {
+                              self->onFirstBytes(ec, n);
+                          });
 }
 
-void HttpSession::readSome() {
-    http::async_read_some(
+void HttpSession::onFirstBytes(boost::system::error_code ec, size_t n) {
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec)  // idle time over, or the client left
+        return closeNow();
+    buffer_.commit(n);
+    readRest();
+}
+
+// The request's clock starts with its first byte.
+void HttpSession::readRest() {
+    enter(Phase::Reading);
+    arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
+    http::async_read(
         *tls_, buffer_, *parser_,
         [self = shared_from_this()](boost::system::error_code ec, size_t) { self->onRead(ec); });
 }
@@ -149,19 +163,9 @@ void HttpSession::onRead(boost::system::error_code ec) {
         return refuse(http::status::payload_too_large);
     if (timedOut_ && !(!ec && parser_->is_done()))
         return refuse(http::status::request_timeout);
-    if (ec) {
-        if (phase_ == Phase::Reading && !peerGone(ec))
-            return refuse(http::status::bad_request);
-        return closeNow();
-    }
-    if (phase_ == Phase::Waiting) {
-        // The request's clock starts with its first byte.
-        enter(Phase::Reading);
-        arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
-    }
-    if (parser_->is_done())
-        return dispatch();
-    readSome();
+    if (ec)
+        return peerGone(ec) ? closeNow() : refuse(http::status::bad_request);
+    dispatch();
 }
 
 void HttpSession::dispatch() {

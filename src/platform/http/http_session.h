@@ -67,7 +67,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void onDetect(boost::system::error_code ec, bool tls);
     void onHandshake(boost::system::error_code ec, size_t used);
     void readRequest();
-    void readSome();
+    void onFirstBytes(boost::system::error_code ec, size_t n);
+    void readRest();
     void onRead(boost::system::error_code ec);
     void dispatch();
     void runListener();

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "platform/json_util.h"
+#include "platform/utf8.h"
 #include "platform/store/wcfg.h"
 
 namespace wcfg {
@@ -63,8 +64,10 @@ int convertText(const wdm::Param& p, json_object* in, Value& out) {
         s = json_object_to_json_string_ext(in, JSON_C_TO_STRING_PLAIN);
     else
         return WCFG_ERROR_PARAMETER_TYPE;
-    // A value is text: an embedded NUL would cut it short for every reader.
-    if (s.find('\0') != std::string::npos)
+    // A value is text: an embedded NUL would cut it short for every reader,
+    // and bytes that are not UTF-8 would make every answer carrying it
+    // invalid JSON.
+    if (s.find('\0') != std::string::npos || !utf8Valid(s))
         return WCFG_INVALID_PARAM_VALUE;
     if (p.maxLen && s.size() > p.maxLen)
         return WCFG_INVALID_PARAM_VALUE_LENGTH;

@@ -1,0 +1,183 @@
+// The HTTPS front under hostile load: floods of silent and slow connections,
+// one address taking every socket, oversized and unfinished requests, and a
+// client that never reads its answers.  Each daemon gets short limits through
+// WHTTPD_HTTP_LIMITS so that the deadlines pass within the test.
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "fixture.h"
+#include "raw_conn.h"
+
+namespace {
+
+using e2e::Client;
+using e2e::RawConn;
+using Clock = std::chrono::steady_clock;
+
+long long msSince(Clock::time_point t) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
+std::string statusLine(const std::string& answer) {
+    return answer.substr(0, answer.find("\r\n"));
+}
+
+class Front : public e2e::DaemonTest {
+  public:
+    void SetUp() override {
+        e2e::raiseDescriptorLimit();
+        signal(SIGPIPE, SIG_IGN);
+    }
+    void startWith(const std::string& limits) {
+        d.setEnv("WHTTPD_HTTP_LIMITS", limits);
+        start();
+    }
+    // A TLS connection from `local` that has finished its handshake.
+    RawConn tlsFrom(const std::string& local) {
+        RawConn c;
+        EXPECT_TRUE(c.connect(port, local));
+        EXPECT_TRUE(c.handshake());
+        return c;
+    }
+    // Logs in from `local` and reads an object; true when both answer 200.
+    bool servedFrom(const std::string& local) {
+        Client c(port, "127.0.0.1", local);
+        e2e::Session s2;
+        if (c.login("admin", "1234abcd", &s2).status != 200)
+            return false;
+        return c.request("GET", "TR181/Value/Device.DeviceInfo.", "", &s2).status == 200;
+    }
+};
+
+// Slow-drip clients: TLS is up, then the request comes one byte a second.
+class Drippers {
+  public:
+    void open(Front& t, int count) {
+        for (int i = 0; i < count; ++i)
+            conns_.push_back(t.tlsFrom("127.0.2." + std::to_string(1 + i / 10)));
+    }
+    void start() {
+        thread_ = std::thread([this] {
+            const std::string request = "GET /api/v1/MethodList HTTP/1.1\r\nHost: device\r\n\r\n";
+            std::vector<bool> cut(conns_.size(), false);
+            for (size_t at = 0; at < request.size() && !stop_; ++at) {
+                for (size_t i = 0; i < conns_.size(); ++i)
+                    if (!cut[i] && !conns_[i].send(request.substr(at, 1)))
+                        cut[i] = true;
+                for (int k = 0; k < 10 && !stop_; ++k)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+        });
+    }
+    void stop() {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    // How many were answered 408 and closed.
+    int timedOut() {
+        int n = 0;
+        for (RawConn& c : conns_) {
+            bool closed = false;
+            std::string answer = c.readUntilClose(10000, &closed);
+            n += closed && statusLine(answer) == "HTTP/1.1 408 Request Timeout";
+        }
+        return n;
+    }
+
+  private:
+    std::vector<RawConn> conns_;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+};
+
+}  // namespace
+
+TEST_F(Front, IdleAndSlowFloodsLeaveAProperClientServed) {
+    startWith("connections=256,per_address=32,request_ms=3000,handshake_ms=8000,idle_ms=8000");
+    int baseThreads = e2e::threadCount(d.pid());
+    // 1000 plain connections that never send a byte, from 40 addresses.
+    std::vector<RawConn> silent(1000);
+    for (size_t i = 0; i < silent.size(); ++i)
+        ASSERT_TRUE(silent[i].connect(port, "127.0.1." + std::to_string(1 + i / 25))) << i;
+    Drippers drippers;
+    drippers.open(*this, 50);
+    drippers.start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+
+    int maxThreads = e2e::threadCount(d.pid());
+    Clock::time_point t0 = Clock::now();
+    EXPECT_TRUE(servedFrom("127.0.0.1"));
+    long long answeredMs = msSince(t0);
+    maxThreads = std::max(maxThreads, e2e::threadCount(d.pid()));
+    printf("login and read during the flood: %lld ms; threads %d at rest, %d at most\n", answeredMs,
+           baseThreads, maxThreads);
+    // Served without waiting for any connection's time-out.
+    EXPECT_LT(answeredMs, 3000);
+    EXPECT_EQ(50, drippers.timedOut());
+    drippers.stop();
+    maxThreads = std::max(maxThreads, e2e::threadCount(d.pid()));
+    // Connections cost no thread: at most the workers that the pool may add.
+    EXPECT_LE(maxThreads, baseThreads + 16);
+    EXPECT_TRUE(servedFrom("127.0.0.1"));
+}
+
+TEST_F(Front, PerAddressCeilingRefusesOnlyThatAddress) {
+    startWith("per_address=4,idle_ms=60000,handshake_ms=60000");
+    std::vector<RawConn> held;
+    for (int i = 0; i < 4; ++i)
+        held.push_back(tlsFrom("127.0.3.1"));
+    RawConn extra;
+    ASSERT_TRUE(extra.connect(port, "127.0.3.1"));
+    EXPECT_TRUE(extra.closedWithin(10000));  // refused at once, long before any time-out
+    EXPECT_TRUE(servedFrom("127.0.3.2"));
+    // A connection of the full address that closes makes room for another.
+    held.pop_back();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.1").login("admin", "1234abcd").status);
+}
+
+TEST_F(Front, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {
+    startWith("request_ms=1500,idle_ms=1500");
+    struct Case {
+        const char* name;
+        std::string bytes;
+        const char* status;
+    };
+    const Case cases[] = {
+        {"headers over 16 KiB",
+         "GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\nX-Big: " + std::string(20000, 'a') +
+             "\r\n\r\n",
+         "HTTP/1.1 431 Request Header Fields Too Large"},
+        {"body over 64 KiB",
+         "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
+         "Content-Length: 100000\r\n\r\n",
+         "HTTP/1.1 413 Payload Too Large"},
+        {"unfinished request", "GET /api/v1/MethodList HTTP/1.1\r\nHo",
+         "HTTP/1.1 408 Request Timeout"},
+        {"not HTTP", "BLAH\x01\x02 / HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad Request"},
+        {"kept alive, then idle", "GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n\r\n",
+         "HTTP/1.1 401 Unauthorized"},
+    };
+    for (const Case& c : cases) {
+        RawConn conn = tlsFrom("127.0.4.1");
+        ASSERT_TRUE(conn.send(c.bytes)) << c.name;
+        bool closed = false;
+        std::string answer = conn.readUntilClose(10000, &closed);
+        EXPECT_EQ(c.status, statusLine(answer)) << c.name;
+        EXPECT_TRUE(closed) << c.name;
+    }
+    // Plain HTTP on the TLS port: closed without an answer.
+    RawConn plain;
+    ASSERT_TRUE(plain.connect(port, "127.0.4.2"));
+    ASSERT_TRUE(plain.send("GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n\r\n"));
+    bool closed = false;
+    EXPECT_EQ("", plain.readUntilClose(10000, &closed));
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(servedFrom("127.0.0.1"));
+}

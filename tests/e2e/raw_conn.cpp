@@ -1,0 +1,137 @@
+#include "raw_conn.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+
+namespace e2e {
+
+namespace {
+
+SSL_CTX* clientContext() {
+    static SSL_CTX* ctx = [] {
+        SSL_CTX* c = SSL_CTX_new(TLS_client_method());
+        SSL_CTX_set_verify(c, SSL_VERIFY_NONE, nullptr);
+        return c;
+    }();
+    return ctx;
+}
+
+long long nowMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+RawConn::~RawConn() {
+    close();
+}
+
+RawConn::RawConn(RawConn&& o) noexcept : fd_(o.fd_), ssl_(o.ssl_) {
+    o.fd_ = -1;
+    o.ssl_ = nullptr;
+}
+
+bool RawConn::connect(int port, const std::string& local, int rcvbuf) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0)
+        return false;
+    if (rcvbuf > 0)
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+    if (!local.empty()) {
+        sockaddr_in src{};
+        src.sin_family = AF_INET;
+        inet_pton(AF_INET, local.c_str(), &src.sin_addr);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&src), sizeof src) != 0)
+            return false;
+    }
+    sockaddr_in dst{};
+    dst.sin_family = AF_INET;
+    dst.sin_port = htons(static_cast<uint16_t>(port));
+    dst.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::connect(fd_, reinterpret_cast<sockaddr*>(&dst), sizeof dst) == 0;
+}
+
+bool RawConn::handshake() {
+    timeval tv{10, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ssl_ = SSL_new(clientContext());
+    SSL_set_fd(ssl_, fd_);
+    return SSL_connect(ssl_) == 1;
+}
+
+bool RawConn::send(const std::string& bytes) {
+    if (fd_ < 0)
+        return false;
+    if (ssl_)
+        return SSL_write(ssl_, bytes.data(), static_cast<int>(bytes.size())) ==
+               static_cast<int>(bytes.size());
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+}
+
+std::string RawConn::readUntilClose(int timeoutMs, bool* closed) {
+    std::string got;
+    if (closed)
+        *closed = false;
+    long long end = nowMs() + timeoutMs;
+    char buf[16384];
+    while (fd_ >= 0) {
+        if (!(ssl_ && SSL_pending(ssl_) > 0)) {
+            long long left = end - nowMs();
+            pollfd p{fd_, POLLIN, 0};
+            if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0)
+                break;
+        }
+        int n = ssl_ ? SSL_read(ssl_, buf, sizeof buf)
+                     : static_cast<int>(recv(fd_, buf, sizeof buf, 0));
+        if (n <= 0) {
+            if (closed)
+                *closed = true;
+            break;
+        }
+        got.append(buf, static_cast<size_t>(n));
+    }
+    return got;
+}
+
+bool RawConn::closedWithin(int timeoutMs) {
+    bool closed = false;
+    readUntilClose(timeoutMs, &closed);
+    return closed;
+}
+
+void RawConn::close() {
+    if (ssl_)
+        SSL_free(ssl_);
+    ssl_ = nullptr;
+    if (fd_ >= 0)
+        ::close(fd_);
+    fd_ = -1;
+}
+
+void raiseDescriptorLimit() {
+    rlimit rl{};
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
+}
+
+int threadCount(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.rfind("Threads:", 0) == 0)
+            return std::stoi(line.substr(8));
+    return -1;
+}
+
+}  // namespace e2e

@@ -1,0 +1,45 @@
+// A raw client connection for the tests of the HTTPS front: plain TCP that
+// may stay silent, or TLS that sends exactly the bytes a test gives (slowly,
+// partly, oversized) and reads whatever the daemon answers.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <string>
+
+namespace e2e {
+
+class RawConn {
+  public:
+    RawConn() = default;
+    ~RawConn();
+    RawConn(const RawConn&) = delete;
+    RawConn& operator=(const RawConn&) = delete;
+    RawConn(RawConn&& o) noexcept;
+
+    // Connects to 127.0.0.1:`port` from source address `local` ("" any);
+    // `rcvbuf` > 0 shrinks the receive buffer first.
+    bool connect(int port, const std::string& local = "", int rcvbuf = 0);
+    // TLS client handshake (certificate not verified).
+    bool handshake();
+    // Sends through TLS once handshaken, raw before; false when refused.
+    bool send(const std::string& bytes);
+    // Reads until the peer closes or `timeoutMs` passes; `closed` tells which.
+    std::string readUntilClose(int timeoutMs, bool* closed = nullptr);
+    // Whether the daemon closed the (silent, plain) connection within `timeoutMs`.
+    bool closedWithin(int timeoutMs);
+    void close();
+    bool open() const { return fd_ >= 0; }
+
+  private:
+    int fd_ = -1;
+    SSL* ssl_ = nullptr;
+};
+
+// Raises this process's descriptor limit to its hard limit (the flood
+// tests open more than the default 1024).
+void raiseDescriptorLimit();
+// The number of threads of process `pid` (/proc), -1 when unknown.
+int threadCount(int pid);
+
+}  // namespace e2e
