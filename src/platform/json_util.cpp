@@ -3,8 +3,12 @@
 
 #include <cstring>
 
+#include "platform/utf8.h"
+
 json_object* jsonParseUtf8(const char* text) {
-    if (!text)
+    // json-c's own check lets overlong forms, surrogates and code points
+    // beyond U+10FFFF through; the strict check comes first.
+    if (!text || !utf8Valid(text))
         return nullptr;
     json_tokener* tok = json_tokener_new();
     if (!tok)

@@ -1,6 +1,8 @@
 // Connection admission of the HTTP adapter: see conn_registry.h.
 #include "platform/http/conn_registry.h"
 
+#include <algorithm>
+
 void ConnRegistry::setLimits(int total, int perAddress) {
     std::lock_guard<std::mutex> lock(m_);
     total_ = total > 0 ? total : 1;
@@ -35,7 +37,7 @@ ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address,
         if (open >= total_) {
             // Connections already told to close still count until they are
             // gone; a burst may overshoot the ceiling by a quarter at most.
-            if (open >= total_ + total_ / 4 || !(victim = pickVictim())) {
+            if (open >= total_ + std::max(1, total_ / 4) || !(victim = pickVictim())) {
                 if (fromAddress == 0)
                     perAddress_.erase(address);
                 return Admit::Full;

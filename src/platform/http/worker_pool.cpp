@@ -63,7 +63,8 @@ struct WorkerPool::State {
     std::condition_variable gone;  // a thread left
     std::deque<std::function<void()>> jobs;
     int threads = 0;
-    int idle = 0;
+    int idle = 0;      // waiting for a job
+    int starting = 0;  // created, not yet waiting
     bool stopping = false;
 };
 
@@ -92,6 +93,7 @@ void workerLoop(std::shared_ptr<WorkerPool::State> s) {
     if (s->config.threadInit)
         s->config.threadInit();
     std::unique_lock<std::mutex> lock(s->m);
+    --s->starting;
     for (;;) {
         std::function<void()> job = nextJob(*s, lock);
         if (!job)
@@ -108,9 +110,11 @@ void workerLoop(std::shared_ptr<WorkerPool::State> s) {
 // Starts one more thread; called with the lock held.
 bool addThread(const std::shared_ptr<WorkerPool::State>& s) {
     ++s->threads;
+    ++s->starting;
     if (startSmallStackThread(s->config.stackBytes, [s] { workerLoop(s); }))
         return true;
     --s->threads;
+    --s->starting;
     return false;
 }
 
@@ -134,10 +138,12 @@ WorkerPool::~WorkerPool() {
 bool WorkerPool::submit(std::function<void()> job) {
     std::lock_guard<std::mutex> lock(state_->m);
     State& s = *state_;
-    if (s.stopping || static_cast<int>(s.jobs.size()) >= s.config.maxQueued)
+    // Jobs not yet taken, beyond the threads that are free to take them.
+    int free = s.idle + s.starting;
+    int waiting = static_cast<int>(s.jobs.size());
+    if (s.stopping || waiting >= free + s.config.maxQueued)
         return false;
-    // Grow when the waiting jobs outnumber the threads free to take them.
-    if (static_cast<int>(s.jobs.size()) >= s.idle && s.threads < s.config.maxThreads)
+    if (waiting >= free && s.threads < s.config.maxThreads)
         addThread(state_);
     if (s.threads == 0)
         return false;

@@ -1,0 +1,178 @@
+// Algorithms of the HTTPS front: UTF-8 well-formedness at the boundaries of
+// every sequence length, cutting text without splitting a character, the
+// query and cookie text, connection admission (ceilings and the choice of
+// the connection that yields), and the worker pool's growth and ceiling.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/http/conn_registry.h"
+#include "platform/http/http_text.h"
+#include "platform/http/worker_pool.h"
+#include "platform/utf8.h"
+
+TEST(Utf8Check, EveryBoundaryOfEverySequenceLength) {
+    struct Case {
+        std::string text;
+        bool valid;
+    };
+    const Case cases[] = {
+        {"", true},
+        {"plain ASCII \x7f", true},
+        {"\xc2\x80", true},           // U+0080
+        {"\xdf\xbf", true},           // U+07FF
+        {"\xe0\xa0\x80", true},       // U+0800
+        {"\xef\xbf\xbf", true},       // U+FFFF
+        {"\xf0\x90\x80\x80", true},   // U+10000
+        {"\xf4\x8f\xbf\xbf", true},   // U+10FFFF
+        {"\xed\x9f\xbf", true},       // U+D7FF, before the surrogates
+        {"\xee\x80\x80", true},       // U+E000, after them
+        {"\xc0\x80", false},          // overlong NUL
+        {"\xc1\xbf", false},          // overlong
+        {"\xe0\x9f\xbf", false},      // overlong three-byte
+        {"\xf0\x8f\xbf\xbf", false},  // overlong four-byte
+        {"\xed\xa0\x80", false},      // U+D800
+        {"\xed\xbf\xbf", false},      // U+DFFF
+        {"\xf4\x90\x80\x80", false},  // U+110000
+        {"\xf5\x80\x80\x80", false},
+        {"\xff", false},
+        {"\x80", false},
+        {"a\xc2", false},  // cut short
+        {"\xe2\x82", false},
+        {"\xf0\x9f\x93", false},
+        {"\xe2\x28\xa1", false},  // bad second byte
+        {"\xe2\x82\x28", false},  // bad third byte
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(c.valid, utf8Valid(c.text)) << testing::PrintToString(c.text);
+}
+
+TEST(Utf8Check, CutsEndWhereACharacterEnds) {
+    const std::string text =
+        "ab\xc3\xa9"
+        "c\xf0\x9f\x93\xb6";  // a b é c 📶
+    EXPECT_EQ(2u, utf8CutLength(text, 3));
+    EXPECT_EQ(4u, utf8CutLength(text, 4));
+    EXPECT_EQ(5u, utf8CutLength(text, 5));
+    EXPECT_EQ(5u, utf8CutLength(text, 8));
+    EXPECT_EQ(9u, utf8CutLength(text, 9));
+    EXPECT_EQ(9u, utf8CutLength(text, 100));
+    for (size_t max = 0; max <= text.size(); ++max)
+        EXPECT_TRUE(utf8Valid(text.substr(0, utf8CutLength(text, max)))) << max;
+}
+
+TEST(HttpText, QueryPairsAsTheListenerSeesThem) {
+    HttpPairs q = httpParseQuery("/api/v1/Reboot?device=a%20b&&=x&flag&sessionkey=12&device=2");
+    ASSERT_EQ(4u, q.size());
+    EXPECT_STREQ("a b", httpFindPair(q, "device"));  // the first of repeated names
+    EXPECT_STREQ("", httpFindPair(q, "flag"));
+    EXPECT_STREQ("12", httpFindPair(q, "sessionkey"));
+    EXPECT_EQ(nullptr, httpFindPair(q, "missing"));
+    EXPECT_TRUE(httpParseQuery("/no/query").empty());
+    // Escapes that are not two hex digits stay as they are, even at the end.
+    EXPECT_EQ("%zz%4", httpPercentDecode("%zz%4"));
+    EXPECT_EQ("%", httpPercentDecode("%"));
+    EXPECT_EQ(std::string("a\0b", 3), httpPercentDecode("a%00b"));
+}
+
+TEST(HttpText, CookiesSplitTrimmedAndUnquoted) {
+    HttpPairs c;
+    httpParseCookies(" a=1;Session=\"abc\" ; =skip; novalue; b= 2 ;", c);
+    ASSERT_EQ(3u, c.size());
+    EXPECT_STREQ("abc", httpFindPair(c, "Session"));
+    EXPECT_STREQ(" 2", httpFindPair(c, "b"));
+    httpParseCookies("Session=second", c);
+    EXPECT_STREQ("abc", httpFindPair(c, "Session"));  // the first header wins
+    HttpPairs q;
+    httpParseCookies("x=\"", q);
+    EXPECT_STREQ("\"", httpFindPair(q, "x"));
+}
+
+TEST(ConnAdmission, CeilingsAndTheConnectionThatYields) {
+    ConnRegistry r;
+    r.setLimits(3, 2);
+    std::vector<uint64_t> evicted;
+    auto evictOf = [&](uint64_t id) { return [&evicted, id] { evicted.push_back(id); }; };
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(1, "a", evictOf(1)));
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(2, "a", evictOf(2)));
+    EXPECT_EQ(ConnRegistry::Admit::AddressFull, r.admit(3, "a", evictOf(3)));
+    r.setBusy(1, true);  // inside a request: never asked to yield
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(4, "b", evictOf(4)));
+    // At the ceiling the longest-waiting idle connection yields.
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(5, "c", evictOf(5)));
+    ASSERT_EQ(1u, evicted.size());
+    EXPECT_EQ(2u, evicted[0]);
+    // It is not asked twice; the next one to yield is the next oldest.
+    EXPECT_EQ(ConnRegistry::Admit::Full, r.admit(6, "d", evictOf(6)));
+    r.remove(2);
+    r.setBusy(4, true);
+    r.setBusy(5, true);
+    EXPECT_EQ(ConnRegistry::Admit::Full, r.admit(7, "e", evictOf(7)));  // nobody can yield
+    r.remove(1);
+    r.remove(4);
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(8, "a", evictOf(8)));
+    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(9, "a", evictOf(9)));
+    EXPECT_EQ(3, r.count());
+    r.remove(8);
+    r.remove(8);  // twice: harmless
+    EXPECT_EQ(2, r.count());
+}
+
+TEST(WorkerPoolConcurrent, GrowsForLongJobsUpToItsCeilingAndRefusesBeyondItsQueue) {
+    WorkerPoolConfig cfg;
+    cfg.minThreads = 1;
+    cfg.maxThreads = 3;
+    cfg.maxQueued = 2;
+    cfg.idleExitMs = 50;
+    WorkerPool pool(cfg);
+    std::mutex m;
+    std::condition_variable cv;
+    bool release = false;
+    std::atomic<int> running{0}, done{0};
+    struct Release {
+        std::mutex& m;
+        std::condition_variable& cv;
+        bool& release;
+        ~Release() {
+            {
+                std::lock_guard<std::mutex> lock(m);
+                release = true;
+            }
+            cv.notify_all();
+        }
+    } guard{m, cv, release};  // a failed assertion still lets the jobs go
+    auto longJob = [&] {
+        ++running;
+        std::unique_lock<std::mutex> lock(m);
+        cv.wait(lock, [&] { return release; });
+        ++done;
+    };
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(pool.submit(longJob));
+    while (running < 3)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(3, pool.threadCount());   // one per long job, up to the ceiling
+    EXPECT_TRUE(pool.submit(longJob));  // queued
+    EXPECT_TRUE(pool.submit(longJob));
+    EXPECT_FALSE(pool.submit(longJob));  // the queue is full
+    EXPECT_EQ(3, pool.threadCount());
+    {
+        std::lock_guard<std::mutex> lock(m);
+        release = true;
+    }
+    cv.notify_all();
+    while (done < 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    // The threads above the floor leave once idle.
+    while (pool.threadCount() > 1)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(1, pool.threadCount());
+    pool.stop(5000);
+    EXPECT_EQ(0, pool.threadCount());
+    EXPECT_FALSE(pool.submit([] {}));
+}
