@@ -181,3 +181,66 @@ TEST_F(Front, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {
     EXPECT_TRUE(closed);
     EXPECT_TRUE(servedFrom("127.0.0.1"));
 }
+
+namespace {
+
+// A batch that sets SSID.1 to `value` 1000 times: its answer reads every
+// element back (about 230 kB).
+std::string bigBatch(const std::string& value) {
+    std::string body = R"({"MultiObjects":true,"TR181_Objects":[)";
+    for (int i = 0; i < 1000; ++i)
+        body += std::string(i ? "," : "") + R"({"object_path":"Device.WiFi.SSID.1.","SSID":")" +
+                value + "\"}";
+    return body + "]}";
+}
+
+}  // namespace
+
+TEST_F(Front, AClientThatNeverReadsHoldsUpNoOtherWriter) {
+    startWith("write_ms=120000,idle_ms=120000");
+    const int kMax = 40;
+    std::vector<e2e::Session> sessions(kMax);
+    for (e2e::Session& one : sessions)
+        ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &one).status);
+    // One connection with a tiny receive window sends batch after batch and
+    // never reads; each answer is written before the next request is read,
+    // so once the buffers between are full the connection stands still.
+    RawConn stuck;
+    ASSERT_TRUE(stuck.connect(port, "127.0.5.1", 4096));
+    ASSERT_TRUE(stuck.handshake());
+    std::thread sender([&] {
+        for (int k = 0; k < kMax; ++k) {
+            std::string body = bigBatch("stuck-" + std::to_string(k));
+            std::string request = "PUT /api/v1/TR181/Value/MultiObjects?sessionkey=" +
+                                  std::to_string(sessions[k].key) +
+                                  " HTTP/1.1\r\nHost: d\r\nCookie: Session=" + sessions[k].id +
+                                  "\r\nContent-Length: " + std::to_string(body.size()) +
+                                  "\r\n\r\n" + body;
+            if (!stuck.send(request))
+                return;
+        }
+    });
+    // Wait until the store stops moving: the connection is stuck on an answer.
+    std::string last, now;
+    for (int stable = 0; stable < 8;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        ASSERT_EQ(0, root.wcfgctl({"get", "Device.WiFi.SSID.1."}, &now));
+        stable = now == last ? stable + 1 : 0;
+        last = now;
+    }
+    ASSERT_EQ(std::string::npos, now.find("stuck-" + std::to_string(kMax - 1)))
+        << "the buffers took every answer; the test proves nothing";
+    // Another session writes while the reader is stuck: served at once.
+    Clock::time_point t0 = Clock::now();
+    e2e::Reply r = write("PUT", "TR181/Value/Device.WiFi.SSID.2.", R"({"SSID":"not-held-up"})");
+    long long ms = msSince(t0);
+    EXPECT_EQ("Success", e2e::operStatus(r)) << r.body;
+    printf("another session's write while a reader is stuck: %lld ms\n", ms);
+    EXPECT_LT(ms, 20000);  // far below the write time (120 s) it would wait behind
+    // The stuck client gives up; its sender stops with it.
+    stuck.abort();
+    sender.join();
+    stuck.close();
+    r = write("PUT", "TR181/Value/Device.WiFi.SSID.2.", R"({"SSID":"after"})");
+    EXPECT_EQ("Success", e2e::operStatus(r)) << r.body;
+}

@@ -117,6 +117,11 @@ void RawConn::close() {
     fd_ = -1;
 }
 
+void RawConn::abort() {
+    if (fd_ >= 0)
+        ::shutdown(fd_, SHUT_RDWR);
+}
+
 void raiseDescriptorLimit() {
     rlimit rl{};
     if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {

@@ -29,6 +29,8 @@ class RawConn {
     // Whether the daemon closed the (silent, plain) connection within `timeoutMs`.
     bool closedWithin(int timeoutMs);
     void close();
+    // Shuts the socket down (from any thread): a blocked send returns.
+    void abort();
     bool open() const { return fd_ >= 0; }
 
   private:
