@@ -108,33 +108,6 @@ int openSocket() {
     return fd;
 }
 
-// Whether a datagram is a discovery request with the magic.
-bool isRequest(const unsigned char* buf, ssize_t n) {
-    uint16_t wire = 0;
-    memcpy(&wire, buf + 2, 2);
-    uint16_t length = ntohs(wire);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : version = %d, type = %d, length = %d\n", kSelf, buf[0],
-         buf[1], wire);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : req_header.length=%d\n", kSelf, length);
-    if (n < 4 || buf[0] != 1 || buf[1] != 1 || length < 1 || length > kBuffer)
-        return false;
-    const char* payload = reinterpret_cast<const char*>(buf + 4);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Rx Payload: %s\n", kSelf, payload);
-    JsonPtr req(jsonParseUtf8(payload));
-    if (!req) {
-        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s parse request payload fail.\n", kSelf);
-        return false;
-    }
-    json_object* magic = nullptr;
-    json_object* version = nullptr;
-    json_object_object_get_ex(req.get(), "AppVersion", &version);  // read, not used
-    if (!json_object_object_get_ex(req.get(), "MagicNum", &magic) ||
-        strcmp(json_object_get_string(magic), kMagic) != 0) {
-        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s Wrong MagicNum.\n", kSelf);
-        return false;
-    }
-    return true;
-}
 
 // Whether this device answers now: the mesh app on and the mesh controller.
 // With the app off or unreadable the previous decision stands.
@@ -192,7 +165,7 @@ void* discoverMain(void*) {
         inet_ntop(AF_INET, &from.sin_addr, ip, sizeof ip);
         WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : UDP Packet from IP: %s, Port: %d\n", kSelf, ip,
              ntohs(from.sin_port));
-        if (n == 0 || !isRequest(buf, n))
+        if (n == 0 || !whttpDiscoverIsRequest(buf, n))
             continue;
         size_t length = buildAnswer(buf);
         std::this_thread::sleep_for(std::chrono::milliseconds(500 * platformSecondMs() / 1000));
@@ -232,6 +205,33 @@ void stopDiscovery() {
 }
 
 }  // namespace
+
+bool whttpDiscoverIsRequest(const unsigned char* buf, ssize_t n) {
+    uint16_t wire = 0;
+    memcpy(&wire, buf + 2, 2);
+    uint16_t length = ntohs(wire);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : version = %d, type = %d, length = %d\n", kSelf, buf[0],
+         buf[1], wire);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : req_header.length=%d\n", kSelf, length);
+    if (n < 4 || buf[0] != 1 || buf[1] != 1 || length < 1 || length > kBuffer)
+        return false;
+    const char* payload = reinterpret_cast<const char*>(buf + 4);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Rx Payload: %s\n", kSelf, payload);
+    JsonPtr req(jsonParseUtf8(payload));
+    if (!req) {
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s parse request payload fail.\n", kSelf);
+        return false;
+    }
+    json_object* magic = nullptr;
+    json_object* version = nullptr;
+    json_object_object_get_ex(req.get(), "AppVersion", &version);  // read, not used
+    if (!json_object_object_get_ex(req.get(), "MagicNum", &magic) ||
+        strcmp(json_object_get_string(magic), kMagic) != 0) {
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s Wrong MagicNum.\n", kSelf);
+        return false;
+    }
+    return true;
+}
 
 int whttpDiscoverThreadInit(void) {
     buildDocument();

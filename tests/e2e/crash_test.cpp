@@ -3,6 +3,7 @@
 // processes while both are killed at random moments; afterwards every
 // acknowledged write is there, no instance is half written, no two writes
 // share an instance, and the password store is whole with mode 0600.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
@@ -73,7 +74,9 @@ bool wcfgctl(const DeviceRoot& root, const std::vector<std::string>& args, std::
     std::string rootEnv = "WHTTPD_ROOT=" + root.dir();
     char* envp[] = {const_cast<char*>(rootEnv.c_str()), const_cast<char*>("WLOG_LEVEL=3"), nullptr};
     int fds[2];
-    if (pipe(fds) != 0)
+    // Close-on-exec: a daemon started meanwhile by another thread must not
+    // keep the pipe open (the read below would never end).
+    if (pipe2(fds, O_CLOEXEC) != 0)
         return false;
     pid_t pid = fork();
     if (pid == 0) {

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# A soak run: the ASan + UBSan build of the daemon in a fresh device root
+# under a bounded mixed load (bench/soak_load.cpp: logins, reads, tree reads,
+# writes, batches, adds and deletes, malformed requests, logouts) for a given
+# time.  Reports the load's errors, the daemon's resident memory after a
+# warm-up and at the end, its thread count (at most, sampled each second)
+# and any sanitizer report in its output.
+#   bench/soak.sh [SECONDS [CLIENTS]]     (default 60 s, 32 clients)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+secs=${1:-60}
+clients=${2:-32}
+scripts/deps
+scripts/build build-asan address clang++ >/dev/null
+cmake -S . -B build-asan -DWHTTPD_BENCH=ON >/dev/null
+ninja -C build-asan soak_load >/dev/null
+
+root=$(mktemp -d /tmp/whttpd-soak-XXXXXX)
+pid=
+trap '[ -n "$pid" ] && kill -TERM $pid 2>/dev/null && wait $pid; rm -rf "$root"' EXIT
+export WHTTPD_ROOT=$root
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+port=$(( 20000 + $$ % 10000 ))
+build-asan/wcfgctl init >/dev/null
+build-asan/wcfgctl set Device.X_OLVEX_LoginCfg. '{"MaximumLoginAccountNumber":0}' >/dev/null
+WHTTPD_SECOND_MS=10 build-asan/whttpd_rest -s $port >"$root/out" 2>"$root/err" &
+pid=$!
+until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.1; done
+rss() { awk '/VmRSS/ {print $2}' /proc/$pid/status; }
+threads() { awk '/Threads/ {print $2}' /proc/$pid/status; }
+echo "soak: $clients clients, $secs s, ASan + UBSan build"
+echo "at rest: RSS $(rss) kB, threads $(threads)"
+( peak=0; while kill -0 $pid 2>/dev/null; do
+      t=$(threads 2>/dev/null || echo 0); [ "${t:-0}" -gt $peak ] && peak=$t && echo $peak > "$root/threads"
+      sleep 1; done ) &
+sampler=$!
+warm=$(( secs / 10 > 5 ? secs / 10 : 5 ))
+( sleep $warm; rss > "$root/rss_start" ) &
+status=0
+build-asan/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
+rss_end=$(rss)
+kill $sampler 2>/dev/null || true
+wait $sampler 2>/dev/null || true
+head -20 "$root/load.err"
+echo "RSS after ${warm} s: $(cat "$root/rss_start") kB, at the end: $rss_end kB"
+echo "threads at most: $(cat "$root/threads" 2>/dev/null || echo ?)"
+kill -TERM $pid; wait $pid || status=1
+pid=
+if grep -E "ERROR: (AddressSanitizer|LeakSanitizer)|runtime error:" "$root/err"; then
+    echo "sanitizer report in the daemon's output" >&2
+    status=1
+fi
+exit $status

@@ -1,0 +1,31 @@
+// Shared by the fuzz targets: a device root prepared once per fuzzing
+// process below a temporary directory, with a platform second of 1 ms.
+#pragma once
+
+#include <stdlib.h>
+
+#include <string>
+
+#include "platform/standins/provision.h"
+#include "platform/utf8.h"
+
+inline const std::string& fuzzDeviceRoot() {
+    static const std::string root = [] {
+        char tmpl[] = "/tmp/whttpd-fuzz-XXXXXX";
+        std::string dir = mkdtemp(tmpl);
+        setenv("WHTTPD_ROOT", dir.c_str(), 1);
+        setenv("WHTTPD_SECOND_MS", "1", 1);
+        setenv("WLOG_LEVEL", "0", 1);
+        std::string err;
+        if (!provision::initDeviceRoot("/bin/true", err))
+            abort();
+        return dir;
+    }();
+    return root;
+}
+
+// A property every answer must have: its text is UTF-8 (so JSON stays JSON).
+inline void fuzzRequireUtf8(const std::string& text) {
+    if (!utf8Valid(text))
+        abort();
+}

@@ -1,0 +1,46 @@
+// Raw bytes from the network as the HTTP adapter takes them: the parser with
+// the daemon's limits, then the request record the listener sees (target,
+// query parameters, cookies, headers, body), the TR181 path and
+// "first_level_only", and the body check of the value handlers.
+#include <boost/beast/http.hpp>
+#include <cstddef>
+#include <cstdint>
+
+#include "datamodel/path_parse.h"
+#include "fuzz_common.h"
+#include "platform/http/cg_http_internal.h"
+#include "platform/json_util.h"
+
+namespace http = boost::beast::http;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const CgHttpLimits limits;
+    http::request_parser<http::string_body> parser;
+    parser.header_limit(static_cast<uint32_t>(limits.maxHeaderBytes));
+    parser.body_limit(limits.maxBodyBytes);
+    parser.eager(true);
+    boost::beast::error_code ec;
+    parser.put(boost::asio::buffer(data, size), ec);
+    if (!ec && !parser.is_done())
+        parser.put_eof(ec);
+    if (ec || !parser.is_done())
+        return 0;
+    CgHttpRequest r;
+    cgHttpRequestInit(r, parser.release(), "192.168.1.100", "192.168.1.1", 443);
+    const char* names[] = {"sessionkey", "first_level_only", "device", "action"};
+    for (const char* name : names)
+        cg_http_request_getparam(&r, name);
+    cg_http_request_getcookie(&r, "Session");
+    cg_http_request_getcookie(&r, "Session");  // parsed once, found again
+    cg_http_request_getheader(&r, "Content-Length");
+    char path[256] = "";
+    int firstLevelOnly = 0;
+    if (wHttpParseTR181Path(&r, path, &firstLevelOnly) == 0)
+        fuzzRequireUtf8(path);
+    json_object* body = nullptr;
+    if (wHttpParseTR181Object(&r, &body) == 0) {
+        fuzzRequireUtf8(json_object_to_json_string(body));
+        json_object_put(body);
+    }
+    return 0;
+}
