@@ -1,4 +1,4 @@
-// The HTTPS front under hostile load: floods of silent and slow connections,
+// The HTTPS front under hostile load (run under TSan as well): floods of silent and slow connections,
 // one address taking every socket, oversized and unfinished requests, and a
 // client that never reads its answers.  Each daemon gets short limits through
 // WHTTPD_HTTP_LIMITS so that the deadlines pass within the test.
@@ -27,7 +27,7 @@ std::string statusLine(const std::string& answer) {
     return answer.substr(0, answer.find("\r\n"));
 }
 
-class Front : public e2e::DaemonTest {
+class FrontConcurrent : public e2e::DaemonTest {
   public:
     void SetUp() override {
         e2e::raiseDescriptorLimit();
@@ -57,7 +57,7 @@ class Front : public e2e::DaemonTest {
 // Slow-drip clients: TLS is up, then the request comes one byte a second.
 class Drippers {
   public:
-    void open(Front& t, int count) {
+    void open(FrontConcurrent& t, int count) {
         for (int i = 0; i < count; ++i)
             conns_.push_back(t.tlsFrom("127.0.2." + std::to_string(1 + i / 10)));
     }
@@ -98,7 +98,7 @@ class Drippers {
 
 }  // namespace
 
-TEST_F(Front, IdleAndSlowFloodsLeaveAProperClientServed) {
+TEST_F(FrontConcurrent, IdleAndSlowFloodsLeaveAProperClientServed) {
     startWith("connections=256,per_address=32,request_ms=3000,handshake_ms=8000,idle_ms=8000");
     int baseThreads = e2e::threadCount(d.pid());
     // 1000 plain connections that never send a byte, from 40 addresses.
@@ -127,7 +127,7 @@ TEST_F(Front, IdleAndSlowFloodsLeaveAProperClientServed) {
     EXPECT_TRUE(servedFrom("127.0.0.1"));
 }
 
-TEST_F(Front, PerAddressCeilingRefusesOnlyThatAddress) {
+TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
     startWith("per_address=4,idle_ms=60000,handshake_ms=60000");
     std::vector<RawConn> held;
     for (int i = 0; i < 4; ++i)
@@ -142,7 +142,7 @@ TEST_F(Front, PerAddressCeilingRefusesOnlyThatAddress) {
     EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.1").login("admin", "1234abcd").status);
 }
 
-TEST_F(Front, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {
+TEST_F(FrontConcurrent, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {
     startWith("request_ms=1500,idle_ms=1500");
     struct Case {
         const char* name;
@@ -196,7 +196,7 @@ std::string bigBatch(const std::string& value) {
 
 }  // namespace
 
-TEST_F(Front, AClientThatNeverReadsHoldsUpNoOtherWriter) {
+TEST_F(FrontConcurrent, AClientThatNeverReadsHoldsUpNoOtherWriter) {
     startWith("write_ms=120000,idle_ms=120000");
     const int kMax = 40;
     std::vector<e2e::Session> sessions(kMax);
