@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "daemon/http_limits.h"
 #include "platform/http/conn_registry.h"
 #include "platform/http/http_text.h"
 #include "platform/http/worker_pool.h"
@@ -175,4 +176,23 @@ TEST(WorkerPoolConcurrent, GrowsForLongJobsUpToItsCeilingAndRefusesBeyondItsQueu
     pool.stop(5000);
     EXPECT_EQ(0, pool.threadCount());
     EXPECT_FALSE(pool.submit([] {}));
+}
+
+TEST(HttpLimitText, NamesValuesAndRefusals) {
+    CgHttpLimits l;
+    std::string error;
+    ASSERT_TRUE(whttpdApplyLimitText("connections=512,request_ms=2500,,body_bytes=1024", l, error));
+    EXPECT_EQ(512, l.maxConnections);
+    EXPECT_EQ(2500, l.requestTimeoutMs);
+    EXPECT_EQ(1024u, l.maxBodyBytes);
+    EXPECT_TRUE(whttpdApplyLimitText(nullptr, l, error));
+    const char* const refused[] = {
+        "connection=5",        "idle_ms=", "idle_ms=0", "idle_ms=-3", "idle_ms=12x",
+        "idle_ms=99999999999", "=5"};
+    for (const char* text : refused) {
+        error.clear();
+        EXPECT_FALSE(whttpdApplyLimitText(text, l, error)) << text;
+        EXPECT_FALSE(error.empty()) << text;
+        EXPECT_EQ(512, l.maxConnections) << text;  // nothing taken from a refused text
+    }
 }
