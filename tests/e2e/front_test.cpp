@@ -1,7 +1,7 @@
-// The HTTPS front under hostile load (run under TSan as well): floods of silent and slow connections,
-// one address taking every socket, oversized and unfinished requests, and a
-// client that never reads its answers.  Each daemon gets short limits through
-// WHTTPD_HTTP_LIMITS so that the deadlines pass within the test.
+// The HTTPS front under hostile load (run under TSan as well): floods of silent and slow
+// connections, one address taking every socket, oversized and unfinished requests, and a client
+// that never reads its answers.  Each daemon gets short limits through WHTTPD_HTTP_LIMITS so that
+// the deadlines pass within the test.
 #include <signal.h>
 
 #include <algorithm>
@@ -128,10 +128,14 @@ TEST_F(FrontConcurrent, IdleAndSlowFloodsLeaveAProperClientServed) {
 }
 
 TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
-    startWith("per_address=4,idle_ms=60000,handshake_ms=60000");
+    startWith("per_address=4,idle_ms=60000,handshake_ms=60000,request_ms=60000");
+    // Four connections of one address, each inside an unfinished request.
     std::vector<RawConn> held;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) {
         held.push_back(tlsFrom("127.0.3.1"));
+        ASSERT_TRUE(held.back().send("GET /api/v1/MethodList HTTP/1.1\r\nHo"));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     RawConn extra;
     ASSERT_TRUE(extra.connect(port, "127.0.3.1"));
     EXPECT_TRUE(extra.closedWithin(10000));  // refused at once, long before any time-out
@@ -140,6 +144,19 @@ TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
     held.pop_back();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.1").login("admin", "1234abcd").status);
+}
+
+TEST_F(FrontConcurrent, AnAddressAtItsCeilingClosesItsOwnIdleConnectionForANewOne) {
+    startWith("per_address=4,idle_ms=60000,handshake_ms=60000");
+    std::vector<RawConn> idle;
+    for (int i = 0; i < 4; ++i)
+        idle.push_back(tlsFrom("127.0.3.3"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // A fifth is served; the one that waited longest is closed for it.
+    EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.3").login("admin", "1234abcd").status);
+    EXPECT_TRUE(idle.front().closedWithin(10000));
+    for (size_t i = 1; i < idle.size(); ++i)
+        EXPECT_FALSE(idle[i].closedWithin(100)) << i;
 }
 
 TEST_F(FrontConcurrent, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {

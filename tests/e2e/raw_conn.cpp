@@ -1,12 +1,14 @@
 #include "raw_conn.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 
@@ -81,24 +83,34 @@ std::string RawConn::readUntilClose(int timeoutMs, bool* closed) {
     std::string got;
     if (closed)
         *closed = false;
+    if (fd_ < 0)
+        return got;
+    // Non-blocking while reading: TLS records that carry no data (session
+    // tickets) must not leave SSL_read waiting for data that never comes.
+    int flags = fcntl(fd_, F_GETFL);
+    fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
     long long end = nowMs() + timeoutMs;
     char buf[16384];
-    while (fd_ >= 0) {
-        if (!(ssl_ && SSL_pending(ssl_) > 0)) {
-            long long left = end - nowMs();
-            pollfd p{fd_, POLLIN, 0};
-            if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0)
-                break;
-        }
+    for (;;) {
         int n = ssl_ ? SSL_read(ssl_, buf, sizeof buf)
                      : static_cast<int>(recv(fd_, buf, sizeof buf, 0));
-        if (n <= 0) {
+        if (n > 0) {
+            got.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        bool wait = ssl_ ? SSL_get_error(ssl_, n) == SSL_ERROR_WANT_READ
+                         : (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+        if (!wait) {
             if (closed)
                 *closed = true;
             break;
         }
-        got.append(buf, static_cast<size_t>(n));
+        long long left = end - nowMs();
+        pollfd p{fd_, POLLIN, 0};
+        if (left <= 0 || poll(&p, 1, static_cast<int>(left)) <= 0)
+            break;
     }
+    fcntl(fd_, F_SETFL, flags);
     return got;
 }
 

@@ -95,33 +95,41 @@ TEST(HttpText, CookiesSplitTrimmedAndUnquoted) {
 }
 
 TEST(ConnAdmission, CeilingsAndTheConnectionThatYields) {
+    using A = ConnRegistry::Admit;
     ConnRegistry r;
     r.setLimits(3, 2);
     std::vector<uint64_t> evicted;
     auto evictOf = [&](uint64_t id) { return [&evicted, id] { evicted.push_back(id); }; };
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(1, "a", evictOf(1)));
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(2, "a", evictOf(2)));
-    EXPECT_EQ(ConnRegistry::Admit::AddressFull, r.admit(3, "a", evictOf(3)));
-    r.setBusy(1, true);  // inside a request: never asked to yield
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(4, "b", evictOf(4)));
-    // At the ceiling the longest-waiting idle connection yields.
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(5, "c", evictOf(5)));
-    ASSERT_EQ(1u, evicted.size());
-    EXPECT_EQ(2u, evicted[0]);
-    // It is not asked twice; the next one to yield is the next oldest.
-    EXPECT_EQ(ConnRegistry::Admit::Full, r.admit(6, "d", evictOf(6)));
-    r.remove(2);
-    r.setBusy(4, true);
-    r.setBusy(5, true);
-    EXPECT_EQ(ConnRegistry::Admit::Full, r.admit(7, "e", evictOf(7)));  // nobody can yield
-    r.remove(1);
+    EXPECT_EQ(A::Yes, r.admit(1, "a", evictOf(1)));
+    EXPECT_EQ(A::Yes, r.admit(2, "a", evictOf(2)));
+    // An address whose connections are all inside requests is full.
+    r.setBusy(1, true);
+    r.setBusy(2, true);
+    EXPECT_EQ(A::AddressFull, r.admit(3, "a", evictOf(3)));
+    EXPECT_TRUE(evicted.empty());
+    // With one of them idle, that one yields to the address's new one.
+    r.setBusy(2, false);
+    EXPECT_EQ(A::Yes, r.admit(4, "a", evictOf(4)));
+    EXPECT_EQ(std::vector<uint64_t>{2}, evicted);
+    r.remove(2);  // it has closed
+    EXPECT_EQ(A::Yes, r.admit(5, "b", evictOf(5)));
+    // At the total ceiling the longest-waiting idle connection of any
+    // address yields; one asked already is not asked twice.
+    EXPECT_EQ(A::Yes, r.admit(6, "c", evictOf(6)));
+    EXPECT_EQ((std::vector<uint64_t>{2, 4}), evicted);
     r.remove(4);
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(8, "a", evictOf(8)));
-    EXPECT_EQ(ConnRegistry::Admit::Yes, r.admit(9, "a", evictOf(9)));
-    EXPECT_EQ(3, r.count());
+    r.setBusy(5, true);
+    r.setBusy(6, true);
+    EXPECT_EQ(A::Full, r.admit(7, "d", evictOf(7)));  // nobody can yield
+    // A closing connection leaves the ceiling (its socket counts up to a
+    // quarter over it).
+    r.setClosing(5);
+    EXPECT_EQ(A::Yes, r.admit(8, "d", evictOf(8)));
+    EXPECT_EQ(A::Full, r.admit(9, "e", evictOf(9)));
+    EXPECT_EQ(4, r.count());
     r.remove(8);
     r.remove(8);  // twice: harmless
-    EXPECT_EQ(2, r.count());
+    EXPECT_EQ(3, r.count());
 }
 
 TEST(WorkerPoolConcurrent, GrowsForLongJobsUpToItsCeilingAndRefusesBeyondItsQueue) {

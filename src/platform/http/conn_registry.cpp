@@ -9,46 +9,63 @@ void ConnRegistry::setLimits(int total, int perAddress) {
     perAddressMax_ = perAddress > 0 ? perAddress : 1;
 }
 
-// The longest-waiting connection that holds no request and is not already
-// closing; called with the lock held.
-std::function<void()> ConnRegistry::pickVictim() {
+void ConnRegistry::markClosing(Entry& e) {
+    if (e.closing)
+        return;
+    e.closing = true;
+    --live_;
+    --perAddress_[e.address].live;
+}
+
+// The longest-waiting live connection (of `address`, when given) that holds
+// no request; marked closing.  Called with the lock held.
+std::function<void()> ConnRegistry::pickVictim(const std::string* address) {
     Entry* oldest = nullptr;
     for (auto& [id, e] : conns_)
-        if (!e.busy && !e.evicting && (!oldest || e.since < oldest->since))
+        if (!e.busy && !e.closing && (!address || e.address == *address) &&
+            (!oldest || e.since < oldest->since))
             oldest = &e;
     if (!oldest)
         return {};
-    oldest->evicting = true;
+    markClosing(*oldest);
     return oldest->evict;
 }
 
 ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address,
                                         std::function<void()> evict) {
-    std::function<void()> victim;
+    std::vector<std::function<void()>> victims;
+    Admit result = Admit::Yes;
     {
         std::lock_guard<std::mutex> lock(m_);
-        int& fromAddress = perAddress_[address];
-        if (fromAddress >= perAddressMax_) {
-            if (fromAddress == 0)
-                perAddress_.erase(address);
-            return Admit::AddressFull;
+        PerAddress& mine = perAddress_[address];
+        // Sockets of closing connections count too, a quarter over at most.
+        int hardCap = total_ + std::max(1, total_ / 4);
+        if (mine.live >= perAddressMax_) {
+            if (auto v = pickVictim(&address))
+                victims.push_back(std::move(v));
+            else
+                result = Admit::AddressFull;
         }
-        int open = static_cast<int>(conns_.size());
-        if (open >= total_) {
-            // Connections already told to close still count until they are
-            // gone; a burst may overshoot the ceiling by a quarter at most.
-            if (open >= total_ + std::max(1, total_ / 4) || !(victim = pickVictim())) {
-                if (fromAddress == 0)
-                    perAddress_.erase(address);
-                return Admit::Full;
-            }
+        if (result == Admit::Yes && live_ >= total_) {
+            if (auto v = pickVictim(nullptr))
+                victims.push_back(std::move(v));
+            else
+                result = Admit::Full;
         }
-        ++fromAddress;
-        conns_[id] = Entry{address, std::move(evict), std::chrono::steady_clock::now()};
+        if (result == Admit::Yes && static_cast<int>(conns_.size()) >= hardCap)
+            result = Admit::Full;
+        if (result == Admit::Yes) {
+            ++mine.all;
+            ++mine.live;
+            ++live_;
+            conns_[id] = Entry{address, std::move(evict), std::chrono::steady_clock::now()};
+        } else if (mine.all == 0) {
+            perAddress_.erase(address);
+        }
     }
-    if (victim)
-        victim();
-    return Admit::Yes;
+    for (auto& v : victims)
+        v();
+    return result;
 }
 
 void ConnRegistry::setBusy(uint64_t id, bool busy) {
@@ -60,13 +77,21 @@ void ConnRegistry::setBusy(uint64_t id, bool busy) {
     it->second.since = std::chrono::steady_clock::now();
 }
 
+void ConnRegistry::setClosing(uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_);
+    auto it = conns_.find(id);
+    if (it != conns_.end())
+        markClosing(it->second);
+}
+
 void ConnRegistry::remove(uint64_t id) {
     std::lock_guard<std::mutex> lock(m_);
     auto it = conns_.find(id);
     if (it == conns_.end())
         return;
+    markClosing(it->second);
     auto a = perAddress_.find(it->second.address);
-    if (a != perAddress_.end() && --a->second <= 0)
+    if (a != perAddress_.end() && --a->second.all <= 0)
         perAddress_.erase(a);
     conns_.erase(it);
 }
