@@ -165,6 +165,9 @@ int wHttpTR181ValueSetHandle(CgHttpRequest* request, uint8_t chunked) {
             json_object_put(result);
         wHttpSetOperStatusByWcfgRet(doc, 0);
         send(request, doc, chunked, 1);
+        // The answer goes out before the batch is applied (applying may take
+        // the client's link down for a moment).
+        wHttpPostHeldAnswer(request);
         if (anySuccess)
             applyBatch(list);
         return 1;

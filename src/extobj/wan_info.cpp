@@ -113,6 +113,10 @@ int addWanStatus(json_object* answer) {
         if (strstr(line, "Enable")) {
             char status[10] = "", ip[24] = "", mac[18] = "";
             sscanf(line, format, status, ip, mac);
+            // The fields are cut by bytes: a cut character reads as no field.
+            for (char* field : {status, ip, mac})
+                if (!utf8Valid(field))
+                    field[0] = '\0';
             json_object_object_add(answer, "Mode", json_object_new_string("gateway"));
             json_object_object_add(answer, "Status", json_object_new_string(status));
             json_object_object_add(answer, "IPAddress", json_object_new_string(ip));

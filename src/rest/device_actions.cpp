@@ -9,6 +9,7 @@
 #include <string>
 
 #include "daemon/whttpd.h"
+#include "platform/utf8.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
@@ -42,8 +43,11 @@ void tellAgent(int code, std::string agent) {
     char codeText[8];
     snprintf(codeText, sizeof codeText, "%d", code);
     size_t room = kCommandBuffer - 1 - strlen("vx1905App ") - strlen(codeText) - 1;
-    if (agent.size() > room)
-        agent.resize(room);
+    if (!utf8Valid(agent)) {
+        WLOG(WLOG_ERR, WHTTPD_SRC, "agent name is not UTF-8 text: not told\n");
+        return;
+    }
+    agent.resize(utf8CutLength(agent, room));
     const char* argv[] = {"vx1905App", codeText, agent.c_str(), nullptr};
     if (wos_exec(1, argv) == -1)
         WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");

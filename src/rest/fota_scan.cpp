@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/utf8.h"
 #include "platform/platform.h"
 #include "rest/fota.h"
 
@@ -46,7 +47,7 @@ bool wHttpFotaScanImage(const char* meta, FotaDescriptor* d) {
 
 void wHttpFotaScanKeys(const char* meta, FotaDescriptor* d, FotaSummary* s) {
     char copy[1024];
-    wos_strlcpy(copy, meta, sizeof copy);
+    wos_strlcpy(copy, meta, utf8CutLength(meta, sizeof copy - 1) + 1);
     struct Row {
         const char* key;
         char* dst;
@@ -71,9 +72,11 @@ void wHttpFotaScanKeys(const char* meta, FotaDescriptor* d, FotaSummary* s) {
             char* value = strtok_r(nullptr, delims, &save);
             if (!value)
                 return;
-            wos_strlcpy(row.dst, value, row.size);
+            // Cut where a character ends: the store takes only UTF-8 text.
+            wos_strlcpy(row.dst, value, utf8CutLength(value, row.size - 1) + 1);
             if (row.dst == s->exFwVersion)
-                wos_strlcpy(d->exFwVersion, value, sizeof d->exFwVersion);
+                wos_strlcpy(d->exFwVersion, value,
+                            utf8CutLength(value, sizeof d->exFwVersion - 1) + 1);
             break;
         }
     }

@@ -99,6 +99,12 @@ void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer) {
     answer.response = nullptr;
 }
 
+void wHttpPostHeldAnswer(CgHttpRequest* request) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    if (ctx && ctx->heldAnswer)
+        wHttpPostAnswer(request, *ctx->heldAnswer);
+}
+
 WHttpHeldAnswer::WHttpHeldAnswer(CgHttpRequest* request) : request_(request) {
     if (WHttpReqCtx* ctx = wHttpReqCtx(request))
         ctx->heldAnswer = &answer_;

@@ -74,6 +74,8 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
                                uint8_t chunked, uint8_t renewSessionKey);
 // Hands a built answer to the connection and frees its response.
 void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer);
+// Hands the answer held for the request (if any) to the connection now.
+void wHttpPostHeldAnswer(CgHttpRequest* request);
 
 // Holds the answers written during its life in the request's context and
 // posts them when it ends; declared before the lock it outlives.

@@ -59,7 +59,7 @@ class Drippers {
   public:
     void open(FrontConcurrent& t, int count) {
         for (int i = 0; i < count; ++i)
-            conns_.push_back(t.tlsFrom("127.0.2." + std::to_string(1 + i / 10)));
+            conns_.push_back(t.tlsFrom("127.0.2." + std::to_string(1 + i / 2)));
     }
     void start() {
         thread_ = std::thread([this] {
@@ -260,4 +260,60 @@ TEST_F(FrontConcurrent, AClientThatNeverReadsHoldsUpNoOtherWriter) {
     stuck.close();
     r = write("PUT", "TR181/Value/Device.WiFi.SSID.2.", R"({"SSID":"after"})");
     EXPECT_EQ("Success", e2e::operStatus(r)) << r.body;
+}
+
+TEST_F(FrontConcurrent, ABodyDrippedInTinyRecordsIsStillCutOff) {
+    startWith("request_ms=1000,idle_ms=60000");
+    // Headers, then one-byte TLS records sent without pause from just before
+    // the request deadline to just after it, then silence: every connection
+    // ends (408 or closed) soon after, none lingers with a read pending and
+    // no deadline left.
+    std::vector<RawConn> conns;
+    for (int i = 0; i < 12; ++i) {
+        conns.push_back(tlsFrom("127.0.6." + std::to_string(1 + i)));
+        ASSERT_TRUE(
+            conns.back().send("PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\n"
+                              "Host: d\r\nContent-Length: 60000\r\n\r\n"));
+    }
+    Clock::time_point t0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(850));
+    std::vector<bool> open(conns.size(), true);
+    while (msSince(t0) < 1400)
+        for (size_t i = 0; i < conns.size(); ++i)
+            if (open[i] && !conns[i].send("x"))
+                open[i] = false;
+    for (size_t i = 0; i < conns.size(); ++i) {
+        bool closed = false;
+        conns[i].readUntilClose(6000, &closed);
+        EXPECT_TRUE(closed) << i;
+    }
+}
+
+TEST_F(FrontConcurrent, ContinueAndHeadAsHttpSays) {
+    startWith("request_ms=10000");
+    const std::string cookie = "Cookie: Session=" + s.id + "\r\n";
+    // A client that waits for "100 Continue" before its body gets it.
+    // (From the session's own address: a session answers only there.)
+    RawConn put = tlsFrom("127.0.0.1");
+    const std::string body = R"({"SSID":"after-continue"})";
+    ASSERT_TRUE(put.send(
+        "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1.?sessionkey=" + std::to_string(s.key) +
+        " HTTP/1.1\r\nHost: d\r\n" + cookie + "Content-Length: " + std::to_string(body.size()) +
+        "\r\nExpect: 100-continue\r\nConnection: close\r\n\r\n"));
+    EXPECT_EQ("HTTP/1.1 100 Continue\r\n\r\n", put.readUntilClose(3000));
+    ASSERT_TRUE(put.send(body));
+    std::string answer = put.readUntilClose(10000);
+    EXPECT_EQ("HTTP/1.1 200 OK", statusLine(answer)) << answer;
+    EXPECT_NE(std::string::npos, answer.find("\"Success\"")) << answer;
+    // HEAD: the headers of the answer, no body; the connection stays usable.
+    RawConn head = tlsFrom("127.0.0.1");
+    ASSERT_TRUE(head.send("HEAD /api/v1/TR181/Value/Device.DeviceInfo. HTTP/1.1\r\nHost: d\r\n" +
+                          cookie + "\r\nGET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n" + cookie +
+                          "Connection: close\r\n\r\n"));
+    std::string both = head.readUntilClose(10000);
+    size_t end = both.find("\r\n\r\n");
+    ASSERT_NE(std::string::npos, end) << both;
+    EXPECT_EQ("HTTP/1.1 200 OK", statusLine(both));
+    EXPECT_NE(std::string::npos, both.find("Content-Length: ")) << both;
+    EXPECT_EQ(0u, both.compare(end + 4, 15, "HTTP/1.1 200 OK")) << both;
 }

@@ -28,7 +28,7 @@ typedef void (*CG_HTTP_LISTENER)(CgHttpRequest* request);
 // closes the connection; it never waits on a client.
 struct CgHttpLimits {
     int maxConnections = 256;        // open connections (the longest-waiting idle one yields)
-    int maxPerAddress = 32;          // open connections of one client address
+    int maxPerAddress = 16;          // open connections of one client (IPv6: its /64)
     int handshakeTimeoutMs = 10000;  // from the accept to the end of the TLS handshake
     int requestTimeoutMs = 15000;    // a request's first byte to its last
     int idleTimeoutMs = 30000;       // waiting for the next request

@@ -55,8 +55,8 @@ void onAccept(const std::shared_ptr<HttpServerState>& st, boost::system::error_c
         if (ec == net::error::operation_aborted)
             return;
         if (resourceShortage(ec)) {
-            st->acceptRetry.expires_after(std::chrono::milliseconds(100));
-            st->acceptRetry.async_wait([st](boost::system::error_code e) {
+            st->acceptRetry->expires_after(std::chrono::milliseconds(100));
+            st->acceptRetry->async_wait([st](boost::system::error_code e) {
                 if (!e)
                     doAccept(st);
             });
@@ -110,6 +110,8 @@ bool configureTls(HttpServerState& st, const CgHttpSslSettings* settings) {
     if (ec)
         return false;
     ctx.use_private_key_file(settings->keyFile, ssl::context::pem, ec);
+    // An idle connection gives its TLS buffers back.
+    SSL_CTX_set_mode(ctx.native_handle(), SSL_MODE_RELEASE_BUFFERS);
     return !ec;
 }
 
@@ -135,7 +137,8 @@ bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, i
     net::ip::address addr = net::ip::make_address(bindAddr ? bindAddr : "::", ec);
     if (ec)
         return false;
-    auto acc = std::make_unique<tcp::acceptor>(st.ioc);
+    auto strand = net::make_strand(st.ioc);
+    auto acc = std::make_unique<tcp::acceptor>(strand);
     tcp::endpoint ep(addr, static_cast<unsigned short>(port));
     acc->open(ep.protocol(), ec);
     if (ec)
@@ -150,6 +153,7 @@ bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, i
     if (ec)
         return false;
     st.acceptor = std::move(acc);
+    st.acceptRetry = std::make_unique<net::steady_timer>(strand);
     return true;
 }
 
@@ -193,13 +197,13 @@ bool cg_http_server_stop(CgHttpServer* server) {
     std::shared_ptr<HttpServerState> st = server->state;
     if (!st->running.exchange(false))
         return true;
-    net::post(st->ioc, [st] {
+    net::post(st->acceptor->get_executor(), [st] {
         boost::system::error_code ec;
         st->acceptor->close(ec);
-        st->acceptRetry.cancel();
+        st->acceptRetry->cancel();
     });
     for (const auto& evict : st->conns.everyEvict())
-        evict();
+        evict(true);
     // Listeners under way finish (their answers go nowhere); then the network
     // threads stop and whatever they left queued is run down here.
     st->pool->stop(3000);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <boost/beast/http.hpp>
+#include <deque>
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,7 +28,8 @@ struct CgHttpRequest {
     std::string uri, method, remote, local;
     int localPort = 0;
     HttpPairs params;
-    std::vector<std::pair<std::string, std::string>> headerCache;
+    // Values handed out stay where they are (a deque does not move them).
+    std::deque<std::pair<std::string, std::string>> headerCache;
     HttpPairs cookies;
     bool cookiesParsed = false;
     void* userData = nullptr;

@@ -5,6 +5,7 @@
 // answers while holding a lock never holds it for a slow reader.
 #include <boost/beast/core/string.hpp>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 #include "platform/http/cg_http_internal.h"
@@ -95,8 +96,18 @@ int cg_http_response_getstatuscode(CgHttpResponse* res) {
     return res ? res->status : 0;
 }
 
+namespace {
+
+// A header line ends at CR or LF: a name or value holding one would let its
+// text start a header (or an answer) of its own.
+bool headerText(const char* name, const char* value) {
+    return name && value && !strpbrk(name, "\r\n") && !strpbrk(value, "\r\n");
+}
+
+}  // namespace
+
 void cg_http_response_setheader(CgHttpResponse* res, const char* name, const char* value) {
-    if (!res || !name || !value)
+    if (!res || !headerText(name, value))
         return;
     std::erase_if(res->headers,
                   [&](const auto& h) { return boost::beast::iequals(h.first, name); });
@@ -104,7 +115,7 @@ void cg_http_response_setheader(CgHttpResponse* res, const char* name, const cha
 }
 
 void cg_http_response_addheader(CgHttpResponse* res, const char* name, const char* value) {
-    if (res && name && value)
+    if (res && headerText(name, value))
         res->headers.emplace_back(name, value);
 }
 
@@ -136,6 +147,11 @@ bool usable(CgHttpRequest* r) {
     return r && r->output && !r->output->failed();
 }
 
+// The answer to HEAD has the headers of the answer to GET and no body.
+bool headOnly(const CgHttpRequest* r) {
+    return r->msg.method() == http::verb::head;
+}
+
 }  // namespace
 
 bool cg_http_request_postresponse(CgHttpRequest* r, CgHttpResponse* res) {
@@ -143,7 +159,8 @@ bool cg_http_request_postresponse(CgHttpRequest* r, CgHttpResponse* res) {
         return false;
     size_t length = res->body.size();
     std::string bytes = head(*r, *res, &length);
-    bytes += res->body;
+    if (!headOnly(r))
+        bytes += res->body;
     r->answered = true;
     r->output->send(std::move(bytes));
     return true;
@@ -160,6 +177,8 @@ bool cg_http_request_postheader(CgHttpRequest* r, CgHttpResponse* res) {
 bool cg_http_request_postchunkeddata(CgHttpRequest* r, const char* data, size_t length) {
     if (!usable(r) || !data || !length)
         return false;
+    if (headOnly(r))
+        return true;
     char size[24];
     int n = snprintf(size, sizeof size, "%zx\r\n", length);
     std::string bytes(size, static_cast<size_t>(n));
@@ -172,6 +191,8 @@ bool cg_http_request_postchunkeddata(CgHttpRequest* r, const char* data, size_t 
 bool cg_http_request_postlastchunk(CgHttpRequest* r) {
     if (!usable(r))
         return false;
+    if (headOnly(r))
+        return true;
     r->output->send("0\r\n\r\n");
     return true;
 }

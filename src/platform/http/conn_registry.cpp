@@ -1,7 +1,10 @@
 // Connection admission of the HTTP adapter: see conn_registry.h.
 #include "platform/http/conn_registry.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <cstring>
 
 void ConnRegistry::setLimits(int total, int perAddress) {
     std::lock_guard<std::mutex> lock(m_);
@@ -17,43 +20,73 @@ void ConnRegistry::markClosing(Entry& e) {
     --perAddress_[e.address].live;
 }
 
-// The longest-waiting live connection (of `address`, when given) that holds
-// no request; marked closing.  Called with the lock held.
-std::function<void()> ConnRegistry::pickVictim(const std::string* address) {
-    Entry* oldest = nullptr;
-    for (auto& [id, e] : conns_)
-        if (!e.busy && !e.closing && (!address || e.address == *address) &&
-            (!oldest || e.since < oldest->since))
-            oldest = &e;
-    if (!oldest)
+// The live connection without a request to close: of `address` when given
+// (the longest-waiting), else of the address that holds most live ones.
+// Marked closing.  Called with the lock held.
+ConnRegistry::Evict ConnRegistry::pickVictim(const std::string* address) {
+    Entry* pick = nullptr;
+    int pickLoad = 0;
+    for (auto& [id, e] : conns_) {
+        if (e.phase != Phase::Idle || e.closing || (address && e.address != *address))
+            continue;
+        int load = perAddress_[e.address].live;
+        if (!pick || load > pickLoad || (load == pickLoad && e.since < pick->since)) {
+            pick = &e;
+            pickLoad = load;
+        }
+    }
+    if (!pick)
         return {};
-    markClosing(*oldest);
-    return oldest->evict;
+    markClosing(*pick);
+    return pick->evict;
 }
 
-ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address,
-                                        std::function<void()> evict) {
-    std::vector<std::function<void()>> victims;
+// With nothing idle: the longest-reading connection of the address that
+// holds most, when that address holds more than one (a lone client's
+// request is left alone).  Called with the lock held.
+ConnRegistry::Evict ConnRegistry::pickReader() {
+    Entry* pick = nullptr;
+    int pickLoad = 1;
+    for (auto& [id, e] : conns_) {
+        if (e.phase != Phase::Reading || e.closing)
+            continue;
+        int load = perAddress_[e.address].live;
+        if (load > pickLoad || (pick && load == pickLoad && e.since < pick->since)) {
+            pick = &e;
+            pickLoad = load;
+        }
+    }
+    if (!pick)
+        return {};
+    markClosing(*pick);
+    return pick->evict;
+}
+
+ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address, Evict evict) {
+    std::vector<Evict> victims;
     Admit result = Admit::Yes;
     {
         std::lock_guard<std::mutex> lock(m_);
         PerAddress& mine = perAddress_[address];
         // Sockets of closing connections count too, a quarter over at most.
         int hardCap = total_ + std::max(1, total_ / 4);
-        if (mine.live >= perAddressMax_) {
-            if (auto v = pickVictim(&address))
+        if (static_cast<int>(conns_.size()) >= hardCap)
+            result = Admit::Full;
+        if (result == Admit::Yes && mine.live >= perAddressMax_) {
+            if (Evict v = pickVictim(&address))
                 victims.push_back(std::move(v));
             else
                 result = Admit::AddressFull;
         }
         if (result == Admit::Yes && live_ >= total_) {
-            if (auto v = pickVictim(nullptr))
+            Evict v = pickVictim(nullptr);
+            if (!v)
+                v = pickReader();
+            if (v)
                 victims.push_back(std::move(v));
             else
                 result = Admit::Full;
         }
-        if (result == Admit::Yes && static_cast<int>(conns_.size()) >= hardCap)
-            result = Admit::Full;
         if (result == Admit::Yes) {
             ++mine.all;
             ++mine.live;
@@ -63,18 +96,21 @@ ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address,
             perAddress_.erase(address);
         }
     }
-    for (auto& v : victims)
-        v();
+    for (Evict& v : victims)
+        v(false);
     return result;
 }
 
-void ConnRegistry::setBusy(uint64_t id, bool busy) {
+void ConnRegistry::setPhase(uint64_t id, Phase phase) {
     std::lock_guard<std::mutex> lock(m_);
     auto it = conns_.find(id);
     if (it == conns_.end())
         return;
-    it->second.busy = busy;
-    it->second.since = std::chrono::steady_clock::now();
+    // The wait of an idle connection counts from its accept or from the end
+    // of its last answer, not from the end of its TLS set-up.
+    if (it->second.phase != phase)
+        it->second.since = std::chrono::steady_clock::now();
+    it->second.phase = phase;
 }
 
 void ConnRegistry::setClosing(uint64_t id) {
@@ -101,11 +137,21 @@ int ConnRegistry::count() const {
     return static_cast<int>(conns_.size());
 }
 
-std::vector<std::function<void()>> ConnRegistry::everyEvict() const {
+std::vector<ConnRegistry::Evict> ConnRegistry::everyEvict() const {
     std::lock_guard<std::mutex> lock(m_);
-    std::vector<std::function<void()>> out;
+    std::vector<Evict> out;
     out.reserve(conns_.size());
     for (const auto& [id, e] : conns_)
         out.push_back(e.evict);
     return out;
+}
+
+std::string connAddressKey(const std::string& address) {
+    in6_addr a{};
+    if (address.find(':') == std::string::npos || inet_pton(AF_INET6, address.c_str(), &a) != 1)
+        return address;
+    memset(a.s6_addr + 8, 0, 8);
+    char text[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET6, &a, text, sizeof text);
+    return std::string(text) + "/64";
 }

@@ -76,9 +76,9 @@ beast::tcp_stream& HttpSession::lowest() {
 
 void HttpSession::start() {
     std::weak_ptr<HttpSession> weak = shared_from_this();
-    auto admitted = st_->conns.admit(id_, remote_, [weak] {
+    auto admitted = st_->conns.admit(id_, connAddressKey(remote_), [weak](bool force) {
         if (auto self = weak.lock())
-            self->evict();
+            self->evict(force);
     });
     if (admitted != ConnRegistry::Admit::Yes)
         return;  // the socket closes with this object
@@ -91,8 +91,15 @@ void HttpSession::start() {
     });
 }
 
-void HttpSession::evict() {
-    net::post(ex_, [self = shared_from_this()] { self->closeNow(); });
+// A request already with the listener is answered first: its change may be
+// made, and its answer must not be lost.
+void HttpSession::evict(bool force) {
+    net::post(ex_, [self = shared_from_this(), force] {
+        if (force || self->phase_ != Phase::Handling)
+            self->closeNow();
+        else
+            self->closeAfterWrite_ = true;
+    });
 }
 
 void HttpSession::onDetect(boost::system::error_code ec, bool tls) {
@@ -149,6 +156,34 @@ void HttpSession::onFirstBytes(boost::system::error_code ec, size_t n) {
 void HttpSession::readRest() {
     enter(Phase::Reading);
     arm(Clock::now() + ms(st_->limits.requestTimeoutMs));
+    http::async_read_header(
+        *tls_, buffer_, *parser_,
+        [self = shared_from_this()](boost::system::error_code ec, size_t) { self->onHeader(ec); });
+}
+
+// A client that asks may wait for "100 Continue" before it sends the body.
+void HttpSession::onHeader(boost::system::error_code ec) {
+    if (phase_ == Phase::Closing)
+        return;
+    if (ec || parser_->is_done() || timedOut_)
+        return onRead(ec);
+    auto expect = parser_->get().find(http::field::expect);
+    if (expect != parser_->get().end() && beast::iequals(expect->value(), "100-continue")) {
+        static const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+        net::async_write(*tls_, net::buffer(kContinue),
+                         [self = shared_from_this()](boost::system::error_code e, size_t) {
+                             if (e)
+                                 return self->onRead(e);
+                             self->readBody();
+                         });
+        return;
+    }
+    readBody();
+}
+
+void HttpSession::readBody() {
+    if (phase_ == Phase::Closing)
+        return;
     http::async_read(
         *tls_, buffer_, *parser_,
         [self = shared_from_this()](boost::system::error_code ec, size_t) { self->onRead(ec); });
@@ -275,8 +310,13 @@ void HttpSession::closeNow() {
 
 void HttpSession::enter(Phase phase) {
     phase_ = phase;
-    st_->conns.setBusy(
-        id_, phase == Phase::Reading || phase == Phase::Handling || phase == Phase::Closing);
+    using P = ConnRegistry::Phase;
+    if (phase == Phase::Closing)
+        st_->conns.setClosing(id_);
+    else
+        st_->conns.setPhase(id_, phase == Phase::Reading    ? P::Reading
+                                 : phase == Phase::Handling ? P::Handling
+                                                            : P::Idle);
 }
 
 void HttpSession::arm(Clock::time_point when) {
@@ -296,10 +336,15 @@ void HttpSession::disarm() {
 void HttpSession::onDeadline(uint64_t generation) {
     if (generation != deadlineGeneration_)
         return;
-    if (phase_ == Phase::Reading) {
-        // The read ends aborted and its handler answers 408.
+    if (phase_ == Phase::Reading && !timedOut_) {
+        // The read ends aborted (or at the end of input, should it be between
+        // two of its steps just now) and its handler answers 408; if it does
+        // not end within a grace second, the connection closes.
         timedOut_ = true;
+        boost::system::error_code ec;
+        lowest().socket().shutdown(net::ip::tcp::socket::shutdown_receive, ec);
         lowest().cancel();
+        arm(Clock::now() + std::chrono::seconds(1));
         return;
     }
     if (phase_ == Phase::Handling)

@@ -40,8 +40,10 @@ struct HttpServerState {
     std::condition_variable threadsGone;
     int ioThreads = 0;
     boost::asio::io_context ioc;
+    // The accept side lives on a strand of its own: the acceptor and the
+    // timer that retries when descriptors run out.
     std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
-    boost::asio::steady_timer acceptRetry{ioc};
+    std::unique_ptr<boost::asio::steady_timer> acceptRetry;
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work{
         ioc.get_executor()};
 };
@@ -53,8 +55,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     ~HttpSession() override;
     // Admits the connection and starts its TLS set-up.
     void start();
-    // Closes the connection at once (any thread).
-    void evict();
+    // Asks the connection to close (any thread): at once, or after the
+    // answer of a request already with the listener unless `force`.
+    void evict(bool force);
 
     // HttpOutput, for the listener's thread.
     void send(std::string bytes) override;
@@ -69,6 +72,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void readRequest();
     void onFirstBytes(boost::system::error_code ec, size_t n);
     void readRest();
+    void onHeader(boost::system::error_code ec);
+    void readBody();
     void onRead(boost::system::error_code ec);
     void dispatch();
     void runListener();
