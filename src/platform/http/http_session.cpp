@@ -134,7 +134,7 @@ void HttpSession::readRequest() {
     parser_->body_limit(st_->limits.maxBodyBytes);
     if (buffer_.size() > 0)
         return readRest();
-    buffer_.shrink_to_fit();  // an idle connection keeps no buffer
+    buffer_.shrink_to_fit();  // an idle connection keeps no request buffer
     enter(Phase::Waiting);
     arm(Clock::now() + ms(st_->limits.idleTimeoutMs));
     tls_->async_read_some(buffer_.prepare(kFirstRead),
