@@ -4,16 +4,24 @@
 # writes, batches, adds and deletes, malformed requests, logouts) for a given
 # time.  Reports the load's errors, the daemon's resident memory after a
 # warm-up and at the end, its thread count (at most, sampled each second)
-# and any sanitizer report in its output.
+# and any sanitizer report in its output, with the memory sampled ten times
+# along the way.  SOAK_BUILD=build runs the plain g++ build instead (ASan's
+# allocator keeps memory it has freed: the plain build shows the daemon's own
+# memory curve).
 #   bench/soak.sh [SECONDS [CLIENTS]]     (default 60 s, 32 clients)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 secs=${1:-60}
 clients=${2:-32}
 scripts/deps
-scripts/build build-asan address clang++ >/dev/null
-cmake -S . -B build-asan -DWHTTPD_BENCH=ON >/dev/null
-ninja -C build-asan soak_load >/dev/null
+bin=${SOAK_BUILD:-build-asan}
+if [ "$bin" = build-asan ]; then
+    scripts/build build-asan address clang++ >/dev/null
+else
+    scripts/build "$bin" g++ >/dev/null
+fi
+cmake -S . -B "$bin" -DWHTTPD_BENCH=ON >/dev/null
+ninja -C "$bin" soak_load >/dev/null
 
 root=$(mktemp -d /tmp/whttpd-soak-XXXXXX)
 pid=
@@ -24,28 +32,32 @@ export WHTTPD_ROOT=$root
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=16
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 port=$(( 20000 + $$ % 10000 ))
-build-asan/wcfgctl init >/dev/null
-build-asan/wcfgctl set Device.X_OLVEX_LoginCfg. '{"MaximumLoginAccountNumber":0}' >/dev/null
-WHTTPD_SECOND_MS=10 build-asan/whttpd_rest -s $port >"$root/out" 2>"$root/err" &
+"$bin"/wcfgctl init >/dev/null
+"$bin"/wcfgctl set Device.X_OLVEX_LoginCfg. '{"MaximumLoginAccountNumber":0}' >/dev/null
+WHTTPD_SECOND_MS=10 "$bin"/whttpd_rest -s $port >"$root/out" 2>"$root/err" &
 pid=$!
 until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.1; done
 rss() { awk '/VmRSS/ {print $2}' /proc/$pid/status; }
 threads() { awk '/Threads/ {print $2}' /proc/$pid/status; }
-echo "soak: $clients clients, $secs s, ASan + UBSan build"
+echo "soak: $clients clients, $secs s, $bin"
 echo "at rest: RSS $(rss) kB, threads $(threads)"
 ( peak=0; while kill -0 $pid 2>/dev/null; do
       t=$(threads 2>/dev/null || echo 0); [ "${t:-0}" -gt $peak ] && peak=$t && echo $peak > "$root/threads"
       sleep 1; done ) &
 sampler=$!
 warm=$(( secs / 10 > 5 ? secs / 10 : 5 ))
-( sleep $warm; rss > "$root/rss_start" ) &
+( sleep $warm; rss > "$root/rss_start"
+  for i in $(seq 2 10); do sleep $warm; echo "$(( i * warm )) s: $(rss 2>/dev/null) kB" >> "$root/rss_series"; done ) &
+series=$!
 status=0
-build-asan/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
+"$bin"/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
 rss_end=$(rss)
 kill $sampler 2>/dev/null || true
 wait $sampler 2>/dev/null || true
 head -20 "$root/load.err"
+kill $series 2>/dev/null || true
 echo "RSS after ${warm} s: $(cat "$root/rss_start") kB, at the end: $rss_end kB"
+sed 's/^/  RSS at /' "$root/rss_series" 2>/dev/null || true
 echo "threads at most: $(cat "$root/threads" 2>/dev/null || echo ?)"
 kill -TERM $pid; wait $pid || status=1
 pid=
