@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "platform/platform.h"
 #include "platform/standins/provision.h"
 #include "platform/utf8.h"
 
@@ -22,6 +23,7 @@ inline const std::string& fuzzDeviceRoot() {
         std::string err;
         if (!provision::initDeviceRoot("/bin/true", err))
             abort();
+        platformInit();  // the stand-in tools first on PATH, as in the daemon
         return dir;
     }();
     return root;
