@@ -136,19 +136,26 @@ WorkerPool::~WorkerPool() {
 }
 
 bool WorkerPool::submit(std::function<void()> job) {
-    std::lock_guard<std::mutex> lock(state_->m);
-    State& s = *state_;
-    // Jobs not yet taken, beyond the threads that are free to take them.
-    int free = s.idle + s.starting;
-    int waiting = static_cast<int>(s.jobs.size());
-    if (s.stopping || waiting >= free + s.config.maxQueued)
-        return false;
-    if (waiting >= free && s.threads < s.config.maxThreads)
-        addThread(state_);
-    if (s.threads == 0)
-        return false;
-    s.jobs.push_back(std::move(job));
-    s.work.notify_one();
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(state_->m);
+        State& s = *state_;
+        // Jobs not yet taken, beyond the threads that are free to take them.
+        int free = s.idle + s.starting;
+        int waiting = static_cast<int>(s.jobs.size());
+        if (s.stopping || waiting >= free + s.config.maxQueued)
+            return false;
+        if (waiting >= free && s.threads < s.config.maxThreads)
+            addThread(state_);
+        if (s.threads == 0)
+            return false;
+        s.jobs.push_back(std::move(job));
+        wake = s.idle > 0;
+    }
+    // Woken after the unlock: a thread woken under the lock would only
+    // block on it again.
+    if (wake)
+        state_->work.notify_one();
     return true;
 }
 
