@@ -61,11 +61,18 @@ struct WorkerPool::State {
     std::mutex m;
     std::condition_variable work;  // a job arrived or the pool stops
     std::condition_variable gone;  // a thread left
-    std::deque<std::function<void()>> jobs;
+    std::condition_variable watch;  // jobs wait and no thread is free
+    struct Job {
+        std::function<void()> run;
+        std::chrono::steady_clock::time_point queued;
+    };
+    std::deque<Job> jobs;
     int threads = 0;
     int idle = 0;      // waiting for a job
     int starting = 0;  // created, not yet waiting
     bool stopping = false;
+    bool watching = false;  // the watcher is looking at a waiting job
+    bool watcher = false;   // the watcher thread runs
 };
 
 namespace {
@@ -75,7 +82,7 @@ std::function<void()> nextJob(WorkerPool::State& s, std::unique_lock<std::mutex>
     auto idleFor = std::chrono::milliseconds(s.config.idleExitMs);
     for (;;) {
         if (!s.jobs.empty()) {
-            std::function<void()> job = std::move(s.jobs.front());
+            std::function<void()> job = std::move(s.jobs.front().run);
             s.jobs.pop_front();
             return job;
         }
@@ -118,6 +125,29 @@ bool addThread(const std::shared_ptr<WorkerPool::State>& s) {
     return false;
 }
 
+// The watcher: the pool grows only when a job has waited `growAfterMs` with
+// every thread busy, that is when long work holds the threads.  Quick jobs
+// under load are taken by the threads there are, one after another, without
+// a thread (and a wake-up) for each.
+void watcherLoop(std::shared_ptr<WorkerPool::State> s) {
+    if (s->config.threadInit)
+        s->config.threadInit();
+    auto growAfter = std::chrono::milliseconds(s->config.growAfterMs);
+    std::unique_lock<std::mutex> lock(s->m);
+    while (!s->stopping) {
+        s->watch.wait(lock, [&] { return s->watching || s->stopping; });
+        if (s->watch.wait_for(lock, growAfter, [&] { return s->stopping; }))
+            break;
+        bool noneFree = s->idle + s->starting == 0;
+        if (!s->jobs.empty() && noneFree && s->threads < s->config.maxThreads &&
+            std::chrono::steady_clock::now() - s->jobs.front().queued >= growAfter)
+            addThread(s);
+        s->watching = !s->jobs.empty();  // look again while jobs wait
+    }
+    s->watcher = false;
+    s->gone.notify_all();
+}
+
 }  // namespace
 
 WorkerPool::WorkerPool(WorkerPoolConfig config) : state_(std::make_shared<State>()) {
@@ -129,6 +159,8 @@ WorkerPool::WorkerPool(WorkerPoolConfig config) : state_(std::make_shared<State>
     std::lock_guard<std::mutex> lock(state_->m);
     for (int i = 0; i < state_->config.minThreads; ++i)
         addThread(state_);
+    std::shared_ptr<State> s = state_;
+    s->watcher = startSmallStackThread(s->config.stackBytes, [s] { watcherLoop(s); });
 }
 
 WorkerPool::~WorkerPool() {
@@ -136,7 +168,7 @@ WorkerPool::~WorkerPool() {
 }
 
 bool WorkerPool::submit(std::function<void()> job) {
-    bool wake = false;
+    bool wake = false, watch = false;
     {
         std::lock_guard<std::mutex> lock(state_->m);
         State& s = *state_;
@@ -145,17 +177,24 @@ bool WorkerPool::submit(std::function<void()> job) {
         int waiting = static_cast<int>(s.jobs.size());
         if (s.stopping || waiting >= free + s.config.maxQueued)
             return false;
-        if (waiting >= free && s.threads < s.config.maxThreads)
+        // Without the watcher (the system refused its thread) the pool
+        // grows at once instead.
+        if (!s.watcher && waiting >= free && s.threads < s.config.maxThreads)
             addThread(state_);
         if (s.threads == 0)
             return false;
-        s.jobs.push_back(std::move(job));
+        s.jobs.push_back({std::move(job), std::chrono::steady_clock::now()});
         wake = s.idle > 0;
+        // More jobs than threads free to take them: the watcher looks.
+        if (static_cast<int>(s.jobs.size()) > free && s.watcher && !s.watching)
+            s.watching = watch = true;
     }
     // Woken after the unlock: a thread woken under the lock would only
     // block on it again.
     if (wake)
         state_->work.notify_one();
+    if (watch)
+        state_->watch.notify_one();
     return true;
 }
 
@@ -163,8 +202,9 @@ void WorkerPool::stop(int waitMs) {
     std::unique_lock<std::mutex> lock(state_->m);
     state_->stopping = true;
     state_->work.notify_all();
+    state_->watch.notify_all();
     state_->gone.wait_for(lock, std::chrono::milliseconds(waitMs),
-                          [&] { return state_->threads == 0; });
+                          [&] { return state_->threads == 0 && !state_->watcher; });
 }
 
 int WorkerPool::threadCount() const {

@@ -1,6 +1,6 @@
 // A bounded pool of worker threads with small stacks for the HTTP adapter's
-// request handlers.  It keeps a few threads and grows up to a ceiling when
-// every thread is busy, so that long handlers (a WPS start that waits up to
+// request handlers.  It keeps a few threads and grows up to a ceiling when a
+// job has waited a moment with every thread busy, so that long handlers (a WPS start that waits up to
 // 40 s, a firmware download) never starve the quick ones; threads above the
 // floor leave again after a spell of idleness.  Jobs beyond the queue's
 // bound are refused: the caller answers "busy" instead of piling up work.
@@ -16,6 +16,7 @@ struct WorkerPoolConfig {
     int maxQueued = 64;  // jobs waiting for a thread
     size_t stackBytes = 256 * 1024;
     int idleExitMs = 30000;            // a thread above the floor leaves after this
+    int growAfterMs = 20;              // a job waiting this long with every thread busy adds one
     std::function<void()> threadInit;  // runs first on every new thread
 };
 
