@@ -17,7 +17,7 @@ inline const std::string& fuzzDeviceRoot() {
         setenv("WHTTPD_ROOT", dir.c_str(), 1);
         setenv("WHTTPD_SECOND_MS", "1", 1);
         setenv("WLOG_LEVEL", "0", 1);
-        setenv("WLOG_FILE", "/dev/null", 1);  // the log and the syslog mirror
+        setenv("WLOG_FILE", "/dev/null", 1);     // the log and the syslog mirror
         if (!freopen("/dev/null", "w", stdout))  // the console lines
             abort();
         std::string err;

@@ -59,8 +59,8 @@ bool startSmallStackThread(size_t stackBytes, std::function<void()> body) {
 struct WorkerPool::State {
     WorkerPoolConfig config;
     std::mutex m;
-    std::condition_variable work;  // a job arrived or the pool stops
-    std::condition_variable gone;  // a thread left
+    std::condition_variable work;   // a job arrived or the pool stops
+    std::condition_variable gone;   // a thread left
     std::condition_variable watch;  // jobs wait and no thread is free
     struct Job {
         std::function<void()> run;
