@@ -108,7 +108,6 @@ int openSocket() {
     return fd;
 }
 
-
 // Whether this device answers now: the mesh app on and the mesh controller.
 // With the app off or unreadable the previous decision stands.
 bool decide(bool previous) {
@@ -225,8 +224,11 @@ bool whttpDiscoverIsRequest(const unsigned char* buf, ssize_t n) {
     json_object* magic = nullptr;
     json_object* version = nullptr;
     json_object_object_get_ex(req.get(), "AppVersion", &version);  // read, not used
-    if (!json_object_object_get_ex(req.get(), "MagicNum", &magic) ||
-        strcmp(json_object_get_string(magic), kMagic) != 0) {
+    // A "MagicNum" of null has no text at all.
+    const char* text = json_object_object_get_ex(req.get(), "MagicNum", &magic)
+                           ? json_object_get_string(magic)
+                           : nullptr;
+    if (!text || strcmp(text, kMagic) != 0) {
         WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s Wrong MagicNum.\n", kSelf);
         return false;
     }

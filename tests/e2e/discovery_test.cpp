@@ -100,6 +100,7 @@ TEST_F(Discovery, MalformedRequestsAreDropped) {
     EXPECT_EQ("", ask(udp(), datagram(1, 1, 4097, kRequest), 200));
     EXPECT_EQ("", ask(udp(), datagram(1, 1, 40, R"({"MagicNum":"Q8153","AppVersion":3})"), 200));
     EXPECT_EQ("", ask(udp(), datagram(1, 1, 40, R"({"AppVersion":3})"), 200));
+    EXPECT_EQ("", ask(udp(), datagram(1, 1, 40, R"({"MagicNum":null})"), 200));  // found by fuzzing
     EXPECT_EQ("", ask(udp(), datagram(1, 1, 40, "not json"), 200));
     EXPECT_EQ("", ask(udp(), "", 200));
     EXPECT_EQ("", ask(udp(), std::string(5000, 'x'), 200));
