@@ -20,35 +20,14 @@ void ConnRegistry::markClosing(Entry& e) {
     --perAddress_[e.address].live;
 }
 
-// The live connection without a request to close: of `address` when given
-// (the longest-waiting), else of the address that holds most live ones.
-// Marked closing.  Called with the lock held.
-ConnRegistry::Evict ConnRegistry::pickVictim(const std::string* address) {
+// The live connection in `phase` to close: of `address` when given, else of
+// the address that holds most live ones (more than `minLoad`); the
+// longest-waiting among equals.  Marked closing.  Called with the lock held.
+ConnRegistry::Evict ConnRegistry::pick(Phase phase, const std::string* address, int minLoad) {
     Entry* pick = nullptr;
-    int pickLoad = 0;
+    int pickLoad = minLoad;
     for (auto& [id, e] : conns_) {
-        if (e.phase != Phase::Idle || e.closing || (address && e.address != *address))
-            continue;
-        int load = perAddress_[e.address].live;
-        if (!pick || load > pickLoad || (load == pickLoad && e.since < pick->since)) {
-            pick = &e;
-            pickLoad = load;
-        }
-    }
-    if (!pick)
-        return {};
-    markClosing(*pick);
-    return pick->evict;
-}
-
-// With nothing idle: the longest-reading connection of the address that
-// holds most, when that address holds more than one (a lone client's
-// request is left alone).  Called with the lock held.
-ConnRegistry::Evict ConnRegistry::pickReader() {
-    Entry* pick = nullptr;
-    int pickLoad = 1;
-    for (auto& [id, e] : conns_) {
-        if (e.phase != Phase::Reading || e.closing)
+        if (e.phase != phase || e.closing || (address && e.address != *address))
             continue;
         int load = perAddress_[e.address].live;
         if (load > pickLoad || (pick && load == pickLoad && e.since < pick->since)) {
@@ -73,15 +52,17 @@ ConnRegistry::Admit ConnRegistry::admit(uint64_t id, const std::string& address,
         if (static_cast<int>(conns_.size()) >= hardCap)
             result = Admit::Full;
         if (result == Admit::Yes && mine.live >= perAddressMax_) {
-            if (Evict v = pickVictim(&address))
+            if (Evict v = pick(Phase::Idle, &address, 0))
                 victims.push_back(std::move(v));
             else
                 result = Admit::AddressFull;
         }
         if (result == Admit::Yes && live_ >= total_) {
-            Evict v = pickVictim(nullptr);
+            // Idle ones first; a reader only of an address holding several
+            // (a lone client's request is left alone).
+            Evict v = pick(Phase::Idle, nullptr, 0);
             if (!v)
-                v = pickReader();
+                v = pick(Phase::Reading, nullptr, 1);
             if (v)
                 victims.push_back(std::move(v));
             else

@@ -54,8 +54,7 @@ class ConnRegistry {
         int all = 0;
         int live = 0;
     };
-    Evict pickVictim(const std::string* address);
-    Evict pickReader();
+    Evict pick(Phase phase, const std::string* address, int minLoad);
     void markClosing(Entry& e);
 
     mutable std::mutex m_;
