@@ -27,9 +27,10 @@ root=$(mktemp -d /tmp/whttpd-soak-XXXXXX)
 pid=
 trap '[ -n "$pid" ] && kill -TERM $pid 2>/dev/null && wait $pid; rm -rf "$root"' EXIT
 export WHTTPD_ROOT=$root
-# A small quarantine: ASan's default 256 MB would fill slowly and hide the
-# daemon's own memory curve.
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=16
+# A small quarantine, and free pages handed back to the system each second:
+# ASan's default 256 MB quarantine would fill slowly, and pages it keeps would
+# hide the daemon's own memory curve.
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=16:allocator_release_to_os_interval_ms=1000
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 port=$(( 20000 + $$ % 10000 ))
 "$bin"/wcfgctl init >/dev/null
