@@ -2,6 +2,8 @@
 // store across restarts, with the real daemon in fresh device roots.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <curl/curl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -44,11 +46,34 @@ void makePair(const std::string& key, const std::string& cert) {
     ASSERT_EQ(0, system(cmd.c_str()));
 }
 
+// The status of a GET that verifies the server against `caFile`, -1 when
+// the connection or the verification fails.
+long verifiedStatus(const std::string& u, const std::string& caFile) {
+    CURL* c = curl_easy_init();
+    if (!c)
+        return -1;
+    std::string sink;
+    curl_easy_setopt(c, CURLOPT_URL, u.c_str());
+    curl_easy_setopt(c, CURLOPT_CAINFO, caFile.c_str());
+    curl_easy_setopt(c, CURLOPT_TIMEOUT, 30L);
+    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(
+        c, CURLOPT_WRITEFUNCTION, +[](char*, size_t n, size_t m, void*) { return n * m; });
+    long status = -1;
+    if (curl_easy_perform(c) == CURLE_OK)
+        curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_cleanup(c);
+    return status;
+}
+
 }  // namespace
 
-TEST(Startup, NewRootGeneratesCertificateServesHttpsAndStopsCleanly) {
+// A device whose provisioning left no pair: the daemon waits for one, then
+// makes its own.
+TEST(Startup, NoPairWaitsThenGeneratesOneServesHttpsAndStopsCleanly) {
     DeviceRoot root;
     ASSERT_FALSE(root.dir().empty());
+    ASSERT_EQ(0, system(("rm -rf " + root.path("/data/CA")).c_str()));
     int port = e2e::freePort();
     Daemon d;
     ASSERT_TRUE(d.start(
@@ -95,6 +120,39 @@ TEST(Startup, NewRootGeneratesCertificateServesHttpsAndStopsCleanly) {
     EXPECT_EQ(std::string::npos, again.out().find("cert file not ready"));
     EXPECT_EQ(cert, root.read("/data/CA/newreq.crt"));
     EXPECT_EQ(0, again.stop(SIGQUIT));
+}
+
+// Provisioning made the pair: the daemon serves at once, and a client that
+// pins the device's certificate verifies it under the device's own names.
+TEST(Startup, ProvisionedPairIsServedAtOnceAndVerifies) {
+    DeviceRoot root;
+    ASSERT_TRUE(pairMatches(root));
+    struct stat st {};
+    ASSERT_EQ(0, stat(root.path("/data/CA/newreq.key").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+    std::string cert = root.read("/data/CA/newreq.crt");
+
+    // A second init keeps the pair a client may have pinned.
+    ASSERT_EQ(0, root.wcfgctl({"init"}));
+    EXPECT_EQ(cert, root.read("/data/CA/newreq.crt"));
+
+    int port = e2e::freePort();
+    Daemon d;
+    ASSERT_TRUE(d.start(root, {"-s", std::to_string(port)}));
+    ASSERT_TRUE(d.waitReady(port)) << d.out();
+    EXPECT_EQ(std::string::npos, d.out().find("cert file not ready"));
+    EXPECT_EQ(std::string::npos, d.out().find("re-generate CA"));
+    EXPECT_EQ(cert, root.read("/data/CA/newreq.crt"));
+    for (const char* host : {"localhost", "127.0.0.1", "[::1]"}) {
+        EXPECT_EQ(401, verifiedStatus(url(port, "/api/v1/MethodList", host),
+                                      root.path("/data/CA/newreq.crt")))
+            << host;
+    }
+    // Another device's certificate does not verify it.
+    makePair(root.path("/tmp/other.key"), root.path("/tmp/other.crt"));
+    EXPECT_EQ(-1, verifiedStatus(url(port, "/api/v1/MethodList", "localhost"),
+                                 root.path("/tmp/other.crt")));
+    EXPECT_EQ(0, d.stop());
 }
 
 TEST(Startup, MismatchedPairIsRegenerated) {

@@ -14,6 +14,7 @@
 #include "platform/store/dm_def.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
+#include "platform/standins/device_cert.h"
 #include "platform/standins/firmware_image.h"
 #include "platform/standins/standin.h"
 #include "platform/store/store.h"
@@ -159,9 +160,20 @@ bool writeHostDatabase(std::string& err) {
     return ok && rename(tmp.c_str(), file.c_str()) == 0;
 }
 
+// The HTTPS pair, as the device's provisioning lays it down before the daemon
+// starts; a pair already there is kept (a client may have pinned it).
+static bool provideCertificate(std::string& err) {
+    const char* cert = "/data/CA/newreq.crt";
+    const char* key = "/data/CA/newreq.key";
+    if (access(platformPath(cert).c_str(), F_OK) == 0 &&
+        access(platformPath(key).c_str(), F_OK) == 0)
+        return true;
+    return standin::makeDeviceCertificate(cert, key, err);
+}
+
 bool initDeviceRoot(const std::string& self, std::string& err) {
-    for (const char* d : {"/etc/config", "/data/factory", "/data/wcfg", "/tmp", "/var/run/wcfg",
-                          "/var/dnsmasq", "/var/log/standin"}) {
+    for (const char* d : {"/etc/config", "/data/factory", "/data/wcfg", "/data/CA", "/tmp",
+                          "/var/run/wcfg", "/var/dnsmasq", "/var/log/standin"}) {
         if (!platformMakeDirs(platformPath(d))) {
             err = std::string("cannot create ") + platformPath(d);
             return false;
@@ -182,6 +194,8 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
         return err = "cannot write the REST schema", false;
     if (!writeFile("/etc/config/openssl.cnf", kOpensslCnf))
         return err = "cannot write openssl.cnf", false;
+    if (!provideCertificate(err))
+        return false;
     if (!writeHostDatabase(err))
         return false;
 
