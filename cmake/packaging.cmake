@@ -1,0 +1,54 @@
+# Installation (GNUInstallDirs) and the Debian package (CPack):
+#   cmake --install build --prefix DIR      cd build && cpack
+include(GNUInstallDirs)
+
+install(TARGETS whttpd_rest RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS wcfgctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET whttpctl)
+    install(TARGETS whttpctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+# The data-model definition and default configuration are compiled into the
+# programs; installed beside them as the reference of what the device holds.
+install(FILES data/datamodel.def data/defaults.json
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd)
+install(FILES README.md DEVELOPERS.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+if(EXISTS ${CMAKE_SOURCE_DIR}/docs/openapi.yaml)
+    install(FILES docs/openapi.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endif()
+install(PROGRAMS packaging/openwrt/whttpd.init
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd/openwrt RENAME whttpd)
+
+# The unit names the programs by their installed paths, which are known only
+# when installing (cpack installs below /usr, cmake --install where asked).
+install(CODE "
+    set(WHTTPD_SBINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SBINDIR}\")
+    set(WHTTPD_BINDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    set(WHTTPD_DOCDIR \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DOCDIR}\")
+    set(unit \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/whttpd.service\")
+    message(STATUS \"Installing: \${unit}\")
+    configure_file(${CMAKE_SOURCE_DIR}/packaging/systemd/whttpd.service.in \"\${unit}\" @ONLY)
+")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME whttpd)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "whttpd developers <whttpd-dev@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "HTTPS REST API daemon of a home router, with its virtual-router platform")
+set(CPACK_PACKAGE_DESCRIPTION
+    "whttpd_rest serves the device's TR-181 data model as JSON over HTTPS to apps that log in.\n\
+The package runs it as a virtual router: an embedded configuration store with a default\n\
+router configuration (wcfgctl), a command-line client (whttpctl) and a systemd unit.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Tools the daemon runs: openssl (certificate checks), unzip (firmware images).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, openssl, unzip")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_SOURCE_DIR}/packaging/debian/postinst
+    ${CMAKE_SOURCE_DIR}/packaging/debian/prerm
+    ${CMAKE_SOURCE_DIR}/packaging/debian/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
+include(CPack)

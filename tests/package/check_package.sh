@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# The Debian package and the service files, from a build tree:
+#   tests/package/check_package.sh BUILD_DIR
+# Builds the package, checks its file list and dependencies, unpacks it into
+# a temporary directory and runs the daemon from there against a fresh device
+# root (a login and a read, verified against the device's own certificate),
+# runs the systemd unit's commands the way systemd would and has systemd
+# verify the unit and rate its sandbox, and runs the procd script against
+# stand-ins of procd's functions.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "$1" && pwd)
+tmp=$(mktemp -d /tmp/whttpd-package-XXXXXX)
+pid=
+cleanup() {
+    [ -n "$pid" ] && kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+fail() { echo "package: $*" >&2; exit 1; }
+
+rm -f "$build"/whttpd_*.deb
+(cd "$build" && cpack -G DEB >"$tmp/cpack.log" 2>&1) || { cat "$tmp/cpack.log"; fail "cpack failed"; }
+deb=$(ls "$build"/whttpd_*.deb)
+
+# Exactly the expected files, nothing of the tests or the stand-in cloud.
+dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '/$' | sed 's#^\./#/#' | sort >"$tmp/files"
+sort "$here/files.txt" | diff -u - "$tmp/files" || fail "unexpected file list"
+dpkg-deb -c "$deb" | awk '$1 ~ /^-/ && $2 != "root/root" {print; bad=1} END {exit bad}' ||
+    fail "files not owned by root"
+depends=$(dpkg-deb -f "$deb" Depends)
+for d in adduser openssl unzip libc6 libjson-c5 libcurl4 libsqlite3-0 libssl3; do
+    [[ ", $depends," == *", $d"[\ ,]* ]] || fail "Depends lacks $d: $depends"
+done
+dpkg-deb -x "$deb" "$tmp/pkg"
+pkg=$tmp/pkg/usr
+
+free_port() {
+    local p
+    while :; do
+        p=$(( 20000 + RANDOM % 30000 ))
+        (exec 3<>/dev/tcp/127.0.0.1/$p) 2>/dev/null || { echo $p; return; }
+    done
+}
+# Waits for the HTTPS answer of the daemon $pid on port $1, verifying the
+# certificate of device root $2.
+wait_served() {
+    for _ in $(seq 300); do
+        kill -0 "$pid" 2>/dev/null || fail "the daemon exited"
+        curl -sS --cacert "$2/data/CA/newreq.crt" -o /dev/null \
+             "https://localhost:$1/api/v1/MethodList" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    fail "no HTTPS answer on port $1"
+}
+login_and_read() {
+    local port=$1 root=$2 jar=$tmp/jar
+    curl -sS --cacert "$root/data/CA/newreq.crt" -c "$jar" \
+         -d '{"username":"admin","password":"1234abcd"}' \
+         "https://localhost:$port/api/v1/UserLogin" | grep -q '"sessionkey"' || fail "login failed"
+    curl -sS --cacert "$root/data/CA/newreq.crt" -b "$jar" \
+         "https://localhost:$port/api/v1/TR181/Value/Device.DeviceInfo." |
+        grep -q '"ModelName"' || fail "read failed"
+}
+stop_daemon() {
+    kill -TERM "$pid"
+    wait "$pid" || fail "the daemon did not stop cleanly"
+    pid=
+}
+
+# The unpacked programs in a fresh device root.
+export WHTTPD_ROOT=$tmp/root
+export WHTTPD_DISCOVERY_PORT=$(free_port)
+"$pkg/bin/wcfgctl" init >/dev/null
+port=$(free_port)
+"$pkg/sbin/whttpd_rest" -s "$port" >"$tmp/out" 2>&1 &
+pid=$!
+wait_served "$port" "$WHTTPD_ROOT"
+login_and_read "$port" "$WHTTPD_ROOT"
+if [ -x "$pkg/bin/whttpctl" ]; then
+    "$pkg/bin/whttpctl" --url "https://localhost:$port" --cacert "$WHTTPD_ROOT/data/CA/newreq.crt" \
+        methods >/dev/null 2>&1 && fail "whttpctl answered without a session"
+fi
+stop_daemon
+
+# The unit, with its programs found in the unpacked tree: its own commands,
+# run as systemd runs them, provision a new state directory and serve.
+unit=$tmp/whttpd.service
+sed "s#/usr/#$pkg/#g" "$pkg/lib/systemd/system/whttpd.service" >"$unit"
+out=$(systemd-analyze verify "$unit" 2>&1) || fail "systemd-analyze verify: $out"
+[ -z "$out" ] || fail "systemd-analyze verify: $out"
+systemd-analyze security --offline=yes --threshold=20 "$unit" >"$tmp/security" 2>&1 ||
+    { tail -3 "$tmp/security"; fail "the unit's sandbox is weaker than expected"; }
+export WHTTPD_ROOT=$tmp/state WHTTPD_HTTPS_PORT=$(free_port)
+mkdir -p "$WHTTPD_ROOT"
+pre=$(sed -n 's/^ExecStartPre=//p' "$unit")
+start=$(sed -n 's/^ExecStart=//p' "$unit")
+sh -c "$pre" >/dev/null && [ -f "$WHTTPD_ROOT/data/CA/newreq.key" ] || fail "ExecStartPre did not provision"
+sh -c "$pre" >/dev/null || fail "ExecStartPre failed on a provisioned root"
+sh -c "exec $start" >"$tmp/unit.out" 2>&1 &
+pid=$!
+wait_served "$WHTTPD_HTTPS_PORT" "$WHTTPD_ROOT"
+login_and_read "$WHTTPD_HTTPS_PORT" "$WHTTPD_ROOT"
+stop_daemon
+
+# The procd script, sourced with stand-ins of rc.common's procd functions.
+init=$pkg/share/whttpd/openwrt/whttpd
+sh -n "$init" || fail "procd script syntax"
+params=$(sh -c '
+    procd_open_instance() { echo open; }
+    procd_set_param() { echo "$*"; }
+    procd_close_instance() { echo close; }
+    . "$1"; start_service' sh "$init")
+grep -qx "command /usr/sbin/whttpd_rest -s 8443" <<<"$params" || fail "procd command: $params"
+grep -q "^respawn " <<<"$params" || fail "procd respawn: $params"
+[ "$(head -1 <<<"$params")" = open ] && [ "$(tail -1 <<<"$params")" = close ] ||
+    fail "procd instance: $params"
+echo "package: $(basename "$deb") ($(wc -l <"$tmp/files") files) installs, serves and its unit verifies"
