@@ -228,6 +228,8 @@ def self_test(contract):
          "content_type": "application/json", "body": '{"oper_status": "Invalid parameter value"}'},
         {"method": "GET", "path": base + "/MethodList", "status": 503, "content_type": "text/plain",
          "body": "Service Unavailable\n"},
+        {"method": "GET", "path": base + "/NoSuchUri", "status": 200,
+         "content_type": "application/json", "body": '{"oper_status": "Invalid URI"}'},
     ]
     bad = [
         # the key as text
@@ -252,6 +254,8 @@ def self_test(contract):
         {"method": "DELETE", "path": base + "/MethodList", "status": 200,
          "content_type": "application/json", "body": '{"oper_status": "Success"}'},
         {"method": "GET", "path": base + "/NoSuchUri", "status": 200,
+         "content_type": "application/json", "body": '{"oper_status": "Success"}'},
+        {"method": "GET", "path": base + "/TR181/Nothing/Device.", "status": 200,
          "content_type": "application/json", "body": '{"oper_status": "Invalid URI"}'},
         {"method": "GET", "path": "/api/v2/MethodList", "status": 200,
          "content_type": "application/json", "body": '{"oper_status": "Success"}'},
