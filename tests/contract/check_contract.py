@@ -35,6 +35,10 @@ from jsonschema import Draft202012Validator
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_DOC = os.path.join(HERE, "..", "..", "docs", "openapi.yaml")
+METHOD_LIST = json.dumps(["/api/v1/" + u for u in (
+    "UserLogin", "UserLogout", "MethodList", "Reboot", "MeshReboot", "MeshResetAllSetting",
+    "UserUpdate", "APPUICustomization", "TR181/Value/", "TR181/Value/MultiObjects",
+    "TR181/SupportedDM/", "FOTA?action=online", "FOTA")])
 METHODS = ("get", "put", "post", "delete", "options", "head", "patch", "trace")
 
 
@@ -219,7 +223,7 @@ def self_test(contract):
     good = [
         {"method": "POST", "path": base + "/UserLogin", "status": 200,
          "content_type": "application/json",
-         "body": '{"sessionkey": 5, "oper_status": "Success", "MethodList": ["/api/v1/UserLogin"]}'},
+         "body": '{"sessionkey": 5, "oper_status": "Success", "MethodList": ' + METHOD_LIST + '}'},
         {"method": "GET", "path": base + "/TR181/Value/Device.NAT.?first_level_only=false",
          "status": 200, "content_type": "application/json",
          "body": '{"requested_path": "Device.NAT.", "oper_status": "Success", "Object": '
@@ -235,7 +239,11 @@ def self_test(contract):
         # the key as text
         {"method": "POST", "path": base + "/UserLogin", "status": 200,
          "content_type": "application/json",
-         "body": '{"sessionkey": "5", "oper_status": "Success", "MethodList": []}'},
+         "body": '{"sessionkey": "5", "oper_status": "Success", "MethodList": ' + METHOD_LIST + '}'},
+        # a URI missing from the list
+        {"method": "GET", "path": base + "/MethodList", "status": 200,
+         "content_type": "application/json",
+         "body": '{"oper_status": "Success", "MethodList": ' + METHOD_LIST.replace('"/api/v1/Reboot", ', '') + '}'},
         # a status text the daemon does not give
         {"method": "PUT", "path": base + "/TR181/Value/Device.NAT.PortMapping.1.?sessionkey=1",
          "status": 200, "content_type": "application/json",
