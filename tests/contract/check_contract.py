@@ -192,7 +192,7 @@ def run(contract, records, out=sys.stdout):
         if problem:
             head = "%s %s -> %s: %s" % (rec["method"], re.sub(r"sessionkey=-?\d+", "sessionkey=K",
                                                               rec["path"]), rec["status"], problem)
-            problems.setdefault(problem if opname else head, []).append((head, rec))
+            problems.setdefault((opname, problem) if opname else head, []).append((head, rec))
     every = list(contract.operations())
     print("contract: %d exchanges checked, %d of %d documented operations exercised" %
           (len(records), sum(1 for m, k in every if "%s %s" % (m, k) in used), len(every)),
