@@ -1,6 +1,7 @@
 #include "harness.h"
 
 #include <curl/curl.h>
+#include <json-c/json.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -63,6 +65,42 @@ int waitStatus(pid_t pid, int timeoutMs) {
             return -1000;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+// With WHTTPD_CONTRACT_DIR set, every answer that a test receives is kept as
+// one JSON line (method, path with query, status, Content-Type, body) in
+// contract-<pid>.jsonl there, for tests/contract/check_contract.py to check
+// against docs/openapi.yaml.  One file per process, so that parallel test
+// processes never interleave; one mutex, so that the threads of one do not.
+void recordExchange(const std::string& method, const std::string& url, const Reply& r,
+                    const char* contentType) {
+    static const char* dir = getenv("WHTTPD_CONTRACT_DIR");
+    if (!dir || !*dir || !r.ok)
+        return;
+    static std::mutex mutex;
+    static FILE* out = nullptr;
+    size_t scheme = url.find("://");
+    size_t at = scheme == std::string::npos ? 0 : url.find('/', scheme + 3);
+    json_object* line = json_object_new_object();
+    json_object_object_add(line, "method", json_object_new_string(method.c_str()));
+    json_object_object_add(line, "path",
+                           json_object_new_string(at == std::string::npos ? "" : url.c_str() + at));
+    json_object_object_add(line, "status", json_object_new_int(static_cast<int>(r.status)));
+    json_object_object_add(line, "content_type",
+                           contentType ? json_object_new_string(contentType) : nullptr);
+    json_object_object_add(
+        line, "body", json_object_new_string_len(r.body.data(), static_cast<int>(r.body.size())));
+    std::string text = json_object_to_json_string_ext(line, JSON_C_TO_STRING_PLAIN);
+    json_object_put(line);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!out) {
+        std::string file = std::string(dir) + "/contract-" + std::to_string(getpid()) + ".jsonl";
+        out = fopen(file.c_str(), "a");
+        if (!out)
+            return;
+    }
+    fprintf(out, "%s\n", text.c_str());
+    fflush(out);
 }
 
 size_t collect(char* data, size_t size, size_t n, void* out) {
@@ -265,6 +303,9 @@ Reply https(const std::string& method, const std::string& url, const std::string
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &r.headers);
     r.ok = curl_easy_perform(c) == CURLE_OK;
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &r.status);
+    char* contentType = nullptr;
+    curl_easy_getinfo(c, CURLINFO_CONTENT_TYPE, &contentType);
+    recordExchange(method, url, r, contentType);
     curl_slist_free_all(list);
     curl_easy_cleanup(c);
     return r;
