@@ -11,10 +11,7 @@ endif()
 # programs; installed beside them as the reference of what the device holds.
 install(FILES data/datamodel.def data/defaults.json
         DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd)
-install(FILES README.md DEVELOPERS.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-if(EXISTS ${CMAKE_SOURCE_DIR}/docs/openapi.yaml)
-    install(FILES docs/openapi.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR})
-endif()
+install(FILES README.md DEVELOPERS.md docs/openapi.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(PROGRAMS packaging/openwrt/whttpd.init
         DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd/openwrt RENAME whttpd)
 
