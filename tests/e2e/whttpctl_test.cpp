@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -60,7 +61,7 @@ std::string member(const std::string& json, const std::string& name) {
 // Killed after `limitMs`: a hang shows as -1000, never as a stuck test.
 Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
                const std::string& input = "", int limitMs = 60000) {
-    static int serial = 0;
+    static std::atomic<int> serial{0};
     std::string base = dir + "/run" + std::to_string(++serial);
     spit(base + ".in", input);
     pid_t pid = fork();
@@ -213,6 +214,26 @@ TEST_F(Whttpctl, WholeSessionFollowsEveryKeyRenewal) {
     r = ctl({"get", "Device.DeviceInfo."});
     EXPECT_EQ(1, r.status);
     EXPECT_EQ("whttpctl: Timeout (HTTP 504)\n", r.err);
+}
+
+TEST_F(Whttpctl, RunsAtOnceTakeTurnsWithTheKey) {
+    // Each write needs the key the one before brought: runs started together
+    // share the state file and still all succeed.
+    start();
+    login();
+    std::vector<std::thread> runs;
+    int status[6];
+    for (int i = 0; i < 6; ++i) {
+        runs.emplace_back([this, i, &status] {
+            status[i] = ctl({"set", "Device.NAT.PortMapping.1.",
+                             "{\"Description\":\"run" + std::to_string(i) + "\"}"})
+                            .status;
+        });
+    }
+    for (auto& t : runs)
+        t.join();
+    for (int s : status)
+        EXPECT_EQ(0, s);
 }
 
 TEST_F(Whttpctl, PrettyOrCompactTheSameDocument) {

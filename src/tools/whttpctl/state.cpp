@@ -3,6 +3,7 @@
 #include "fd.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -125,16 +126,40 @@ bool StateFile::checkDirectory(bool create, std::string& error) const {
     return true;
 }
 
+// A session key is good for one write: two runs at once would send the same
+// key and one of them would be refused.  The lock makes them take turns.
+bool StateFile::lock(std::string& error) {
+    if (!checkDirectory(true, error))
+        return false;
+    std::string name = path_ + ".lock";
+    lock_.reset(open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    struct stat st {};
+    if (lock_.get() < 0 || fstat(lock_.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        error = "lock file " + name + ": " + (lock_.get() < 0 ? strerror(errno) : "not a file");
+        return false;
+    }
+    // Every run is bounded, so the lock comes free; a run that is stopped
+    // must not stall the others for ever.
+    for (int i = 0; i < 1200; ++i) {
+        if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0)
+            return true;
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            break;
+        usleep(50000);
+    }
+    error = "lock file " + name + ": held by another run for too long (or " + strerror(errno) + ")";
+    return false;
+}
+
 bool StateFile::load(std::string& error) {
     doc_.reset(json_object_new_object());
+    if (!lock(error))
+        return false;
     // O_NOFOLLOW: a symbolic link planted in place of the file is refused;
     // O_NONBLOCK: a FIFO planted there cannot stall the open.
     Fd fd(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (fd.get() < 0 && errno == ENOENT) {
-        // Nothing stored yet; a directory that is there must still be sound.
-        struct stat st {};
-        return lstat(directory().c_str(), &st) != 0 || checkDirectory(false, error);
-    }
+    if (fd.get() < 0 && errno == ENOENT)
+        return true;  // nothing stored yet
     if (fd.get() < 0) {
         error = "state file " + path_ + ": " +
                 (errno == ELOOP ? std::string("is a symbolic link; refusing to use it")

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "fd.h"
 #include "json.h"
 
 namespace whttpctl {
@@ -23,7 +24,8 @@ class StateFile {
     static std::string defaultPath();
     explicit StateFile(std::string path) : path_(std::move(path)) {}
 
-    // Reads the file (a missing file is an empty state).  False with `error`
+    // Takes the user's lock, then reads the file (a missing file is an empty
+    // state); the lock is held until the end of the run.  False with `error`
     // set when the file or its directory is refused or damaged.
     bool load(std::string& error);
     // Writes the whole state to a new private file and renames it over the
@@ -36,11 +38,13 @@ class StateFile {
     const std::string& path() const { return path_; }
 
   private:
+    bool lock(std::string& error);
     bool checkDirectory(bool create, std::string& error) const;
     std::string directory() const;
 
     std::string path_;
     JsonPtr doc_;
+    Fd lock_{-1};
 };
 
 // Whether `cookie` is a plausible session cookie value: it goes into a
