@@ -44,20 +44,31 @@ size_t onHeader(char* data, size_t size, size_t n, void* user) {
 }
 
 // The waiting bar of a long request: the device answers only when its own
-// download has ended, so the bar shows time passing, not bytes.
+// download has ended, so the bar shows time passing, not bytes.  curl calls
+// this many times a second; it redraws at most every 125 ms.
+struct Bar {
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    long drawn = -1;  // the step last drawn
+};
+
 int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    using Clock = std::chrono::steady_clock;
-    auto* start = static_cast<Clock::time_point*>(user);
-    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - *start).count();
+    auto* bar = static_cast<Bar*>(user);
+    long ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  std::chrono::steady_clock::now() - bar->start)
+                  .count();
+    long step = ms / 125;
+    if (step == bar->drawn)
+        return 0;
+    bar->drawn = step;
     constexpr int kWidth = 24;
-    int pos = static_cast<int>((ms / 125) % (2 * kWidth - 2));
+    int pos = static_cast<int>(step % (2 * kWidth - 2));
     if (pos >= kWidth)
         pos = 2 * kWidth - 2 - pos;
-    char bar[kWidth + 1];
-    memset(bar, ' ', kWidth);
-    bar[kWidth] = '\0';
-    bar[pos] = '#';
-    fprintf(stderr, "\rdevice downloading the firmware [%s] %lds", bar, ms / 1000);
+    char text[kWidth + 1];
+    memset(text, ' ', kWidth);
+    text[kWidth] = '\0';
+    text[pos] = '#';
+    fprintf(stderr, "\rdevice downloading the firmware [%s] %lds", text, ms / 1000);
     return 0;
 }
 
@@ -114,12 +125,12 @@ bool Transport::send(const std::string& method, const std::string& target, const
         curl_easy_setopt(c, CURLOPT_COOKIE, cookieText.c_str());
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &out);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &out);
-    auto start = std::chrono::steady_clock::now();
+    Bar state;
     bool bar = bounds.progress && isatty(STDERR_FILENO);
     if (bar) {
         curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
         curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, onProgress);
-        curl_easy_setopt(c, CURLOPT_XFERINFODATA, &start);
+        curl_easy_setopt(c, CURLOPT_XFERINFODATA, &state);
     }
     char message[CURL_ERROR_SIZE] = "";
     curl_easy_setopt(c, CURLOPT_ERRORBUFFER, message);
