@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -97,6 +99,56 @@ Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
         r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     r.out = slurp(base + ".out");
     r.err = slurp(base + ".err");
+    return r;
+}
+
+// Prompts and what a user types at each.
+using Dialogue = std::vector<std::pair<std::string, std::string>>;
+
+// Runs whttpctl on a terminal (a pseudo-terminal for all three streams),
+// typing each answer of `dialogue` once its prompt has appeared.  The exit
+// status, and all that the terminal showed in `out`.
+Outcome runTty(const std::string& dir, const std::vector<std::string>& args,
+               const Dialogue& dialogue = {}) {
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
+        std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
+        for (const auto& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    Outcome r;
+    size_t next = 0, seen = 0;
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < end) {
+        if (next < dialogue.size()) {
+            size_t at = r.out.find(dialogue[next].first, seen);
+            const std::string& input = dialogue[next].second;
+            if (at != std::string::npos &&
+                write(master, input.data(), input.size()) == ssize_t(input.size())) {
+                seen = at + dialogue[next].first.size();
+                ++next;
+            }
+        }
+        pollfd p{master, POLLIN, 0};
+        if (poll(&p, 1, 100) <= 0)
+            continue;
+        char buf[4096];
+        ssize_t n = read(master, buf, sizeof buf);
+        if (n <= 0)
+            break;  // the child ended: EIO on the master
+        r.out.append(buf, static_cast<size_t>(n));
+    }
+    close(master);
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == 0)
+        kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return r;
 }
 
@@ -347,6 +399,35 @@ TEST_F(Whttpctl, FirmwareCheckAndUpgrade) {
     std::string j = journalWith(installed);
     EXPECT_NE(std::string::npos, j.find(installed)) << j;
     EXPECT_EQ(2, ctl({"fota", "now"}).status);
+}
+
+TEST_F(Whttpctl, OnATerminalThePasswordIsNotEchoedAndTheWaitShows) {
+    e2e::Cloud cloud;
+    ASSERT_TRUE(cloud.start(root)) << cloud.err();
+    start();
+    std::vector<std::string> base{"--url", url(), "--insecure"};
+    auto with = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), base.begin(), base.end());
+        return args;
+    };
+    Outcome r = runTty(home, with({"login", "admin"}), {{"Password for admin: ", "1234abcd\n"}});
+    ASSERT_EQ(0, r.status) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("1234abcd")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("\"oper_status\": \"Success\"")) << r.out;
+    // The new one is asked twice on a terminal; two different answers change
+    // nothing.
+    r = runTty(home, with({"passwd"}),
+               {{"Current password: ", "1234abcd\n"},
+                {"New password: ", "n3wPassword\n"},
+                {"New password again: ", "n3wPassw0rd\n"}});
+    EXPECT_EQ(2, r.status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("the new passwords differ")) << r.out;
+    EXPECT_EQ(std::string::npos, r.out.find("n3wPassword")) << r.out;
+    EXPECT_EQ(0, runCtl(home, with({"login", "admin", "1234abcd"})).status);
+    ASSERT_EQ(0, runCtl(home, with({"fota", "check"})).status);
+    r = runTty(home, with({"fota", "upgrade"}));
+    EXPECT_EQ(0, r.status) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("device downloading the firmware [")) << r.out;
 }
 
 TEST_F(Whttpctl, DiscoverListsTheDevicesThatAnswer) {

@@ -40,9 +40,11 @@ class EchoOff {
 bool readSecret(const std::string& prompt, std::string& secret) {
     if (!isatty(STDIN_FILENO))
         return static_cast<bool>(std::getline(std::cin, secret));
+    // Echo goes off before the prompt shows: what is typed once the prompt is
+    // there is never echoed, nor discarded by the switch.
+    EchoOff quiet(STDIN_FILENO);
     fprintf(stderr, "%s", prompt.c_str());
     fflush(stderr);
-    EchoOff quiet(STDIN_FILENO);
     return static_cast<bool>(std::getline(std::cin, secret));
 }
 
