@@ -77,10 +77,14 @@ port=$(free_port)
 pid=$!
 wait_served "$port" "$WHTTPD_ROOT"
 login_and_read "$port" "$WHTTPD_ROOT"
-if [ -x "$pkg/bin/whttpctl" ]; then
-    "$pkg/bin/whttpctl" --url "https://localhost:$port" --cacert "$WHTTPD_ROOT/data/CA/newreq.crt" \
-        methods >/dev/null 2>&1 && fail "whttpctl answered without a session"
-fi
+# The packaged client, pinned to the device's certificate.
+ctl() {
+    WHTTPCTL_STATE=$tmp/whttpctl.state "$pkg/bin/whttpctl" --url "https://localhost:$port" \
+        --cacert "$WHTTPD_ROOT/data/CA/newreq.crt" "$@"
+}
+ctl login admin 1234abcd >/dev/null || fail "whttpctl login failed"
+ctl get Device.DeviceInfo. | grep -q '"ModelName"' || fail "whttpctl get failed"
+ctl logout >/dev/null || fail "whttpctl logout failed"
 stop_daemon
 
 # The unit, with its programs found in the unpacked tree: its own commands,

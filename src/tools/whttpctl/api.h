@@ -1,0 +1,65 @@
+// Requests of a logged-in session: the cookie and the latest session key
+// from the state file, the key that every answer renews kept at once, and
+// the answer judged by its HTTP status and "oper_status".
+#pragma once
+
+#include <string>
+
+#include "cli.h"
+#include "json.h"
+#include "transport.h"
+
+namespace whttpctl {
+
+struct Call {
+    std::string method = "GET";
+    std::string target;  // below /api/v1/, query included
+    std::string body;
+    bool keyed = false;  // append "sessionkey=" (every modifying request)
+    long totalMs = 0;    // 0: the default bound
+    bool progress = false;
+};
+
+// A read: GET, no key.
+inline Call readCall(const std::string& target) {
+    Call c;
+    c.target = target;
+    return c;
+}
+
+// A modifying request: it carries the session key.
+inline Call writeCall(const std::string& method, const std::string& target,
+                      const std::string& body = "") {
+    Call c;
+    c.method = method;
+    c.target = target;
+    c.body = body;
+    c.keyed = true;
+    return c;
+}
+
+struct Answer {
+    long status = 0;
+    JsonPtr doc;  // the answer's JSON object, or nullptr
+};
+
+// Sends `call` with the session of ctx.url and stores the renewed key.
+// Returns kOk when an answer arrived, else prints the error and returns its
+// exit status (kNetwork, kState, kFailed when not logged in).
+int sendCall(Context& ctx, const Call& call, Answer& answer);
+
+// Sends `call` without a session (the login).
+int sendPlain(Context& ctx, const Call& call, Answer& answer, Response& raw);
+
+// kOk when the answer says success (2xx and "oper_status" absent or
+// "Success"); otherwise prints the reason and returns kFailed.
+int judge(const Answer& answer);
+
+// Prints the answer without its session key (that is the tool's business,
+// like the cookie).
+void printAnswer(const Context& ctx, const Answer& answer);
+
+// The common ending of a command: judge, then print on success.
+int report(Context& ctx, const Answer& answer);
+
+}  // namespace whttpctl
