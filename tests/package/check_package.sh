@@ -14,7 +14,7 @@ tmp=$(mktemp -d /tmp/whttpd-package-XXXXXX)
 pid=
 cleanup() {
     [ -n "$pid" ] && kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
-    rm -rf "$tmp"
+    [ -n "${KEEP_TMP:-}" ] || rm -rf "$tmp"
 }
 trap cleanup EXIT
 fail() { echo "package: $*" >&2; exit 1; }
@@ -35,10 +35,12 @@ done
 dpkg-deb -x "$deb" "$tmp/pkg"
 pkg=$tmp/pkg/usr
 
+# A port nobody listens on, below the range of the system's own ephemeral
+# ports so that no client connection holds it either.
 free_port() {
     local p
     while :; do
-        p=$(( 20000 + RANDOM % 30000 ))
+        p=$(( 12000 + RANDOM % 20000 ))
         (exec 3<>/dev/tcp/127.0.0.1/$p) 2>/dev/null || { echo $p; return; }
     done
 }
@@ -46,7 +48,7 @@ free_port() {
 # certificate of device root $2.
 wait_served() {
     for _ in $(seq 300); do
-        kill -0 "$pid" 2>/dev/null || fail "the daemon exited"
+        kill -0 "$pid" 2>/dev/null || { tail -5 "$tmp"/*.out >&2; fail "the daemon exited"; }
         curl -sS --cacert "$2/data/CA/newreq.crt" -o /dev/null \
              "https://localhost:$1/api/v1/MethodList" 2>/dev/null && return 0
         sleep 0.1
