@@ -39,6 +39,14 @@ WHTTPD_SECOND_MS=10 "$bin"/whttpd_rest -s $port >"$root/out" 2>"$root/err" &
 pid=$!
 until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.1; done
 rss() { awk '/VmRSS/ {print $2}' /proc/$pid/status; }
+# What the daemon holds allocated, as ASan's allocator counts it (asked
+# through gdb, when there is one): unlike RSS it leaves out the memory the
+# allocator keeps for itself.
+heap() {
+    [ "$bin" = build-asan ] && command -v gdb >/dev/null || return 0
+    gdb -p $pid -batch -nx -ex 'call (unsigned long)__sanitizer_get_current_allocated_bytes()' \
+        2>/dev/null | awk '/^\$1 = / {printf ", heap in use %d kB", $3 / 1024}'
+}
 threads() { awk '/Threads/ {print $2}' /proc/$pid/status; }
 echo "soak: $clients clients, $secs s, $bin"
 echo "at rest: RSS $(rss) kB, threads $(threads)"
@@ -47,8 +55,10 @@ echo "at rest: RSS $(rss) kB, threads $(threads)"
       sleep 1; done ) &
 sampler=$!
 warm=$(( secs / 10 > 5 ? secs / 10 : 5 ))
-( sleep $warm; rss > "$root/rss_start"
-  for i in $(seq 2 10); do sleep $warm; echo "$(( i * warm )) s: $(rss 2>/dev/null) kB" >> "$root/rss_series"; done ) &
+( sleep $warm; echo "$(rss) kB$(heap)" > "$root/rss_start"
+  for i in $(seq 2 10); do
+      sleep $warm; echo "$(( i * warm )) s: $(rss 2>/dev/null) kB$(heap)" >> "$root/rss_series"
+  done ) &
 series=$!
 status=0
 "$bin"/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
@@ -57,7 +67,7 @@ kill $sampler 2>/dev/null || true
 wait $sampler 2>/dev/null || true
 head -20 "$root/load.err"
 kill $series 2>/dev/null || true
-echo "RSS after ${warm} s: $(cat "$root/rss_start") kB, at the end: $rss_end kB"
+echo "RSS after ${warm} s: $(cat "$root/rss_start"), at the end: $rss_end kB"
 sed 's/^/  RSS at /' "$root/rss_series" 2>/dev/null || true
 echo "threads at most: $(cat "$root/threads" 2>/dev/null || echo ?)"
 kill -TERM $pid; wait $pid || status=1
