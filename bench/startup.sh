@@ -22,6 +22,7 @@ for i in $(seq "$runs"); do
     WHTTPD_DEVROOT=$root WHTTPD_PORT=$port scripts/run --reset >/dev/null 2>&1 &
     pid=$!
     until curl -ksS -o /dev/null https://127.0.0.1:$port/api/v1/MethodList 2>/dev/null; do
+        kill -0 $pid 2>/dev/null || { echo "scripts/run ended without serving" >&2; exit 1; }
         sleep 0.01
     done
     t1=$(date +%s%N)
@@ -33,7 +34,10 @@ for i in $(seq "$runs"); do
     t0=$(date +%s%N)
     build/whttpd_rest -s $port >/dev/null 2>&1 &
     pid=$!
-    until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.002; done
+    until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do
+        kill -0 $pid 2>/dev/null || { echo "the daemon ended without serving" >&2; exit 1; }
+        sleep 0.002
+    done
     t1=$(date +%s%N)
     sleep 1
     rss=$(awk '/VmRSS/ {print $2}' /proc/$pid/status)

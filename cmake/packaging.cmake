@@ -15,6 +15,8 @@ install(FILES README.md DEVELOPERS.md docs/openapi.yaml DESTINATION ${CMAKE_INST
 install(PROGRAMS packaging/openwrt/whttpd.init
         DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd/openwrt RENAME whttpd)
 
+install(FILES packaging/sysusers/whttpd.conf DESTINATION lib/sysusers.d)
+
 # The unit names the programs by their installed paths, which are known only
 # when installing (cpack installs below /usr, cmake --install where asked).
 install(CODE "

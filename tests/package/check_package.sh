@@ -2,11 +2,12 @@
 # The Debian package and the service files, from a build tree:
 #   tests/package/check_package.sh BUILD_DIR
 # Builds the package, checks its file list and dependencies, unpacks it into
-# a temporary directory and runs the daemon from there against a fresh device
-# root (a login and a read, verified against the device's own certificate),
-# runs the systemd unit's commands the way systemd would and has systemd
-# verify the unit and rate its sandbox, and runs the procd script against
-# stand-ins of procd's functions.
+# a temporary directory (it is not installed: that would change the machine)
+# and runs the daemon from there against a fresh device root (a login and a
+# read, verified against the device's own certificate), has systemd verify
+# the unit and rate its sandbox, runs the unit's commands with its
+# environment, and runs the procd script against stand-ins of procd's
+# functions.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "$1" && pwd)
@@ -84,25 +85,41 @@ ctl() {
     WHTTPCTL_STATE=$tmp/whttpctl.state "$pkg/bin/whttpctl" --url "https://localhost:$port" \
         --cacert "$WHTTPD_ROOT/data/CA/newreq.crt" "$@"
 }
-ctl login admin 1234abcd >/dev/null || fail "whttpctl login failed"
+ctl login admin <<<1234abcd >/dev/null || fail "whttpctl login failed"
 ctl get Device.DeviceInfo. | grep -q '"ModelName"' || fail "whttpctl get failed"
 ctl logout >/dev/null || fail "whttpctl logout failed"
 stop_daemon
 
-# The unit, with its programs found in the unpacked tree: its own commands,
-# run as systemd runs them, provision a new state directory and serve.
+# The unit, with its programs found in the unpacked tree: systemd verifies
+# it and rates its sandbox; its own commands, run with its environment (but
+# another state directory and ports, and not sandboxed: that needs systemd
+# itself), provision a new state directory, provision again one whose
+# provisioning was cut short, keep a provisioned one, and serve.
 unit=$tmp/whttpd.service
 sed "s#/usr/#$pkg/#g" "$pkg/lib/systemd/system/whttpd.service" >"$unit"
 out=$(systemd-analyze verify "$unit" 2>&1) || fail "systemd-analyze verify: $out"
 [ -z "$out" ] || fail "systemd-analyze verify: $out"
 systemd-analyze security --offline=yes --threshold=20 "$unit" >"$tmp/security" 2>&1 ||
     { tail -3 "$tmp/security"; fail "the unit's sandbox is weaker than expected"; }
-export WHTTPD_ROOT=$tmp/state WHTTPD_HTTPS_PORT=$(free_port)
+while IFS= read -r assignment; do
+    export "${assignment?}"
+done < <(sed -n 's/^Environment=//p' "$unit")
+export WHTTPD_ROOT=$tmp/state WHTTPD_HTTPS_PORT=$(free_port) WHTTPD_DISCOVERY_PORT=$(free_port)
 mkdir -p "$WHTTPD_ROOT"
 pre=$(sed -n 's/^ExecStartPre=//p' "$unit")
 start=$(sed -n 's/^ExecStart=//p' "$unit")
-sh -c "$pre" >/dev/null && [ -f "$WHTTPD_ROOT/data/CA/newreq.key" ] || fail "ExecStartPre did not provision"
+marker=$WHTTPD_ROOT/data/wcfg/provisioned
+sh -c "$pre" >/dev/null && [ -f "$marker" ] || fail "ExecStartPre did not provision"
+# A provisioning cut short (the stand-in tools' directory cannot be made)
+# leaves the root unmarked.
+rm -rf "$WHTTPD_ROOT/usr/sbin" && touch "$WHTTPD_ROOT/usr/sbin"
+"$pkg/bin/wcfgctl" init >/dev/null 2>&1 && fail "a provisioning that failed was not reported"
+[ ! -f "$marker" ] || fail "a provisioning cut short is marked as complete"
+rm "$WHTTPD_ROOT/usr/sbin"
+sh -c "$pre" >/dev/null && [ -f "$marker" ] || fail "ExecStartPre did not provision again"
+key=$(cat "$WHTTPD_ROOT/data/CA/newreq.key")
 sh -c "$pre" >/dev/null || fail "ExecStartPre failed on a provisioned root"
+[ "$key" = "$(cat "$WHTTPD_ROOT/data/CA/newreq.key")" ] || fail "a provisioned root was provisioned again"
 sh -c "exec $start" >"$tmp/unit.out" 2>&1 &
 pid=$!
 wait_served "$WHTTPD_HTTPS_PORT" "$WHTTPD_ROOT"
@@ -121,4 +138,9 @@ grep -qx "command /usr/sbin/whttpd_rest -s 8443" <<<"$params" || fail "procd com
 grep -q "^respawn " <<<"$params" || fail "procd respawn: $params"
 [ "$(head -1 <<<"$params")" = open ] && [ "$(tail -1 <<<"$params")" = close ] ||
     fail "procd instance: $params"
-echo "package: $(basename "$deb") ($(wc -l <"$tmp/files") files) installs, serves and its unit verifies"
+# scripts/run never removes a directory that is not a device root.
+mkdir -p "$tmp/precious" && echo keep >"$tmp/precious/thesis.txt"
+WHTTPD_DEVROOT=$tmp/precious WHTTPD_PORT=$(free_port) timeout 120 "$here/../../scripts/run" --reset \
+    >/dev/null 2>&1 && fail "scripts/run started in a directory that is not a device root"
+[ "$(cat "$tmp/precious/thesis.txt")" = keep ] || fail "scripts/run removed another directory"
+echo "package: $(basename "$deb") ($(wc -l <"$tmp/files") files) unpacks and serves, its unit verifies"

@@ -10,9 +10,11 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 #include "platform/platform.h"
@@ -78,27 +80,43 @@ X509Ptr selfSigned(EVP_PKEY* key) {
     return ok ? std::move(cert) : nullptr;
 }
 
-// A new file beside the target, created with its final mode, so that a key
-// is never readable by others, not even for a moment.
-FilePtr createTemp(const std::string& tmp, mode_t mode) {
-    unlink(tmp.c_str());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
+// A new file of a unique name beside the target (two provisionings at once
+// never share one), created 0600 and given its final mode before anything
+// is written, so that a key is never readable by others, not even for a
+// moment.
+FilePtr createTemp(std::string& tmp, mode_t mode) {
+    int fd = mkostemp(tmp.data(), O_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    FILE* f = fdopen(fd, "w");
-    if (!f)
+    FILE* f = fchmod(fd, mode) == 0 ? fdopen(fd, "w") : nullptr;
+    if (!f) {
         close(fd);
+        unlink(tmp.c_str());
+    }
     return FilePtr(f);
+}
+
+// The rename is made durable too: a power cut after provisioning must not
+// bring back a root without its pair.
+bool syncDirectory(const std::string& file) {
+    std::string dir = file.substr(0, file.rfind('/'));
+    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    bool ok = fd >= 0 && fsync(fd) == 0;
+    if (fd >= 0)
+        close(fd);
+    return ok;
 }
 
 template <typename Write>
 bool writeWhole(const std::string& file, mode_t mode, Write write) {
-    std::string tmp = file + ".tmp";
+    std::string tmp = file + ".XXXXXX";
     FilePtr f = createTemp(tmp, mode);
-    bool ok = f && write(f.get()) && fflush(f.get()) == 0 && fsync(fileno(f.get())) == 0;
+    if (!f)
+        return false;
+    bool ok = write(f.get()) && fflush(f.get()) == 0 && fsync(fileno(f.get())) == 0;
     f.reset();
     if (ok && rename(tmp.c_str(), file.c_str()) == 0)
-        return true;
+        return syncDirectory(file);
     unlink(tmp.c_str());
     return false;
 }

@@ -179,6 +179,8 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
             return false;
         }
     }
+    // Unmarked until the last step: a provisioning cut short is done again.
+    unlink(platformPath(kProvisionedMark).c_str());
     if (!writeFile("/data/factory/device.json", kFactory))
         return err = "factory data", false;
 
@@ -222,6 +224,8 @@ bool initDeviceRoot(const std::string& self, std::string& err) {
         return err = "cannot create the vendor's image key", false;
     if (!standin::installTools(self))
         return err = "cannot install the stand-in tools", false;
+    if (!writeFile(kProvisionedMark, "provisioned\n"))
+        return err = "cannot mark the device root as provisioned", false;
     return true;
 }
 

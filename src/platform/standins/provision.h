@@ -10,6 +10,10 @@
 
 namespace provision {
 
+// Written as the last step of a complete provisioning: a start-up script
+// provisions a root without it (again).
+inline constexpr const char* kProvisionedMark = "/data/wcfg/provisioned";
+
 // Creates a complete device root below WHTTPD_ROOT; `self` is the path of
 // the multi-call wcfgctl binary that the stand-in tools link to.
 bool initDeviceRoot(const std::string& self, std::string& err);
