@@ -307,7 +307,7 @@ TEST_F(Whttpctl, PrettyOrCompactTheSameDocument) {
     EXPECT_EQ(1u, e2e::countOf(compact.out, "\n"));
     JsonPtr a(json_tokener_parse(pretty.out.c_str())), b(json_tokener_parse(compact.out.c_str()));
     ASSERT_TRUE(a && b);
-    EXPECT_TRUE(json_object_equal(a.get(), b.get()));
+    EXPECT_TRUE(json_object_equal(a.get(), b.get())) << pretty.out << compact.out;
     // Options stand after the command as well.
     EXPECT_EQ(compact.out, ctl({"get", "Device.NAT.PortMapping.1.", "--compact"}).out);
 }
@@ -871,7 +871,9 @@ TEST_F(Whttpctl, DiscoverTakesOneAnswerFromTheAddressAskedOnly) {
     };
     send(stranger, R"({"ModelName":"stranger"})");
     send(device, R"({"ModelName":"first"})");
-    for (int i = 0; i < 300; ++i)
+    // A flood, within what the client's receive buffer holds (a datagram
+    // dropped there would prove nothing).
+    for (int i = 0; i < 50; ++i)
         send(stranger, R"({"ModelName":"flood"})");
     send(device, R"({"ModelName":"latest"})");
     run.join();
