@@ -5,6 +5,7 @@
 // discovery, TLS trust, and the client's own defences: bad paths and JSON,
 // unreachable or silent devices, and state files that an attacker planted,
 // opened up or swapped.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
@@ -12,14 +13,19 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -291,17 +297,19 @@ TEST_F(Whttpctl, RunsAtOnceTakeTurnsWithTheKey) {
 TEST_F(Whttpctl, PrettyOrCompactTheSameDocument) {
     start();
     login();
-    Outcome pretty = ctl({"get", "Device.DeviceInfo."});
-    Outcome compact = ctl({"--compact", "get", "Device.DeviceInfo."});
+    // An object without a clock in it (DeviceInfo's UpTime moves on between
+    // two runs).
+    Outcome pretty = ctl({"get", "Device.NAT.PortMapping.1."});
+    Outcome compact = ctl({"--compact", "get", "Device.NAT.PortMapping.1."});
     ASSERT_EQ(0, pretty.status);
     ASSERT_EQ(0, compact.status);
     EXPECT_GT(e2e::countOf(pretty.out, "\n"), 5u);
     EXPECT_EQ(1u, e2e::countOf(compact.out, "\n"));
     JsonPtr a(json_tokener_parse(pretty.out.c_str())), b(json_tokener_parse(compact.out.c_str()));
     ASSERT_TRUE(a && b);
-    EXPECT_TRUE(json_object_equal(a.get(), b.get()));
+    EXPECT_TRUE(json_object_equal(a.get(), b.get())) << pretty.out << compact.out;
     // Options stand after the command as well.
-    EXPECT_EQ(compact.out, ctl({"get", "Device.DeviceInfo.", "--compact"}).out);
+    EXPECT_EQ(compact.out, ctl({"get", "Device.NAT.PortMapping.1.", "--compact"}).out);
 }
 
 TEST_F(Whttpctl, BatchSchemaAndMethods) {
@@ -474,6 +482,21 @@ TEST_F(Whttpctl, CertificateTrust) {
                             .c_str()));
     r = runCtl(home, {"--url", url(), "--cacert", other, "get", "Device.DeviceInfo."});
     EXPECT_EQ(3, r.status) << r.err;
+    // The pin holds at any address, though the certificate names only
+    // localhost: a device is reached at its LAN address (here another
+    // loopback address; the daemon listens on all of them).
+    std::string lan = "https://127.0.0.2:" + std::to_string(port);
+    r = runCtl(home, {"--url", lan, "--cacert", cert, "login", "admin", "1234abcd"});
+    EXPECT_EQ(0, r.status) << r.err;
+    r = runCtl(home, {"--url", lan, "--cacert", cert, "get", "Device.DeviceInfo."});
+    EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("\"NX5150\"", member(member(r.out, "Object"), "ModelName"));
+    // There, too, another certificate is refused; and without a pin the name
+    // is checked as ever.
+    r = runCtl(home, {"--url", lan, "--cacert", other, "login", "admin", "1234abcd"});
+    EXPECT_EQ(3, r.status) << r.err;
+    r = runCtl(home, {"--url", lan, "login", "admin", "1234abcd"});
+    EXPECT_EQ(3, r.status) << r.err;
     EXPECT_EQ(2, runCtl(home, {"--url", url(), "--insecure", "--cacert", cert, "methods"}).status);
     EXPECT_EQ(2, runCtl(home, {"--url", url(), "--cacert", home + "/none", "methods"}).status);
 }
@@ -619,4 +642,300 @@ TEST_F(Whttpctl, StateFilesThatCannotBeTrustedAreRefused) {
     spit(state, good);
     EXPECT_EQ(0, ctl({"set", "Device.NAT.PortMapping.1.", R"({"Description":"again"})"}).status);
     EXPECT_EQ(0600u, modeOf(state));
+}
+
+namespace {
+
+// whttpctl at a password prompt on a pseudo-terminal, started as a shell
+// starts a job: a session of its own with the terminal, the client in its
+// own foreground process group below a parent that waits for it (a stop
+// signal is discarded in a group without such a parent).  The test keeps
+// the terminal's slave end open, to read its modes after the client ends.
+class PromptOnPty {
+  public:
+    ~PromptOnPty() {
+        if (shell_ > 0) {
+            kill(client_, SIGKILL);
+            waitpid(shell_, nullptr, 0);
+        }
+        close(master_);
+        close(slave_);
+    }
+    bool start(const std::string& dir, const std::vector<std::string>& args) {
+        if (openpty(&master_, &slave_, nullptr, nullptr, nullptr) != 0)
+            return false;
+        int report[2];
+        if (pipe(report) != 0)
+            return false;
+        shell_ = fork();
+        if (shell_ == 0)
+            runShell(dir, args, report[1]);
+        close(report[1]);
+        bool ok = read(report[0], &client_, sizeof client_) == sizeof client_;
+        close(report[0]);
+        return ok;
+    }
+    // Reads what the terminal shows until `text` appears (bounded).
+    bool waitFor(const std::string& text) {
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (shown_.find(text) == std::string::npos && std::chrono::steady_clock::now() < end)
+            drain(100);
+        return shown_.find(text) != std::string::npos;
+    }
+    void drain(int ms) {
+        pollfd p{master_, POLLIN, 0};
+        char buf[4096];
+        ssize_t n = 0;
+        if (poll(&p, 1, ms) > 0 && (n = read(master_, buf, sizeof buf)) > 0)
+            shown_.append(buf, static_cast<size_t>(n));
+    }
+    bool echo() const {
+        termios t{};
+        tcgetattr(slave_, &t);
+        return (t.c_lflag & ECHO) != 0;
+    }
+    // Polls (bounded) until the terminal's echo is `on`.
+    bool waitEcho(bool on) {
+        for (int i = 0; i < 3000 && echo() != on; ++i)
+            drain(10);
+        return echo() == on;
+    }
+    // The client's state letter in /proc ('T' stopped).
+    char state() const {
+        std::string stat = slurp("/proc/" + std::to_string(client_) + "/stat");
+        size_t at = stat.rfind(')');
+        return at == std::string::npos || at + 2 >= stat.size() ? '?' : stat[at + 2];
+    }
+    void type(const std::string& text) { (void)!write(master_, text.data(), text.size()); }
+    pid_t client() const { return client_; }
+    const std::string& shown() const { return shown_; }
+    // The client's exit status, 128 + the signal that ended it, or -1000
+    // when it had to be killed.
+    int finish() {
+        int status = 0;
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (waitpid(shell_, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > end) {
+                kill(client_, SIGKILL);
+                waitpid(shell_, &status, 0);
+                shell_ = -1;
+                return -1000;
+            }
+            drain(10);
+        }
+        shell_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    // The parent in the new session: makes the client the foreground job,
+    // then waits for it and exits with its status.
+    [[noreturn]] void runShell(const std::string& dir, const std::vector<std::string>& args,
+                               int report) {
+        setsid();
+        ioctl(slave_, TIOCSCTTY, 0);
+        int go[2];
+        (void)!pipe(go);
+        pid_t client = fork();
+        if (client == 0) {
+            char c;
+            close(go[1]);
+            (void)!read(go[0], &c, 1);  // until it is the foreground job
+            rlimit none{0, 0};
+            setrlimit(RLIMIT_CORE, &none);
+            dup2(slave_, 0);
+            dup2(slave_, 1);
+            dup2(slave_, 2);
+            setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
+            std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
+            for (const auto& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        setpgid(client, client);
+        signal(SIGTTOU, SIG_IGN);
+        tcsetpgrp(slave_, client);
+        (void)!write(go[1], "g", 1);
+        (void)!write(report, &client, sizeof client);
+        int status = 0;
+        while (waitpid(client, &status, 0) < 0 && errno == EINTR) {
+        }
+        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+    }
+
+    int master_ = -1, slave_ = -1;
+    pid_t shell_ = -1, client_ = -1;
+    std::string shown_;
+};
+
+// A UDP socket bound to `address` on a free port.
+int udpOn(const char* address, uint16_t& port) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    inet_pton(AF_INET, address, &a.sin_addr);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+        return -1;
+    socklen_t len = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    port = ntohs(a.sin_port);
+    return fd;
+}
+
+// A discovery answer datagram carrying `json`.
+std::string answerDatagram(const std::string& json) {
+    std::string d = {1, 2, static_cast<char>(json.size() >> 8), static_cast<char>(json.size())};
+    return d + json;
+}
+
+}  // namespace
+
+TEST_F(Whttpctl, SignalsAtThePasswordPromptLeaveTheTerminalEchoing) {
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        SCOPED_TRACE(strsignal(sig));
+        PromptOnPty pty;
+        ASSERT_TRUE(pty.start(home, {"--url", "https://127.0.0.1:1", "login", "admin"}));
+        ASSERT_TRUE(pty.waitFor("Password for admin: ")) << pty.shown();
+        EXPECT_FALSE(pty.echo());
+        kill(pty.client(), sig);
+        EXPECT_EQ(128 + sig, pty.finish()) << pty.shown();
+        EXPECT_TRUE(pty.echo());
+    }
+}
+
+TEST_F(Whttpctl, StoppedAtThePasswordPromptTheTerminalEchoesUntilContinued) {
+    start();
+    PromptOnPty pty;
+    ASSERT_TRUE(pty.start(home, {"--url", url(), "--insecure", "login", "admin"}));
+    ASSERT_TRUE(pty.waitFor("Password for admin: ")) << pty.shown();
+    EXPECT_FALSE(pty.echo());
+    // Ctrl-Z: the shell the user returns to echoes again.
+    kill(pty.client(), SIGTSTP);
+    for (int i = 0; i < 3000 && pty.state() != 'T'; ++i)
+        e2e::sleepMs(10);
+    ASSERT_EQ('T', pty.state());
+    EXPECT_TRUE(pty.echo());
+    // Back in the foreground: the rest of the password is not echoed.
+    kill(pty.client(), SIGCONT);
+    EXPECT_TRUE(pty.waitEcho(false));
+    pty.type("1234abcd\n");
+    EXPECT_EQ(0, pty.finish()) << pty.shown();
+    EXPECT_EQ(std::string::npos, pty.shown().find("1234abcd")) << pty.shown();
+    EXPECT_TRUE(pty.echo());
+}
+
+TEST_F(Whttpctl, AClientAtItsPromptDoesNotHoldUpOtherRuns) {
+    start();
+    login();
+    // A login that waits at its prompt for as long as the test wants.
+    PromptOnPty waiting;
+    ASSERT_TRUE(waiting.start(home, {"--url", url(), "--insecure", "login", "admin"}));
+    ASSERT_TRUE(waiting.waitFor("Password for admin: ")) << waiting.shown();
+    Outcome r = runCtl(home,
+                       {"--url", url(), "--insecure", "set", "Device.NAT.PortMapping.1.",
+                        R"({"Description":"meanwhile"})"},
+                       "", 30000);
+    EXPECT_EQ(0, r.status) << r.err;
+    r = runCtl(home, {"--url", url(), "--insecure", "get", "Device.NAT.PortMapping.1."}, "", 30000);
+    EXPECT_EQ(0, r.status) << r.err;
+    waiting.type("1234abcd\n");
+    EXPECT_EQ(0, waiting.finish()) << waiting.shown();
+    // The login's session replaced the other one, and works.
+    EXPECT_EQ(0, ctl({"set", "Device.NAT.PortMapping.1.", R"({"Description":"after"})"}).status);
+}
+
+TEST_F(Whttpctl, DiscoverTakesOneAnswerFromTheAddressAskedOnly) {
+    // A stand-in device on 127.0.0.1, and a stranger on 127.0.0.5 who answers
+    // too; the device answers twice.
+    uint16_t devicePort = 0, strangerPort = 0;
+    int device = udpOn("127.0.0.1", devicePort), stranger = udpOn("127.0.0.5", strangerPort);
+    ASSERT_GE(device, 0);
+    ASSERT_GE(stranger, 0);
+    Outcome r;
+    std::thread run([&] {
+        r = runCtl(
+            home, {"discover", "127.0.0.1", "--port", std::to_string(devicePort), "--wait", "1500"},
+            "", 30000);
+    });
+    pollfd p{device, POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, 30000));
+    char buf[512];
+    sockaddr_in client{};
+    socklen_t len = sizeof client;
+    ASSERT_GT(recvfrom(device, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&client), &len), 0);
+    auto send = [&](int fd, const std::string& json) {
+        std::string d = answerDatagram(json);
+        sendto(fd, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&client), len);
+    };
+    send(stranger, R"({"ModelName":"stranger"})");
+    send(device, R"({"ModelName":"first"})");
+    // A flood, within what the client's receive buffer holds (a datagram
+    // dropped there would prove nothing).
+    for (int i = 0; i < 50; ++i)
+        send(stranger, R"({"ModelName":"flood"})");
+    send(device, R"({"ModelName":"latest"})");
+    run.join();
+    close(device);
+    close(stranger);
+    ASSERT_EQ(0, r.status) << r.err;
+    JsonPtr list(json_tokener_parse(r.out.c_str()));
+    ASSERT_TRUE(list && json_object_is_type(list.get(), json_type_array)) << r.out;
+    ASSERT_EQ(1u, json_object_array_length(list.get())) << r.out;
+    std::string one = json_object_to_json_string(json_object_array_get_idx(list.get(), 0));
+    EXPECT_EQ("\"latest\"", member(one, "ModelName"));
+    EXPECT_EQ("\"127.0.0.1\"", member(one, "Address"));
+}
+
+TEST_F(Whttpctl, EndlessBatchInputIsRefusedAfterTheLimit) {
+    start();
+    login();
+    Outcome r = runCtl(home, {"--url", url(), "--insecure", "batch", "/dev/zero"}, "", 30000);
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("whttpctl: /dev/zero is larger than a batch may be (1 MiB)\n", r.err);
+    // Just over the limit from standard input: likewise.
+    r = ctl({"batch", "-"}, "[" + std::string(1 << 20, ' ') + "]");
+    EXPECT_EQ(2, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("larger than")) << r.err;
+    // At the limit: read whole.
+    r = ctl({"batch", "-"}, R"([{"object_path":"Device.NAT.PortMapping.1.","Description":"big"}])" +
+                                std::string((1 << 20) - 65, ' '));
+    EXPECT_EQ(0, r.status) << r.err;
+}
+
+TEST_F(Whttpctl, CharactersATerminalActsOnArePrintedEscaped) {
+    start();
+    login();
+    // CSI (U+009B), right-to-left override (U+202E), first strong isolate
+    // (U+2068), left-to-right mark (U+200E) in a value the device keeps.
+    const std::string value = "a\u009b31mb\u202ec\u2068d\u200ee";
+    JsonPtr body(json_object_new_object());
+    json_object_object_add(body.get(), "Description", json_object_new_string(value.c_str()));
+    Outcome r = ctl({"set", "Device.NAT.PortMapping.1.",
+                     json_object_to_json_string_ext(body.get(), JSON_C_TO_STRING_PLAIN)});
+    ASSERT_EQ(0, r.status) << r.err;
+    for (const char* flag : {"--subtree", "--compact"}) {
+        SCOPED_TRACE(flag);
+        r = ctl({"get", "Device.NAT.PortMapping.1.", flag});
+        ASSERT_EQ(0, r.status) << r.err;
+        for (const char* raw : {"\u009b", "\u202e", "\u2068", "\u200e"})
+            EXPECT_EQ(std::string::npos, r.out.find(raw)) << r.out;
+        for (const char* escaped : {"\\u009b", "\\u202e", "\\u2068", "\\u200e"})
+            EXPECT_NE(std::string::npos, r.out.find(escaped)) << r.out;
+        // Still the same JSON: the value reads back unchanged.
+        JsonPtr doc(json_tokener_parse(r.out.c_str()));
+        json_object *object = nullptr, *description = nullptr;
+        ASSERT_TRUE(doc && json_object_object_get_ex(doc.get(), "Object", &object));
+        if (json_object_is_type(object, json_type_array))
+            object = json_object_array_get_idx(object, 0);
+        ASSERT_TRUE(json_object_object_get_ex(object, "Description", &description)) << r.out;
+        EXPECT_EQ(value, json_object_get_string(description));
+    }
+    // The one-line error shows none of them either (nor bytes that are no
+    // UTF-8).
+    r = ctl({"get", "Device.\u009b2J\u202eX.\xc2"});
+    EXPECT_EQ(2, r.status);
+    EXPECT_EQ("whttpctl: a path holds letters, digits, '.', '_' and '-' only: Device.?2J?X.?\n",
+              r.err);
 }

@@ -44,7 +44,22 @@ int sendPlain(Context& ctx, const Call& call, Answer& answer, Response& raw) {
     return transfer(ctx, call, call.target, "", answer, raw);
 }
 
+int lockState(Context& ctx) {
+    std::string error;
+    if (int rc = ctx.state->load(error))
+        return fail(rc, error);
+    return kOk;
+}
+
+// A write takes the lock, so that it sends the latest key and keeps the one
+// its answer brings before another run reads the file.  A read sends no key
+// and is answered with none: it takes the state as the run found it.
 int sendCall(Context& ctx, const Call& call, Answer& answer) {
+    if (call.keyed) {
+        if (int rc = lockState(ctx))
+            return rc;
+    }
+    HeldState held(ctx);
     SessionEntry session;
     if (!ctx.state->find(ctx.url, session))
         return fail(kFailed, "not logged in to " + ctx.url + "; run: whttpctl login USER");
@@ -53,13 +68,15 @@ int sendCall(Context& ctx, const Call& call, Answer& answer) {
         target += target.find('?') == std::string::npos ? "?" : "&";
         target += "sessionkey=" + std::to_string(session.key);
     }
+    if (!call.holdLock)
+        ctx.state->unlock();
     Response raw;
     if (int rc = transfer(ctx, call, target, session.cookie, answer, raw))
         return rc;
     // Every answer to a write carries the key of the next one: keep it before
     // anything else can go wrong, or the session is lost to this tool.
     long key = 0;
-    if (renewedKey(answer, key)) {
+    if (renewedKey(answer, key) && call.keyed && call.holdLock) {
         session.key = key;
         ctx.state->put(ctx.url, session);
         std::string error;

@@ -7,6 +7,7 @@
 
 #include "cli.h"
 #include "json.h"
+#include "state.h"
 #include "transport.h"
 
 namespace whttpctl {
@@ -18,6 +19,10 @@ struct Call {
     bool keyed = false;  // append "sessionkey=" (every modifying request)
     long totalMs = 0;    // 0: the default bound
     bool progress = false;
+    // Whether the state's lock is held through the request.  Only a long
+    // wait whose answer renews no key (the firmware upgrade) lets it go
+    // once the key is read, so that other runs need not wait for it.
+    bool holdLock = true;
 };
 
 // A read: GET, no key.
@@ -43,9 +48,22 @@ struct Answer {
     JsonPtr doc;  // the answer's JSON object, or nullptr
 };
 
+// Takes the state's lock and rereads the state; kOk, or prints why not and
+// returns kBusy or kState.
+int lockState(Context& ctx);
+
+// Lets the lock go at the end of a scope (whether or not it was taken).
+struct HeldState {
+    Context& ctx;
+    explicit HeldState(Context& c) : ctx(c) {}
+    ~HeldState() { ctx.state->unlock(); }
+    HeldState(const HeldState&) = delete;
+    HeldState& operator=(const HeldState&) = delete;
+};
+
 // Sends `call` with the session of ctx.url and stores the renewed key.
 // Returns kOk when an answer arrived, else prints the error and returns its
-// exit status (kNetwork, kState, kFailed when not logged in).
+// exit status (kNetwork, kState, kBusy, kFailed when not logged in).
 int sendCall(Context& ctx, const Call& call, Answer& answer);
 
 // Sends `call` without a session (the login).

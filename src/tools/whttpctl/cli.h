@@ -16,6 +16,7 @@ enum Exit {
     kUsage = 2,    // bad command line or bad input (path, JSON, file)
     kNetwork = 3,  // no answer: connection, TLS, time-out
     kState = 4,    // the state file is refused or unusable
+    kBusy = 5,     // another run kept the session's lock too long
 };
 
 // The command line after parsing: the command, its operands and every

@@ -47,11 +47,13 @@ int fotaCheck(Context& ctx) {
 
 // The device answers once its download has ended (and then unpacks, checks
 // and writes the image on its own): the wait is the download, shown as a bar
-// on a terminal.
+// on a terminal.  Its answer renews no session key, so the other runs need
+// not wait for it: the lock goes once the key is read.
 int fotaUpgrade(Context& ctx) {
     Call call = writeCall("POST", "FOTA?action=online");
     call.totalMs = kUpgradeMs;
     call.progress = true;
+    call.holdLock = false;
     Answer answer;
     if (int rc = sendCall(ctx, call, answer))
         return rc;

@@ -13,6 +13,7 @@ namespace whttpctl {
 namespace {
 
 // The password operand, or one read from the terminal or standard input.
+// It is read before the state's lock is taken: a prompt may wait for ever.
 bool passwordOf(const Context& ctx, size_t operand, const std::string& prompt, std::string& pw) {
     if (ctx.line.operands.size() > operand) {
         pw = ctx.line.operands[operand];
@@ -36,6 +37,9 @@ int keepSession(Context& ctx, const std::string& user, const Answer& answer, con
         !json_object_is_type(key, json_type_int) || !plausibleCookie(raw.sessionCookie))
         return fail(kFailed, "the login answer carries no usable session cookie and key");
     SessionEntry entry{user, raw.sessionCookie, static_cast<long>(json_object_get_int64(key))};
+    if (int rc = lockState(ctx))
+        return rc;
+    HeldState held(ctx);
     ctx.state->put(ctx.url, entry);
     std::string error;
     if (!ctx.state->save(error))
@@ -71,6 +75,9 @@ int cmdLogout(Context& ctx) {
     if (int rc = sendCall(ctx, writeCall("POST", "UserLogout", ""), answer))
         return rc;
     // The device ended the session (or had already): forget it either way.
+    if (int rc = lockState(ctx))
+        return rc;
+    HeldState held(ctx);
     ctx.state->erase(ctx.url);
     std::string error;
     if (!ctx.state->save(error))
@@ -101,7 +108,12 @@ int cmdPasswd(Context& ctx) {
         return rc;
     if (int rc = report(ctx, answer))
         return rc;
-    if (newUser != session.user && ctx.state->find(ctx.url, session)) {
+    if (newUser == session.user)
+        return kOk;
+    if (int rc = lockState(ctx))
+        return rc;
+    HeldState held(ctx);
+    if (ctx.state->find(ctx.url, session)) {
         session.user = newUser;
         ctx.state->put(ctx.url, session);
         std::string error;

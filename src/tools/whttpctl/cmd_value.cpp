@@ -4,7 +4,6 @@
 #include <cctype>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "api.h"
 #include "commands.h"
@@ -96,17 +95,23 @@ int judgeElements(json_object* body, const Answer& answer) {
     return rc;
 }
 
-bool readFile(const std::string& name, std::string& text) {
+// Reads at most one byte more than a batch may hold: enough to tell that a
+// file is too large, however large (or endless, like /dev/zero) it is.
+int readFile(const std::string& name, std::string& text) {
     std::ifstream file;
     std::istream* in = &std::cin;
     if (name != "-") {
         file.open(name, std::ios::binary);
         in = &file;
     }
-    std::ostringstream all;
-    all << in->rdbuf();
-    text = all.str();
-    return static_cast<bool>(*in) && text.size() <= kMaxBatchFile;
+    text.resize(kMaxBatchFile + 1);
+    in->read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(in->gcount()));
+    if (in->bad() || (!*in && !in->eof()) || !(name == "-" || file.is_open()))
+        return fail(kUsage, "cannot read " + name);
+    if (text.size() > kMaxBatchFile)
+        return fail(kUsage, name + " is larger than a batch may be (1 MiB)");
+    return kOk;
 }
 
 }  // namespace
@@ -148,8 +153,8 @@ int cmdDel(Context& ctx) {
 
 int cmdBatch(Context& ctx) {
     std::string text;
-    if (!readFile(ctx.line.operands[0], text))
-        return fail(kUsage, "cannot read " + ctx.line.operands[0] + " (or larger than 1 MiB)");
+    if (int rc = readFile(ctx.line.operands[0], text))
+        return rc;
     JsonPtr body;
     if (int rc = batchBody(text, body))
         return rc;

@@ -1,7 +1,9 @@
 // discover: finds devices on the network by their discovery datagram.  The
 // request goes to one address or to the LAN broadcast; every device that
-// answers within the wait is listed, with the address it answered from.
+// answers within the wait is listed once, with the address it answered from.
 #include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -9,6 +11,8 @@
 
 #include <chrono>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "fd.h"
@@ -62,8 +66,48 @@ bool resolve(const std::string& host, long port, sockaddr_in& to) {
     return true;
 }
 
-// Collects the answers until `waitMs` has passed since the request.
-void collect(int fd, long waitMs, json_object* list) {
+// Whether `to` is a broadcast address: the limited one or the directed one
+// of an interface.  Answers to a broadcast come from every device; to any
+// other address, from that address only.
+bool isBroadcast(const sockaddr_in& to) {
+    if (to.sin_addr.s_addr == htonl(INADDR_BROADCAST))
+        return true;
+    ifaddrs* all = nullptr;
+    if (getifaddrs(&all) != 0)
+        return false;
+    bool found = false;
+    for (ifaddrs* i = all; i && !found; i = i->ifa_next) {
+        auto* b = reinterpret_cast<sockaddr_in*>(i->ifa_broadaddr);
+        found = (i->ifa_flags & IFF_BROADCAST) && b && b->sin_family == AF_INET &&
+                b->sin_addr.s_addr == to.sin_addr.s_addr;
+    }
+    freeifaddrs(all);
+    return found;
+}
+
+// The answers kept: one per sender, its latest, and no more senders than a
+// LAN holds devices, so that a flood of datagrams cannot grow the list.
+constexpr size_t kMaxSenders = 256;
+
+struct Answers {
+    std::vector<std::pair<in_addr_t, JsonPtr>> bySender;
+
+    void keep(in_addr_t from, JsonPtr answer) {
+        for (auto& [sender, doc] : bySender) {
+            if (sender == from) {
+                doc = std::move(answer);
+                return;
+            }
+        }
+        if (bySender.size() < kMaxSenders)
+            bySender.emplace_back(from, std::move(answer));
+    }
+};
+
+// Collects the answers until `waitMs` has passed since the request; with
+// `only` set, from that address alone (anyone on the LAN can send a datagram
+// that looks like an answer).
+void collect(int fd, long waitMs, const in_addr_t* only, Answers& answers) {
     using Clock = std::chrono::steady_clock;
     auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
     for (;;) {
@@ -75,13 +119,15 @@ void collect(int fd, long waitMs, json_object* list) {
         sockaddr_in from{};
         socklen_t len = sizeof from;
         ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
-        JsonPtr answer = n > 0 ? parseAnswer(buf, static_cast<size_t>(n)) : nullptr;
+        if (n <= 0 || from.sin_family != AF_INET || (only && from.sin_addr.s_addr != *only))
+            continue;
+        JsonPtr answer = parseAnswer(buf, static_cast<size_t>(n));
         if (!answer)
             continue;  // not a discovery answer: ignored, like the device does
         char ip[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &from.sin_addr, ip, sizeof ip);
         json_object_object_add(answer.get(), "Address", json_object_new_string(ip));
-        json_object_array_add(list, answer.release());
+        answers.keep(from.sin_addr.s_addr, std::move(answer));
     }
 }
 
@@ -104,8 +150,11 @@ int cmdDiscover(Context& ctx) {
     std::string d = request();
     if (sendto(fd.get(), d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
         return fail(kNetwork, host + ": " + strerror(errno));
+    Answers answers;
+    collect(fd.get(), waitMs, isBroadcast(to) ? nullptr : &to.sin_addr.s_addr, answers);
     JsonPtr list(json_object_new_array());
-    collect(fd.get(), waitMs, list.get());
+    for (auto& [sender, doc] : answers.bySender)
+        json_object_array_add(list.get(), doc.release());
     if (json_object_array_length(list.get()) == 0)
         return fail(kFailed, "no device answered within " + std::to_string(waitMs) + " ms");
     printJson(list.get(), ctx.compact);

@@ -22,14 +22,17 @@ namespace {
 const char* kHelp =
     "usage: whttpctl [--url https://HOST:PORT] [--insecure | --cacert FILE] [--compact]\n"
     "                [--timeout SECONDS] COMMAND [ARGS]\n"
-    "  login USER [PASSWORD]          open a session (the password is asked when left out)\n"
+    "  login USER [PASSWORD]          open a session; without PASSWORD it is asked on the\n"
+    "                                 terminal (or read as one line of standard input when\n"
+    "                                 that is no terminal).  A PASSWORD operand is visible\n"
+    "                                 to the other users of this machine (ps)\n"
     "  logout                         end it\n"
     "  passwd [--new-user NAME]       change the session user's password (and name)\n"
     "  get PATH [--subtree]           read an object (with everything below it)\n"
     "  set PATH JSON                  write parameters of an object\n"
     "  add PATH [JSON]                add an instance to a table\n"
     "  del PATH                       delete an instance\n"
-    "  batch FILE                     write several objects at once (FILE - : stdin)\n"
+    "  batch FILE                     write several objects at once (FILE - : stdin; 1 MiB)\n"
     "  schema PATH [--subtree]        what the device supports below PATH\n"
     "  methods                        the device's REST methods\n"
     "  reboot                         restart the device\n"
@@ -38,12 +41,15 @@ const char* kHelp =
     "  fota check | fota upgrade      look for newer firmware; download and install it\n"
     "  discover [ADDRESS] [--port N] [--wait MS]\n"
     "                                 list the devices that answer the discovery datagram\n"
-    "                                 (default: the LAN broadcast, port 263, 1000 ms)\n"
+    "                                 (default: the LAN broadcast, port 263, 1000 ms); to\n"
+    "                                 an ADDRESS that is no broadcast, only its answer counts\n"
+    "--insecure accepts any certificate; --cacert FILE pins the device's certificate: the\n"
+    "device must present it (or one signed by its key); its names are not checked.\n"
     "PATH begins with \"Device.\".  The URL is also taken from $WHTTPCTL_URL (default\n"
     "https://localhost:8443); the session is kept in $WHTTPCTL_STATE or\n"
     "$XDG_STATE_HOME/whttpctl/session (~/.local/state/whttpctl/session).\n"
     "Exit status: 0 done, 1 the operation failed, 2 bad input, 3 device not reached,\n"
-    "4 state file refused.\n";
+    "4 state file refused, 5 session busy (another run held its lock for a minute).\n";
 
 struct Command {
     const char* name;
@@ -145,7 +151,9 @@ int run(int argc, char** argv) {
         return rc;
     ctx.compact = ctx.line.has("--compact");
     StateFile state(StateFile::defaultPath());
-    if (cmd->session && !state.load(error))
+    // Checked before anything is sent or asked; the lock is taken later,
+    // only around the requests that use the session key.
+    if (cmd->session && !state.read(error))
         return fail(kState, error);
     Transport http(ctx.url, tls);
     ctx.http = &http;

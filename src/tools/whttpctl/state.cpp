@@ -1,5 +1,6 @@
 #include "state.h"
 
+#include "cli.h"
 #include "fd.h"
 
 #include <fcntl.h>
@@ -128,33 +129,45 @@ bool StateFile::checkDirectory(bool create, std::string& error) const {
 
 // A session key is good for one write: two runs at once would send the same
 // key and one of them would be refused.  The lock makes them take turns.
-bool StateFile::lock(std::string& error) {
+int StateFile::lock(std::string& error) {
     if (!checkDirectory(true, error))
-        return false;
+        return kState;
     std::string name = path_ + ".lock";
     lock_.reset(open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     struct stat st {};
     if (lock_.get() < 0 || fstat(lock_.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         error = "lock file " + name + ": " + (lock_.get() < 0 ? strerror(errno) : "not a file");
-        return false;
+        return kState;
     }
     // Every run is bounded, so the lock comes free; a run that is stopped
     // must not stall the others for ever.
+    // It is held only around requests, never through a prompt or a long wait.
     for (int i = 0; i < 1200; ++i) {
         if (flock(lock_.get(), LOCK_EX | LOCK_NB) == 0)
-            return true;
-        if (errno != EWOULDBLOCK && errno != EINTR)
-            break;
+            return kOk;
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            error = "lock file " + name + ": " + strerror(errno);
+            return kState;
+        }
         usleep(50000);
     }
-    error = "lock file " + name + ": held by another run for too long (or " + strerror(errno) + ")";
-    return false;
+    lock_.reset(-1);
+    error = "the session is busy: another whttpctl run has held " + name +
+            " for a minute; try again once it has ended";
+    return kBusy;
 }
 
-bool StateFile::load(std::string& error) {
+int StateFile::load(std::string& error) {
+    if (int rc = lock(error))
+        return rc;
+    if (read(error))
+        return kOk;
+    unlock();
+    return kState;
+}
+
+bool StateFile::read(std::string& error) {
     doc_.reset(json_object_new_object());
-    if (!lock(error))
-        return false;
     // O_NOFOLLOW: a symbolic link planted in place of the file is refused;
     // O_NONBLOCK: a FIFO planted there cannot stall the open.
     Fd fd(open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

@@ -24,12 +24,18 @@ class StateFile {
     static std::string defaultPath();
     explicit StateFile(std::string path) : path_(std::move(path)) {}
 
-    // Takes the user's lock, then reads the file (a missing file is an empty
-    // state); the lock is held until the end of the run.  False with `error`
-    // set when the file or its directory is refused or damaged.
-    bool load(std::string& error);
+    // Reads the file (a missing file is an empty state).  False with `error`
+    // set when the file or its directory is refused or damaged.  The file is
+    // only ever replaced whole, so reading needs no lock.
+    bool read(std::string& error);
+    // Takes the user's lock, then reads the file afresh: kOk, kBusy when
+    // another run holds the lock for too long, or kState.  The lock is held
+    // until unlock(), around a use of the session key and the save of the
+    // key that the answer renewed.
+    int load(std::string& error);
+    void unlock() { lock_.reset(-1); }
     // Writes the whole state to a new private file and renames it over the
-    // old one, so that a reader never sees half a file.
+    // old one, so that a reader never sees half a file.  Under the lock.
     bool save(std::string& error);
 
     bool find(const std::string& url, SessionEntry& entry) const;
@@ -38,7 +44,7 @@ class StateFile {
     const std::string& path() const { return path_; }
 
   private:
-    bool lock(std::string& error);
+    int lock(std::string& error);
     bool checkDirectory(bool create, std::string& error) const;
     std::string directory() const;
 

@@ -11,7 +11,7 @@ namespace whttpctl {
 
 struct TlsChoice {
     bool insecure = false;  // accept any certificate (the device's is self-signed)
-    std::string cacert;     // or trust exactly this certificate file
+    std::string cacert;     // or pin this certificate (its names are not checked)
 };
 
 struct Response {
