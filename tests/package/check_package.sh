@@ -35,6 +35,12 @@ for d in adduser openssl unzip libc6 libjson-c5 libcurl4 libsqlite3-0 libssl3; d
 done
 dpkg-deb -x "$deb" "$tmp/pkg"
 pkg=$tmp/pkg/usr
+# cmake --install lays out the same files below any prefix.
+cmake --install "$build" --prefix "$tmp/inst/usr" >/dev/null
+(cd "$tmp/inst" && find . -type f -o -type l) | sed 's#^\./#/#' | sort |
+    diff -u "$tmp/files" - || fail "cmake --install lays out other files than the package"
+grep -q "^ExecStart=$tmp/inst/usr/sbin/whttpd_rest " "$tmp/inst/usr/lib/systemd/system/whttpd.service" ||
+    fail "the installed unit does not name the installed daemon"
 
 # A port nobody listens on, below the range of the system's own ephemeral
 # ports so that no client connection holds it either.
