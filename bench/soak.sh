@@ -56,7 +56,7 @@ echo "at rest: RSS $(rss) kB, threads $(threads)"
 sampler=$!
 warm=$(( secs / 10 > 5 ? secs / 10 : 5 ))
 ( sleep $warm; echo "$(rss) kB$(heap)" > "$root/rss_start"
-  for i in $(seq 2 10); do
+  for i in $(seq 2 9); do
       sleep $warm; echo "$(( i * warm )) s: $(rss 2>/dev/null) kB$(heap)" >> "$root/rss_series"
   done ) &
 series=$!
