@@ -18,6 +18,11 @@ std::string platformPath(const char* absPath);
 std::string platformToolDir();
 // Creates a directory and its missing parents (mode 0755); true when it exists.
 bool platformMakeDirs(const std::string& dir);
+// Replaces `file` (a host path) with `text`, whole or not at all, also across
+// a power cut: a temporary file of a unique name beside it, given `mode`
+// before anything is written, synced, renamed over it, and the directory
+// synced.  False (the old file untouched) when any step fails.
+bool platformReplaceFile(const std::string& file, const std::string& text, unsigned mode);
 // Whole seconds of system uptime ("/proc/uptime").
 unsigned long platformUptimeSeconds();
 // The calendar time in UTC as "2026-11-23T10:30:00Z".

@@ -64,6 +64,17 @@ std::string member(const std::string& json, const std::string& name) {
     return json_object_to_json_string_ext(v, JSON_C_TO_STRING_PLAIN);
 }
 
+// In a child: becomes whttpctl with `args`, its state below `dir`.
+[[noreturn]] void execCtl(const std::string& dir, const std::vector<std::string>& args) {
+    setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
+    std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
 // Runs whttpctl with `args` in `dir` (its state below it), `input` on its
 // standard input and umask 0, so that every mode bit it sets is its own.
 // Killed after `limitMs`: a hang shows as -1000, never as a stuck test.
@@ -75,19 +86,13 @@ Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
     pid_t pid = fork();
     if (pid == 0) {
         umask(0);
-        setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
         int in = open((base + ".in").c_str(), O_RDONLY);
         int out = open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         int err = open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
-        std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        execCtl(dir, args);
     }
     Outcome r;
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
@@ -119,13 +124,7 @@ Outcome runTty(const std::string& dir, const std::vector<std::string>& args,
     int master = -1;
     pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
-        std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        execCtl(dir, args);
     }
     Outcome r;
     size_t next = 0, seen = 0;
@@ -746,13 +745,7 @@ class PromptOnPty {
             dup2(slave_, 0);
             dup2(slave_, 1);
             dup2(slave_, 2);
-            setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
-            std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
-            for (const auto& a : args)
-                argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
+            execCtl(dir, args);
         }
         setpgid(client, client);
         signal(SIGTTOU, SIG_IGN);

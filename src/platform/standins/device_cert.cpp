@@ -3,19 +3,16 @@
 // a fraction of the time of the daemon's certificate wait.
 #include "platform/standins/device_cert.h"
 
-#include <fcntl.h>
+#include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <string>
 
 #include "platform/platform.h"
 
@@ -28,12 +25,12 @@ struct PkeyFree {
 struct X509Free {
     void operator()(X509* p) const { X509_free(p); }
 };
-struct FileClose {
-    void operator()(FILE* f) const { fclose(f); }
+struct BioFree {
+    void operator()(BIO* b) const { BIO_free(b); }
 };
 using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyFree>;
 using X509Ptr = std::unique_ptr<X509, X509Free>;
-using FilePtr = std::unique_ptr<FILE, FileClose>;
+using BioPtr = std::unique_ptr<BIO, BioFree>;
 
 const long kValidSeconds = 3650L * 24 * 3600;
 
@@ -80,45 +77,15 @@ X509Ptr selfSigned(EVP_PKEY* key) {
     return ok ? std::move(cert) : nullptr;
 }
 
-// A new file of a unique name beside the target (two provisionings at once
-// never share one), created 0600 and given its final mode before anything
-// is written, so that a key is never readable by others, not even for a
-// moment.
-FilePtr createTemp(std::string& tmp, mode_t mode) {
-    int fd = mkostemp(tmp.data(), O_CLOEXEC);
-    if (fd < 0)
-        return nullptr;
-    FILE* f = fchmod(fd, mode) == 0 ? fdopen(fd, "w") : nullptr;
-    if (!f) {
-        close(fd);
-        unlink(tmp.c_str());
-    }
-    return FilePtr(f);
-}
-
-// The rename is made durable too: a power cut after provisioning must not
-// bring back a root without its pair.
-bool syncDirectory(const std::string& file) {
-    std::string dir = file.substr(0, file.rfind('/'));
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    bool ok = fd >= 0 && fsync(fd) == 0;
-    if (fd >= 0)
-        close(fd);
-    return ok;
-}
-
+// The PEM text that `write` puts into a memory buffer ("" on failure).
 template <typename Write>
-bool writeWhole(const std::string& file, mode_t mode, Write write) {
-    std::string tmp = file + ".XXXXXX";
-    FilePtr f = createTemp(tmp, mode);
-    if (!f)
-        return false;
-    bool ok = write(f.get()) && fflush(f.get()) == 0 && fsync(fileno(f.get())) == 0;
-    f.reset();
-    if (ok && rename(tmp.c_str(), file.c_str()) == 0)
-        return syncDirectory(file);
-    unlink(tmp.c_str());
-    return false;
+std::string pemText(Write write) {
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    char* data = nullptr;
+    if (!bio || write(bio.get()) != 1)
+        return "";
+    long n = BIO_get_mem_data(bio.get(), &data);
+    return n > 0 ? std::string(data, static_cast<size_t>(n)) : "";
 }
 
 }  // namespace
@@ -130,15 +97,15 @@ bool makeDeviceCertificate(const char* certPath, const char* keyPath, std::strin
     X509Ptr cert = selfSigned(key.get());
     if (!cert)
         return err = "cannot make the self-signed certificate", false;
-    std::string keyFile = platformPath(keyPath);
-    std::string certFile = platformPath(certPath);
-    bool ok =
-        writeWhole(keyFile, 0600,
-                   [&](FILE* f) {
-                       return PEM_write_PrivateKey(f, key.get(), nullptr, nullptr, 0, nullptr,
-                                                   nullptr) == 1;
-                   }) &&
-        writeWhole(certFile, 0644, [&](FILE* f) { return PEM_write_X509(f, cert.get()) == 1; });
+    // The key is never more open than 0600, not even for a moment; each
+    // file is whole or absent.
+    std::string keyText = pemText([&](BIO* b) {
+        return PEM_write_bio_PrivateKey(b, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
+    std::string certText = pemText([&](BIO* b) { return PEM_write_bio_X509(b, cert.get()); });
+    bool ok = !keyText.empty() && !certText.empty() &&
+              platformReplaceFile(platformPath(keyPath), keyText, 0600) &&
+              platformReplaceFile(platformPath(certPath), certText, 0644);
     if (!ok)
         err = "cannot write the certificate pair below " + platformPath("/data/CA");
     return ok;

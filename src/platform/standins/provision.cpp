@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -45,17 +44,7 @@ const char* const kFactory =
     "\"ModelName\": \"NX5150\", \"SoftwareVersion\": \"V1.20(ABCD.7)C0\"}\n";
 
 bool writeFile(const std::string& absPath, const std::string& content) {
-    std::string file = platformPath(absPath.c_str());
-    std::string tmp = file + ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        if (!out)
-            return false;
-        out << content;
-        if (!out)
-            return false;
-    }
-    return rename(tmp.c_str(), file.c_str()) == 0;
+    return platformReplaceFile(platformPath(absPath.c_str()), content, 0644);
 }
 
 json_object* schemaNode(const wdm::Object& o) {

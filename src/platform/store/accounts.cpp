@@ -1,11 +1,9 @@
 #include "platform/store/accounts.h"
 
 #include <crypt.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -57,43 +55,6 @@ int nameTaken(Db& db, const wdm::Object& o, uint64_t key, const std::string& nam
             taken = true;
     });
     return ok ? WCFG_SUCCESS : WCFG_INTERNAL_ERROR;
-}
-
-bool syncDirectory(const std::string& dir) {
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    bool ok = fsync(fd) == 0;
-    close(fd);
-    return ok;
-}
-
-bool writeWhole(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool replaceFile(const std::string& dir, const std::string& file, const std::string& text) {
-    std::string tmp = file + ".XXXXXX";
-    int fd = mkostemp(&tmp[0], O_CLOEXEC);  // mode 0600
-    if (fd < 0)
-        return false;
-    bool ok = writeWhole(fd, text) && fsync(fd) == 0;
-    ok = close(fd) == 0 && ok;
-    ok = ok && rename(tmp.c_str(), file.c_str()) == 0;
-    if (!ok) {
-        unlink(tmp.c_str());
-        return false;
-    }
-    return syncDirectory(dir);
 }
 
 }  // namespace
@@ -170,7 +131,7 @@ bool writePasswordStore(Db& db) {
     if (fileHolds(file, text))
         return true;
     std::string dir = file.substr(0, file.rfind('/'));
-    if (!platformMakeDirs(dir) || !replaceFile(dir, file, text)) {
+    if (!platformMakeDirs(dir) || !platformReplaceFile(file, text, 0600)) {
         wlog_log_f(WLOG_ERR, "wcfg", __LINE__, __func__, "cannot write %s\n", file.c_str());
         return false;
     }

@@ -51,6 +51,13 @@ int lockState(Context& ctx) {
     return kOk;
 }
 
+int saveState(Context& ctx) {
+    std::string error;
+    if (!ctx.state->save(error))
+        return fail(kState, error);
+    return kOk;
+}
+
 // A write takes the lock, so that it sends the latest key and keeps the one
 // its answer brings before another run reads the file.  A read sends no key
 // and is answered with none: it takes the state as the run found it.
@@ -79,9 +86,7 @@ int sendCall(Context& ctx, const Call& call, Answer& answer) {
     if (renewedKey(answer, key) && call.keyed && call.holdLock) {
         session.key = key;
         ctx.state->put(ctx.url, session);
-        std::string error;
-        if (!ctx.state->save(error))
-            return fail(kState, error);
+        return saveState(ctx);
     }
     return kOk;
 }

@@ -52,6 +52,10 @@ struct Answer {
 // returns kBusy or kState.
 int lockState(Context& ctx);
 
+// Writes the state back (the lock held); kOk, or prints why not and returns
+// kState.
+int saveState(Context& ctx);
+
 // Lets the lock go at the end of a scope (whether or not it was taken).
 struct HeldState {
     Context& ctx;

@@ -6,13 +6,13 @@ namespace whttpctl {
 
 namespace {
 
-struct OptionSpec {
+struct KnownOption {
     const char* name;
     bool takesValue;
     const char* commands;  // the commands that take it, space-separated; "" for all
 };
 
-const OptionSpec kOptions[] = {
+const KnownOption kOptions[] = {
     {"--url", true, ""},
     {"--insecure", false, ""},
     {"--cacert", true, ""},
@@ -26,15 +26,15 @@ const OptionSpec kOptions[] = {
     {"--wait", true, "discover"},
 };
 
-const OptionSpec* findOption(const std::string& name) {
-    for (const OptionSpec& o : kOptions) {
+const KnownOption* findOption(const std::string& name) {
+    for (const KnownOption& o : kOptions) {
         if (name == o.name)
             return &o;
     }
     return nullptr;
 }
 
-bool allowedFor(const OptionSpec& o, const std::string& command) {
+bool allowedFor(const KnownOption& o, const std::string& command) {
     if (!*o.commands)
         return true;
     std::string list = std::string(" ") + o.commands + " ";
@@ -58,18 +58,18 @@ bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& err
         }
         size_t eq = arg.find('=');
         std::string name = arg.substr(0, eq);
-        const OptionSpec* spec = findOption(name);
-        if (!spec) {
+        const KnownOption* option = findOption(name);
+        if (!option) {
             error = "unknown option " + name;
             return false;
         }
         std::string value;
-        if (spec->takesValue && eq != std::string::npos) {
+        if (option->takesValue && eq != std::string::npos) {
             value = arg.substr(eq + 1);
-        } else if (spec->takesValue && i + 1 < argc) {
+        } else if (option->takesValue && i + 1 < argc) {
             value = argv[++i];
-        } else if (spec->takesValue || eq != std::string::npos) {
-            error = spec->takesValue ? name + " needs a value" : name + " takes no value";
+        } else if (option->takesValue || eq != std::string::npos) {
+            error = option->takesValue ? name + " needs a value" : name + " takes no value";
             return false;
         }
         line.options[name] = value;

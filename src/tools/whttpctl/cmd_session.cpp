@@ -41,10 +41,7 @@ int keepSession(Context& ctx, const std::string& user, const Answer& answer, con
         return rc;
     HeldState held(ctx);
     ctx.state->put(ctx.url, entry);
-    std::string error;
-    if (!ctx.state->save(error))
-        return fail(kState, error);
-    return kOk;
+    return saveState(ctx);
 }
 
 }  // namespace
@@ -79,9 +76,8 @@ int cmdLogout(Context& ctx) {
         return rc;
     HeldState held(ctx);
     ctx.state->erase(ctx.url);
-    std::string error;
-    if (!ctx.state->save(error))
-        return fail(kState, error);
+    if (int rc = saveState(ctx))
+        return rc;
     return report(ctx, answer);
 }
 
@@ -116,9 +112,7 @@ int cmdPasswd(Context& ctx) {
     if (ctx.state->find(ctx.url, session)) {
         session.user = newUser;
         ctx.state->put(ctx.url, session);
-        std::string error;
-        if (!ctx.state->save(error))
-            return fail(kState, error);
+        return saveState(ctx);
     }
     return kOk;
 }

@@ -114,14 +114,19 @@ int readFile(const std::string& name, std::string& text) {
     return kOk;
 }
 
-}  // namespace
-
-int cmdGet(Context& ctx) {
+// A read of PATH below `base`: its first level, or with --subtree all of it.
+int readPath(Context& ctx, const std::string& base) {
     const std::string& path = ctx.line.operands[0];
     if (int rc = checkPath(path))
         return rc;
     std::string query = ctx.line.has("--subtree") ? "?first_level_only=false" : "";
-    return run(ctx, readCall("TR181/Value/" + path + query));
+    return run(ctx, readCall(base + path + query));
+}
+
+}  // namespace
+
+int cmdGet(Context& ctx) {
+    return readPath(ctx, "TR181/Value/");
 }
 
 int cmdSet(Context& ctx) {
@@ -169,11 +174,7 @@ int cmdBatch(Context& ctx) {
 }
 
 int cmdSchema(Context& ctx) {
-    const std::string& path = ctx.line.operands[0];
-    if (int rc = checkPath(path))
-        return rc;
-    std::string query = ctx.line.has("--subtree") ? "?first_level_only=false" : "";
-    return run(ctx, readCall("TR181/SupportedDM/" + path + query));
+    return readPath(ctx, "TR181/SupportedDM/");
 }
 
 int cmdMethods(Context& ctx) {
