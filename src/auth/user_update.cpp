@@ -65,10 +65,10 @@ std::string updateAccount(const std::string (&text)[4], const char* remote) {
     json_object_object_add(edit.get(), "DAL_ACCOUNT_LOCKED",
                            json_object_new_boolean(isRestriction(record) != 0));
     char reply[128] = {};
-    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0) {
-        retryTableMgt("remove", oldUser.c_str());
+    // A change leaves the failed logins on record under the old name as
+    // they are: they still count should the name be used again.
+    if (wcfgFeDal_User_Account_Edit(edit.get(), reply, sizeof reply) == 0)
         return "Success";
-    }
     if (!strcmp(reply, WCFG_DAL_BAD_CREDENTIALS)) {
         wlog_syslog(LOG_INFO,
                     "Account: Enter an invalid old password for User '%s' form the host(%s).\n",

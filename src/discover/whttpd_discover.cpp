@@ -13,7 +13,6 @@
 
 #include <syslog.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -26,6 +25,7 @@
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
+#include "platform/utf8.h"
 
 namespace {
 
@@ -129,24 +129,12 @@ bool decide(bool previous) {
     return controller;
 }
 
-// Version 1, type 2, the document (at most 4095 characters) and its length.
-size_t buildAnswer(unsigned char* buf) {
-    size_t length = std::min(gDocument->size(), kBuffer - 1 - 4);
-    memset(buf, 0, kBuffer);
-    buf[0] = 1;
-    buf[1] = 2;
-    uint16_t wire = htons(static_cast<uint16_t>(length));
-    memcpy(buf + 2, &wire, 2);
-    memcpy(buf + 4, gDocument->data(), length);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Resp Payload: %s\n", kSelf, buf + 4);
-    return length;
-}
-
 void* discoverMain(void*) {
     platformBlockStopSignals();
     int fd = openSocket();
     bool reply = false;
     unsigned char buf[kBuffer + 1];
+    unsigned char answer[kDiscoverAnswerMax];
     for (;;) {
         memset(buf, 0, sizeof buf);
         sockaddr_in from{};
@@ -166,12 +154,14 @@ void* discoverMain(void*) {
              ntohs(from.sin_port));
         if (n == 0 || !whttpDiscoverIsRequest(buf, n))
             continue;
-        size_t length = buildAnswer(buf);
+        size_t length = whttpDiscoverBuildAnswer(*gDocument, answer);
+        WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s : Resp Payload: %.*s\n", kSelf, static_cast<int>(length),
+             reinterpret_cast<const char*>(answer + 4));
         std::this_thread::sleep_for(std::chrono::milliseconds(500 * platformSecondMs() / 1000));
         reply = decide(reply);
         ssize_t ret = 0;
         if (reply) {
-            ret = sendto(fd, buf, length + 4, 0, reinterpret_cast<sockaddr*>(&from), fromLen);
+            ret = sendto(fd, answer, length + 4, 0, reinterpret_cast<sockaddr*>(&from), fromLen);
             if (ret < 0)
                 perror("sendto");
             else
@@ -233,6 +223,16 @@ bool whttpDiscoverIsRequest(const unsigned char* buf, ssize_t n) {
         return false;
     }
     return true;
+}
+
+size_t whttpDiscoverBuildAnswer(std::string_view document, unsigned char* out) {
+    size_t length = utf8CutLength(document, kDiscoverAnswerMax - 4);
+    out[0] = 1;
+    out[1] = 2;
+    uint16_t wire = htons(static_cast<uint16_t>(length));
+    memcpy(out + 2, &wire, 2);
+    memcpy(out + 4, document.data(), length);
+    return length;
 }
 
 int whttpDiscoverThreadInit(void) {

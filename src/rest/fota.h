@@ -72,8 +72,8 @@ void wHttpFotaScanKeys(const char* meta, FotaDescriptor* d, FotaSummary* s);
 void wHttpFotaSplitVersion(const char* version, std::string* fwidPart, std::string* versionPart,
                            char* code, size_t codeSize);
 
-// Shared by the two handlers: answers `httpStatus` with the "oper_status"
-// of a configuration-service code.
+// Shared by the two handlers: answers `httpStatus` with the name of a
+// configuration-service code as "oper_status".
 void wHttpFotaAnswer(CgHttpRequest* request, uint8_t chunked, int httpStatus, int code);
 // Whether the device offers online upgrades (feature flag 0x8000; a flag
 // that cannot be read counts as set).  When not, answers 400 and says false.

@@ -191,7 +191,9 @@ FotaDescriptor wHttpFotaDescriptor() {
 
 void wHttpFotaAnswer(CgHttpRequest* request, uint8_t chunked, int httpStatus, int code) {
     json_object* doc = json_object_new_object();
-    wHttpSetOperStatusByWcfgRet(doc, code);
+    // The firmware answers name the code itself ("WCFG_SUCCESS",
+    // "WCFG_INTERNAL_ERROR", ...), not the value handlers' texts.
+    wHttpSetOperStatus(doc, wHttpRetCodeName(code));
     CgHttpResponse* response = cg_http_response_new();
     cg_http_response_setstatuscode(response, httpStatus);
     wHttpJsonResponse_restapi(request, response, doc, chunked, 0);

@@ -19,6 +19,13 @@ namespace {
 const char* const kDomain1 = "Device.X_OLVEX_SP_TrustDomain.1.";
 const char* const kDomain2 = "Device.X_OLVEX_SP_TrustDomain.2.";
 const char* const kAdmin = "Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.";
+const char* const kUser = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
+
+std::string updateBody(const std::string& ou, const std::string& op, const std::string& nu,
+                       const std::string& np) {
+    return "{\"old_username\":\"" + ou + "\",\"old_password\":\"" + op + "\",\"new_username\":\"" +
+           nu + "\",\"new_password\":\"" + np + "\"}";
+}
 
 std::string domain(const std::string& addr, const std::string& prefix) {
     return "{\"IPAddress\":\"" + addr + "\",\"SubnetMask\":\"" + prefix + "\"}";
@@ -98,11 +105,7 @@ TEST(Account, UpdateRejectionsAndARealChange) {
     auto update = [&](const std::string& body) {
         return operStatus(c.request("POST", e2e::withKey("UserUpdate", s), body, &s));
     };
-    auto body = [](const std::string& ou, const std::string& op, const std::string& nu,
-                   const std::string& np) {
-        return "{\"old_username\":\"" + ou + "\",\"old_password\":\"" + op +
-               "\",\"new_username\":\"" + nu + "\",\"new_password\":\"" + np + "\"}";
-    };
+    auto body = updateBody;
 
     EXPECT_EQ("Request reject: lost parameters",
               update("{\"old_username\":\"admin\",\"old_password\":\"1234abcd\","
@@ -139,4 +142,33 @@ TEST(Account, UpdateRejectionsAndARealChange) {
     ASSERT_NE(0, port);
     EXPECT_EQ(200, Client(port).login("boss", "n3wPassword").status);
     EXPECT_EQ(0, again.stop());
+}
+
+// Failed logins are counted by name: a successful update leaves the record of
+// the old name as it was, so failures made before it still count.
+TEST(Account, AnUpdateKeepsTheFailedLoginsOfTheOldName) {
+    DeviceRoot root;
+    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
+    ASSERT_EQ(0, root.wcfgctl({"set", kUser, "{\"AccountRetryTime\":3,\"AccountLockTime\":300}"}));
+    Daemon d;
+    int port = e2e::startDaemon(d, root);
+    ASSERT_NE(0, port) << d.out() << d.err();
+    Client c(port);
+    Session s;
+    ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
+    auto update = [&](const std::string& body) {
+        return operStatus(c.request("POST", e2e::withKey("UserUpdate", s), body, &s));
+    };
+    EXPECT_EQ(401, c.login("user", "bad-pass1").status);
+    EXPECT_EQ(401, c.login("user", "bad-pass2").status);
+    // A new password under the same name, then a rename and the name back.
+    ASSERT_EQ("Success", update(updateBody("user", "user1234", "user", "us3r1234")));
+    ASSERT_EQ("Success", update(updateBody("user", "us3r1234", "member", "m3mber1234")));
+    ASSERT_EQ("Success", update(updateBody("member", "m3mber1234", "user", "us3r5678")));
+    // The third failure of the name locks it: the right password is refused.
+    EXPECT_EQ(401, c.login("user", "bad-pass3").status);
+    Reply r = c.login("user", "us3r5678");
+    EXPECT_EQ(401, r.status);
+    EXPECT_EQ("Invalid Username or Password", operStatus(r));
+    EXPECT_EQ(0, d.stop());
 }

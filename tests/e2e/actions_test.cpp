@@ -10,7 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <json-c/json.h>
+
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "client.h"
 #include "fixture.h"
@@ -48,6 +52,27 @@ class Actions : public e2e::DaemonTest {
     // The agent the default topology lists (the extender's AL MAC).
     const std::string kAgent = "02:10:18:3A:6D:00";
 };
+
+// The agents that the journal shows told mesh tool `code`, each argument as
+// the tool received it.
+std::vector<std::string> agentsTold(const std::string& journal, const std::string& code) {
+    std::vector<std::string> out;
+    size_t at = 0;
+    for (size_t end; (end = journal.find('\n', at)) != std::string::npos; at = end + 1) {
+        json_object* line = json_tokener_parse(journal.substr(at, end - at).c_str());
+        json_object *tool = nullptr, *args = nullptr;
+        if (json_object_object_get_ex(line, "tool", &tool) &&
+            !strcmp(json_object_get_string(tool), "vx1905App") &&
+            json_object_object_get_ex(line, "args", &args) && json_object_array_length(args) == 2 &&
+            code == json_object_get_string(json_object_array_get_idx(args, 0))) {
+            json_object* agent = json_object_array_get_idx(args, 1);
+            out.emplace_back(json_object_get_string(agent),
+                             static_cast<size_t>(json_object_get_string_len(agent)));
+        }
+        json_object_put(line);
+    }
+    return out;
+}
 
 // Percent-encodes a query value.
 std::string encoded(const std::string& v) {
@@ -153,20 +178,31 @@ TEST_F(Actions, MeshResetAsControllerAgentAndWithTheMeshOff) {
     }
 }
 
-TEST_F(Actions, ShellMetacharactersReachTheToolAsText) {
+TEST_F(Actions, AnAgentNameReachesTheToolUnchangedAsOneArgument) {
     start();
     std::string marker = root.path("/tmp/x");
-    const std::string values[] = {"AA;touch " + marker,          "`touch " + marker + "`",
-                                  "$(touch " + marker + ")",     "AA' ; touch '" + marker,
-                                  "AA\" | touch \"" + marker,    "AA\ntouch " + marker,
-                                  "AA && touch " + marker + " &"};
+    // Shell metacharacters, line ends and blanks anywhere: each value is one
+    // argument of the mesh tool, byte for byte, and nothing runs.
+    const std::string values[] = {"AA;touch " + marker,
+                                  "`touch " + marker + "`",
+                                  "$(touch " + marker + ")",
+                                  "AA' ; touch '" + marker,
+                                  "AA\" | touch \"" + marker,
+                                  "AA\ntouch " + marker,
+                                  "AA && touch " + marker + " &",
+                                  "AA\n",
+                                  "\nAA",
+                                  " AA\t",
+                                  "AA\r\n",
+                                  ""};
     for (const std::string& v : values) {
         clearJournal();
         EXPECT_EQ("Success", operStatus(act("POST", "MeshReboot?device=" + encoded(v))));
         EXPECT_EQ("Success", operStatus(act("POST", "MeshResetAllSetting?device=" + encoded(v))));
         std::string j = journalWith("vx1905App", 2);
-        EXPECT_EQ(2u, e2e::countOf(j, "vx1905App")) << v;
-        EXPECT_NE(std::string::npos, j.find("touch")) << j;
+        EXPECT_EQ(std::vector<std::string>{v}, agentsTold(j, "2")) << j;
+        EXPECT_EQ(std::vector<std::string>{v}, agentsTold(j, "10")) << j;
+        EXPECT_EQ(std::string::npos, j.find("\"req\":")) << "this device acted for " << v;
     }
     e2e::sleepMs(100);
     EXPECT_FALSE(root.exists("/tmp/x")) << "a value ran as a command";

@@ -29,9 +29,10 @@ const char* kLatest = "V1.21(ABCD.8)C0";
 class Fota : public e2e::DaemonTest {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(cloud.start(root)) << cloud.err();
+        ASSERT_TRUE(cloud.start(root, cloudArgs())) << cloud.err();
         start();
     }
+    virtual std::vector<std::string> cloudArgs() const { return {}; }
     Reply check() { return get("FOTA"); }
     Reply upgrade() { return write("POST", "FOTA?action=online", ""); }
     // A member of the periodic-online-upgrade object (wcfgctl), as JSON text.
@@ -87,14 +88,14 @@ TEST_F(Fota, CheckForEveryAnswerOfTheService) {
         bool metaKept;
     };
     const Case cases[] = {
-        {"available", 200, "Success", "15", "2024-05-01", "Security", "true", true},
-        {"none204", 200, "Success", "10", "N/A", "N/A", "false", true},
-        {"bad400", 200, "Success", "10", "N/A", "N/A", "false", true},
-        {"partial206", 200, "Success", "15", "2024-05-01", "Security", "true", true},
-        {"same", 200, "Success", "15", "2024-02-01", "Initial", "false", true},
-        {"error500", 400, "Invalid parameter value", "21", "", "", "", true},
-        {"empty", 400, "Invalid parameter value", "16", "", "", "", false},
-        {"nometa", 400, "Invalid parameter value", "16", "", "", "", true},
+        {"available", 200, "WCFG_SUCCESS", "15", "2024-05-01", "Security", "true", true},
+        {"none204", 200, "WCFG_SUCCESS", "10", "N/A", "N/A", "false", true},
+        {"bad400", 200, "WCFG_SUCCESS", "10", "N/A", "N/A", "false", true},
+        {"partial206", 200, "WCFG_SUCCESS", "15", "2024-05-01", "Security", "true", true},
+        {"same", 200, "WCFG_SUCCESS", "15", "2024-02-01", "Initial", "false", true},
+        {"error500", 400, "WCFG_INTERNAL_ERROR", "21", "", "", "", true},
+        {"empty", 400, "WCFG_INTERNAL_ERROR", "16", "", "", "", false},
+        {"nometa", 400, "WCFG_INTERNAL_ERROR", "16", "", "", "", true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
@@ -132,7 +133,7 @@ TEST_F(Fota, TransferBelowTheLowSpeedLimitIsAbandoned) {
     knob("cloud.check", "slow");
     Reply r = check();
     EXPECT_EQ(400, r.status);
-    EXPECT_EQ("Invalid parameter value", operStatus(r));
+    EXPECT_EQ("WCFG_INTERNAL_ERROR", operStatus(r));
     EXPECT_EQ("21", status());
 }
 
@@ -166,7 +167,7 @@ TEST_F(Fota, UpgradeWithAGoodImage) {
     ASSERT_EQ("true", field("NewFWAvailable"));
     Reply r = upgrade();
     EXPECT_EQ(200, r.status);
-    EXPECT_EQ("Success", operStatus(r));
+    EXPECT_EQ("WCFG_SUCCESS", operStatus(r));
     ASSERT_TRUE(upgradeFinished());
     std::string j = journal();
     EXPECT_NE(std::string::npos, j.find("\"req\":\"image_check\""));
@@ -203,7 +204,7 @@ TEST_F(Fota, DownloadsTheCloudRefuses) {
         e2e::sleepMs(c.waitMs);
         Reply r = upgrade();
         EXPECT_EQ(400, r.status);
-        EXPECT_EQ("Invalid parameter value", operStatus(r));
+        EXPECT_EQ("WCFG_INTERNAL_ERROR", operStatus(r));
         EXPECT_EQ("15", status());
         EXPECT_NE(std::string::npos, lastCloudRequest().find(" 403")) << lastCloudRequest();
         knob(c.knobName, "");
@@ -222,7 +223,7 @@ TEST_F(Fota, ImagesTheDeviceRefuses) {
         ASSERT_EQ(200, check().status);
         Reply r = upgrade();
         EXPECT_EQ(200, r.status);
-        EXPECT_EQ("Success", operStatus(r));
+        EXPECT_EQ("WCFG_SUCCESS", operStatus(r));
         ASSERT_TRUE(upgradeFinished());
         std::string j = journal();
         EXPECT_NE(std::string::npos, j.find("\"req\":\"image_check\"")) << j;
@@ -249,6 +250,7 @@ TEST_F(Fota, RefusedRequests) {
     EXPECT_EQ("Invalid SessionKey", operStatus(r));
     r = upgrade();
     EXPECT_EQ(400, r.status);
+    EXPECT_EQ("WCFG_INTERNAL_ERROR", operStatus(r));
     EXPECT_EQ(std::string::npos, cloud.log().find("/fw/"));
 
     // Where the device asks is the supervisor's to say: an admin session
@@ -263,6 +265,7 @@ TEST_F(Fota, RefusedRequests) {
     ASSERT_EQ(0, root.wcfgctl({"set", kUpgradeObject, fileUrl}));
     r = check();
     EXPECT_EQ(400, r.status);
+    EXPECT_EQ("WCFG_INTERNAL_ERROR", operStatus(r));
     EXPECT_EQ("21", status());
     EXPECT_EQ(std::string::npos, root.read("/tmp/OLV.meta").find("admin"));
 
@@ -271,10 +274,41 @@ TEST_F(Fota, RefusedRequests) {
     std::string before = cloud.log();
     for (Reply x : {check(), upgrade()}) {
         EXPECT_EQ(400, x.status);
-        EXPECT_EQ("Invalid parameter value", operStatus(x));
+        EXPECT_EQ("WCFG_REQUEST_REJECT", operStatus(x));
     }
     EXPECT_EQ(before, cloud.log());
     EXPECT_EQ("0", status());
+}
+
+// The device does not verify the cloud's certificate chain (a self-signed
+// one is taken) but does check that it names the host asked: a cloud that
+// presents another host's certificate is never asked anything.
+class FotaCertificate : public Fota {
+  protected:
+    std::vector<std::string> cloudArgs() const override { return {"--cert-name", "cloud.example"}; }
+};
+
+TEST_F(FotaCertificate, ACertificateForAnotherHostIsRefused) {
+    Reply r = check();
+    EXPECT_EQ(400, r.status);
+    EXPECT_EQ("WCFG_INTERNAL_ERROR", operStatus(r));
+    EXPECT_EQ("21", status());
+    EXPECT_EQ("", cloud.log());
+}
+
+TEST_F(Fota, ASelfSignedCertificateNamingTheHostIsTaken) {
+    // The cloud's own certificate is self-signed and names localhost and
+    // 127.0.0.1: both ways of asking work.
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        SCOPED_TRACE(host);
+        std::string url = "https://" + std::string(host) + ":" + std::to_string(cloud.port());
+        ASSERT_EQ(0,
+                  root.wcfgctl({"set", kUpgradeObject, "{\"ServerURL\":\"" + url + "/check?\"}"}));
+        Reply r = check();
+        EXPECT_EQ(200, r.status) << r.body;
+        EXPECT_EQ("WCFG_SUCCESS", operStatus(r));
+        EXPECT_EQ("15", status());
+    }
 }
 
 // Checks and upgrades at once share the daemon-wide descriptor: whatever

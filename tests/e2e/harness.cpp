@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,12 +29,18 @@ std::string slurp(const std::string& file) {
     return ss.str();
 }
 
+// Starts a program of the project in device root `root`.  It dies with the
+// thread that started it: a test process that aborts (a sanitizer report, a
+// failed assertion in a helper thread, ctest's time-out) leaves no daemon or
+// cloud behind.  Every caller starts and waits for its programs on one thread.
 pid_t spawn(const std::vector<std::string>& argv, const std::string& root, const std::string& out,
             const std::string& err,
             const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid != 0)
         return pid;
+    dieWithParent(parent);
     setenv("WHTTPD_ROOT", root.c_str(), 1);
     setenv("WHTTPD_SECOND_MS", "10", 1);
     for (const auto& [name, value] : env)
@@ -109,6 +116,12 @@ size_t collect(char* data, size_t size, size_t n, void* out) {
 }
 
 }  // namespace
+
+void dieWithParent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent)  // the parent died before the request took effect
+        _exit(127);
+}
 
 DeviceRoot::DeviceRoot() {
     char tmpl[] = "/tmp/whttpd-e2e-XXXXXX";
@@ -239,11 +252,13 @@ Cloud::~Cloud() {
     }
 }
 
-bool Cloud::start(const DeviceRoot& root) {
+bool Cloud::start(const DeviceRoot& root, const std::vector<std::string>& args) {
     root_ = root.dir();
     outFile_ = root_ + "/.fwcloud.out";
     errFile_ = root_ + "/.fwcloud.err";
-    pid_ = spawn({FWCLOUD_BIN, "--port", "0"}, root_, outFile_, errFile_);
+    std::vector<std::string> argv{FWCLOUD_BIN, "--port", "0"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_ = spawn(argv, root_, outFile_, errFile_);
     const std::string marker = "serving https://127.0.0.1:";
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < end) {

@@ -65,7 +65,8 @@ class Daemon {
 class Cloud {
   public:
     ~Cloud();
-    bool start(const DeviceRoot& root);
+    // Starts fwcloud on a free port with `args` added to its command line.
+    bool start(const DeviceRoot& root, const std::vector<std::string>& args = {});
     int port() const { return port_; }
     std::string url(const std::string& path) const;
     // Its access log: one line "METHOD TARGET STATUS" per request.
@@ -94,5 +95,9 @@ Reply https(const std::string& method, const std::string& url, const std::string
 int freePort();
 // A UDP port that is free on loopback now.
 int freeUdpPort();
+
+// In a child just forked from `parent`: dies (SIGKILL) when the thread that
+// forked it ends, so that a test process that aborts leaves nothing running.
+void dieWithParent(pid_t parent);
 
 }  // namespace e2e

@@ -24,7 +24,8 @@ class RawConn {
     bool handshake();
     // Sends through TLS once handshaken, raw before; false when refused.
     bool send(const std::string& bytes);
-    // Reads until the peer closes or `timeoutMs` passes; `closed` tells which.
+    // Reads until the peer closes or `timeoutMs` passes (0: only what has
+    // arrived); `closed` tells which.
     std::string readUntilClose(int timeoutMs, bool* closed = nullptr);
     // Whether the daemon closed the (silent, plain) connection within `timeoutMs`.
     bool closedWithin(int timeoutMs);

@@ -65,7 +65,10 @@ std::string member(const std::string& json, const std::string& name) {
 }
 
 // In a child: becomes whttpctl with `args`, its state below `dir`.
-[[noreturn]] void execCtl(const std::string& dir, const std::vector<std::string>& args) {
+// It dies with `parent`, the process that forked it.
+[[noreturn]] void execCtl(pid_t parent, const std::string& dir,
+                          const std::vector<std::string>& args) {
+    e2e::dieWithParent(parent);
     setenv("WHTTPCTL_STATE", (dir + "/state/session").c_str(), 1);
     std::vector<char*> argv{const_cast<char*>(WHTTPCTL_BIN)};
     for (const auto& a : args)
@@ -83,6 +86,7 @@ Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
     static std::atomic<int> serial{0};
     std::string base = dir + "/run" + std::to_string(++serial);
     spit(base + ".in", input);
+    pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
         umask(0);
@@ -92,7 +96,7 @@ Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
         dup2(in, 0);
         dup2(out, 1);
         dup2(err, 2);
-        execCtl(dir, args);
+        execCtl(parent, dir, args);
     }
     Outcome r;
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
@@ -122,9 +126,10 @@ using Dialogue = std::vector<std::pair<std::string, std::string>>;
 Outcome runTty(const std::string& dir, const std::vector<std::string>& args,
                const Dialogue& dialogue = {}) {
     int master = -1;
+    pid_t parent = getpid();
     pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
     if (pid == 0) {
-        execCtl(dir, args);
+        execCtl(parent, dir, args);
     }
     Outcome r;
     size_t next = 0, seen = 0;
@@ -395,11 +400,12 @@ TEST_F(Whttpctl, FirmwareCheckAndUpgrade) {
     knob("cloud.image", "forbidden403");
     r = ctl({"fota", "upgrade"});
     EXPECT_EQ(1, r.status);
-    EXPECT_EQ("whttpctl: Invalid parameter value (HTTP 400)\n", r.err);
+    EXPECT_EQ("whttpctl: WCFG_INTERNAL_ERROR (HTTP 400)\n", r.err);
     knob("cloud.image", "ok");
     ASSERT_EQ(0, ctl({"fota", "check"}).status);
     r = ctl({"fota", "upgrade"});
     EXPECT_EQ(0, r.status) << r.err;
+    EXPECT_EQ("\"WCFG_SUCCESS\"", member(r.out, "oper_status"));
     EXPECT_EQ("", r.err);  // no bar when standard error is no terminal
     // The device installs it after the answer.
     const std::string installed = "\"version\":\"V1.21(ABCD.8)C0\",\"result\":0";
@@ -666,9 +672,10 @@ class PromptOnPty {
         int report[2];
         if (pipe(report) != 0)
             return false;
+        pid_t parent = getpid();
         shell_ = fork();
         if (shell_ == 0)
-            runShell(dir, args, report[1]);
+            runShell(parent, dir, args, report[1]);
         close(report[1]);
         bool ok = read(report[0], &client_, sizeof client_) == sizeof client_;
         close(report[0]);
@@ -729,12 +736,14 @@ class PromptOnPty {
   private:
     // The parent in the new session: makes the client the foreground job,
     // then waits for it and exits with its status.
-    [[noreturn]] void runShell(const std::string& dir, const std::vector<std::string>& args,
-                               int report) {
+    [[noreturn]] void runShell(pid_t parent, const std::string& dir,
+                               const std::vector<std::string>& args, int report) {
+        e2e::dieWithParent(parent);
         setsid();
         ioctl(slave_, TIOCSCTTY, 0);
         int go[2];
         (void)!pipe(go);
+        pid_t shell = getpid();
         pid_t client = fork();
         if (client == 0) {
             char c;
@@ -745,7 +754,7 @@ class PromptOnPty {
             dup2(slave_, 0);
             dup2(slave_, 1);
             dup2(slave_, 2);
-            execCtl(dir, args);
+            execCtl(shell, dir, args);
         }
         setpgid(client, client);
         signal(SIGTTOU, SIG_IGN);

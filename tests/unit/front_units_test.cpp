@@ -1,9 +1,11 @@
 // Algorithms of the HTTPS front: UTF-8 well-formedness at the boundaries of
 // every sequence length, cutting text without splitting a character, the
 // query and cookie text, connection admission (ceilings and the choice of
-// the connection that yields), and the worker pool's growth and ceiling.
+// the connection that yields), the worker pool's growth and ceiling, and the
+// discovery answer's layout and cut.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -12,6 +14,7 @@
 #include <thread>
 
 #include "daemon/http_limits.h"
+#include "discover/whttpd_discover.h"
 #include "platform/http/conn_registry.h"
 #include "platform/http/http_text.h"
 #include "platform/http/worker_pool.h"
@@ -233,4 +236,22 @@ TEST(HttpLimitText, NamesValuesAndRefusals) {
         EXPECT_FALSE(error.empty()) << text;
         EXPECT_EQ(512, l.maxConnections) << text;  // nothing taken from a refused text
     }
+}
+
+TEST(DiscoveryAnswer, HeaderAndTextUpTo4095Characters) {
+    unsigned char out[kDiscoverAnswerMax];
+    const std::string small = "{\"ApiName\":\"x\"}";
+    ASSERT_EQ(small.size(), whttpDiscoverBuildAnswer(small, out));
+    EXPECT_EQ(1, out[0]);
+    EXPECT_EQ(2, out[1]);
+    EXPECT_EQ(small.size(), static_cast<size_t>(out[2] << 8 | out[3]));  // big-endian
+    EXPECT_EQ(small, std::string(reinterpret_cast<char*>(out + 4), small.size()));
+    // A longer text is cut at 4095 characters, never inside a character.
+    for (size_t size : {4095u, 4096u, 5000u}) {
+        std::string big(size, 'a');
+        EXPECT_EQ(std::min<size_t>(size, 4095), whttpDiscoverBuildAnswer(big, out)) << size;
+        EXPECT_EQ(std::min<size_t>(size, 4095), static_cast<size_t>(out[2] << 8 | out[3]));
+    }
+    std::string wide = std::string(4094, 'a') + "\xc3\xa9";  // the last character straddles
+    EXPECT_EQ(4094u, whttpDiscoverBuildAnswer(wide, out));
 }

@@ -1,10 +1,13 @@
 // HTTPS for the stand-in cloud firmware service, over Boost.Beast.  A
-// device downloads without verifying the peer, so a certificate made at
-// start-up (an EC key, self-signed, one day) is all it needs.
+// device downloads without verifying the peer but checks that the
+// certificate names the host it asked, so a certificate made at start-up (an
+// EC key, self-signed, one day, the service's names) is all it needs.
 #include "platform/http/fwcloud_server.h"
 
+#include <arpa/inet.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
@@ -27,7 +30,33 @@ using tcp = net::ip::tcp;
 namespace fwcloud {
 namespace {
 
-bool selfSigned(ssl::context& ctx) {
+// The subjectAltName extension's text: each name as an IP address or a DNS
+// name.
+std::string altNames(const std::vector<std::string>& names) {
+    std::string text;
+    for (const std::string& n : names) {
+        unsigned char addr[16];
+        bool ip =
+            inet_pton(AF_INET, n.c_str(), addr) == 1 || inet_pton(AF_INET6, n.c_str(), addr) == 1;
+        text += (text.empty() ? "" : ",") + std::string(ip ? "IP:" : "DNS:") + n;
+    }
+    return text;
+}
+
+bool addAltNames(X509* cert, const std::vector<std::string>& names) {
+    if (names.empty())
+        return true;
+    X509V3_CTX v3;
+    X509V3_set_ctx_nodb(&v3);
+    X509V3_set_ctx(&v3, cert, cert, nullptr, nullptr, 0);
+    X509_EXTENSION* ext =
+        X509V3_EXT_conf_nid(nullptr, &v3, NID_subject_alt_name, altNames(names).c_str());
+    bool ok = ext && X509_add_ext(cert, ext, -1) == 1;
+    X509_EXTENSION_free(ext);
+    return ok;
+}
+
+bool selfSigned(ssl::context& ctx, const std::vector<std::string>& names) {
     EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
     X509* cert = X509_new();
     bool ok = key && cert;
@@ -41,7 +70,8 @@ bool selfSigned(ssl::context& ctx) {
                                    reinterpret_cast<const unsigned char*>("fwcloud.localhost"), -1,
                                    -1, 0);
         X509_set_issuer_name(cert, name);
-        ok = X509_set_pubkey(cert, key) == 1 && X509_sign(cert, key, EVP_sha256()) > 0 &&
+        ok = addAltNames(cert, names) && X509_set_pubkey(cert, key) == 1 &&
+             X509_sign(cert, key, EVP_sha256()) > 0 &&
              SSL_CTX_use_certificate(ctx.native_handle(), cert) == 1 &&
              SSL_CTX_use_PrivateKey(ctx.native_handle(), key) == 1;
     }
@@ -96,10 +126,10 @@ void session(tcp::socket socket, ssl::context& ctx, const Handler& handler) {
 
 }  // namespace
 
-int serve(const std::string& address, int port, const Handler& handler,
-          const std::function<void(int)>& ready) {
+int serve(const std::string& address, int port, const std::vector<std::string>& names,
+          const Handler& handler, const std::function<void(int)>& ready) {
     ssl::context ctx{ssl::context::tls_server};
-    if (!selfSigned(ctx)) {
+    if (!selfSigned(ctx, names)) {
         fprintf(stderr, "fwcloud: cannot make a certificate\n");
         return 1;
     }

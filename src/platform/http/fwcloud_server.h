@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "platform/fwcloud/fw_cloud.h"
 
@@ -13,10 +14,11 @@ namespace fwcloud {
 using Handler = std::function<Answer(const std::string& method, const std::string& target,
                                      const std::string& host)>;
 
-// Listens on `address`:`port` (0 picks a free port), calls `ready` with the
-// port once listening, then serves until the process ends.  Returns a
-// non-zero exit status when it cannot listen.
-int serve(const std::string& address, int port, const Handler& handler,
-          const std::function<void(int port)>& ready);
+// Listens on `address`:`port` (0 picks a free port) with a certificate that
+// names `names` (host names or IP addresses), calls `ready` with the port
+// once listening, then serves until the process ends.  Returns a non-zero
+// exit status when it cannot listen.
+int serve(const std::string& address, int port, const std::vector<std::string>& names,
+          const Handler& handler, const std::function<void(int port)>& ready);
 
 }  // namespace fwcloud

@@ -23,18 +23,14 @@ namespace {
 
 const char* const kTools[] = {"vxslctl", "vx1905App", "killall", "kill", "ifconfig"};
 
-std::string trim(std::string s) {
-    size_t b = s.find_first_not_of(" \t\r\n");
-    size_t e = s.find_last_not_of(" \t\r\n");
-    return b == std::string::npos ? "" : s.substr(b, e - b + 1);
-}
-
+// Notes the call with every argument exactly as the tool received it (line
+// ends and blanks included), so that the journal shows what a caller passed.
 void journalTool(const char* tool, int argc, char** argv) {
     JsonPtr entry(json_object_new_object());
     json_object_object_add(entry.get(), "tool", json_object_new_string(tool));
     json_object* args = json_object_new_array();
     for (int i = 1; i < argc; ++i)
-        json_object_array_add(args, json_object_new_string(trim(argv[i]).c_str()));
+        json_object_array_add(args, json_object_new_string(argv[i]));
     json_object_object_add(entry.get(), "args", args);
     journal(entry.get());
 }

@@ -93,7 +93,10 @@ int sendCall(Context& ctx, const Call& call, Answer& answer) {
 
 int judge(const Answer& answer) {
     std::string oper = memberText(answer.doc.get(), "oper_status");
-    bool ok = answer.status >= 200 && answer.status < 300 && (oper.empty() || oper == "Success");
+    // The firmware URIs name the configuration service's code instead of
+    // saying "Success".
+    bool done = oper.empty() || oper == "Success" || oper == "WCFG_SUCCESS";
+    bool ok = answer.status >= 200 && answer.status < 300 && done;
     if (ok && answer.doc)
         return kOk;
     if (!oper.empty())

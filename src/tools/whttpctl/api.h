@@ -73,8 +73,9 @@ int sendCall(Context& ctx, const Call& call, Answer& answer);
 // Sends `call` without a session (the login).
 int sendPlain(Context& ctx, const Call& call, Answer& answer, Response& raw);
 
-// kOk when the answer says success (2xx and "oper_status" absent or
-// "Success"); otherwise prints the reason and returns kFailed.
+// kOk when the answer says success (2xx and "oper_status" absent,
+// "Success" or "WCFG_SUCCESS"); otherwise prints the reason and returns
+// kFailed.
 int judge(const Answer& answer);
 
 // Prints the answer without its session key (that is the tool's business,
