@@ -229,7 +229,7 @@ def self_test(contract):
          "body": '{"requested_path": "Device.NAT.", "oper_status": "Success", "Object": '
                  '{"PortMappingNumberOfEntries": 1, "PortMapping": [{"Enable": true, "ExternalPort": 80}]}}'},
         {"method": "POST", "path": base + "/FOTA?action=online&sessionkey=3", "status": 400,
-         "content_type": "application/json", "body": '{"oper_status": "Invalid parameter value"}'},
+         "content_type": "application/json", "body": '{"oper_status": "WCFG_INTERNAL_ERROR"}'},
         {"method": "GET", "path": base + "/MethodList", "status": 503, "content_type": "text/plain",
          "body": "Service Unavailable\n"},
         {"method": "GET", "path": base + "/NoSuchUri", "status": 200,
@@ -273,6 +273,9 @@ def self_test(contract):
          "content_type": "application/json", "body": '{"oper_status": "Success", "MethodList": ['},
         # the upgrade URI only when its query comes first: this is the check
         {"method": "POST", "path": base + "/FOTA?sessionkey=3&action=online", "status": 200,
+         "content_type": "application/json", "body": '{"oper_status": "WCFG_SUCCESS"}'},
+        # a firmware answer in the value handlers' words
+        {"method": "GET", "path": base + "/FOTA", "status": 200,
          "content_type": "application/json", "body": '{"oper_status": "Success"}'},
     ]
     failed = 0
