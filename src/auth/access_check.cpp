@@ -1,4 +1,4 @@
-#include "rest/access_check.h"
+#include "auth/access_check.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -9,10 +9,10 @@
 #include <cstring>
 
 #include "auth/accounts.h"
-#include "daemon/whttpd.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
+#include "platform/platform.h"
 
 namespace {
 

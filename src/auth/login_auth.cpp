@@ -11,9 +11,9 @@
 #include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
-#include "daemon/whttpd.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
+#include "platform/platform.h"
 
 namespace {
 

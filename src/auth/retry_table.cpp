@@ -12,7 +12,7 @@
 #include <new>
 
 #include "auth/accounts.h"
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 
 namespace {
 

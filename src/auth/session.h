@@ -11,7 +11,7 @@
 #include <string>
 
 #include "platform/http/cg_http.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/request_context.h"
 
 #define SESSION_ID_LEN 32
 
@@ -36,6 +36,8 @@ int isLoginEntryExist(const char* user, const char* sessionID);
 int checkSessionKey(WHttpReqCtx* ctx, int32_t key);
 // Stores a renewed session key in the caller's entry, if there is one.
 void storeSessionKey(CgHttpRequest* request, int32_t key);
+// A new key, stored in the caller's entry: the response writer's renewal.
+int32_t wHttpRenewSessionKey(CgHttpRequest* request);
 // -1 no user/session or no entry, 0 alive (timer restarted with the
 // account's `idleTime`, at least five minutes), 1 timed out, 2 presented
 // from another client address (the entry is removed).

@@ -12,10 +12,10 @@
 #include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
-#include "daemon/whttpd.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
 #include "timer/uitimer.h"
+#include "platform/platform.h"
 
 // One logged-in client.
 struct LoginEntry {
@@ -39,10 +39,13 @@ namespace {
 
 const char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 const int kMinIdleSeconds = 300;
+// Guards session-id generation.
+std::mutex gSessionKeyMutex;
 
-// The table and the serial numbers of its entries; guarded by
-// gSessionTableMutex.  The list keeps entries at fixed addresses until they
-// are erased.
+// The session-table mutex guards the table and the serial numbers of its
+// entries; the list keeps entries at fixed addresses until they are erased.
+// Where it is taken with the timer service's list mutex, it comes first.
+std::mutex gSessionTableMutex;
 std::list<LoginEntry> gTable;
 uint64_t gNextSerial = 0;
 
@@ -116,7 +119,7 @@ uint32_t randomBelow(uint32_t bound) {
 
 void genSessionID(char* out) {
     memset(out, 0, SESSION_ID_LEN + 1);
-    pthread_mutex_lock(&gSessionKeyMutex);
+    std::lock_guard<std::mutex> lock(gSessionKeyMutex);
     unsigned char bytes[SESSION_ID_LEN * 2];
     int filled = 0;
     while (filled < SESSION_ID_LEN) {
@@ -126,7 +129,6 @@ void genSessionID(char* out) {
             if (bytes[i] < 248)
                 out[filled++] = kAlphabet[bytes[i] % 62];
     }
-    pthread_mutex_unlock(&gSessionKeyMutex);
 }
 
 int32_t getSessionKey(void) {
@@ -154,7 +156,7 @@ void resetLoginTimer(LoginEntry* entry, int idleSeconds) {
 
 int loginTimeoutHandle(uint32_t id, void* data) {
     uint64_t serial = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(data));
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (auto it = gTable.begin(); it != gTable.end(); ++it) {
         // A timer that was re-armed or whose entry is gone has nothing to end.
         if (it->serial == serial && it->timerID == id) {
@@ -199,7 +201,7 @@ int32_t openLoginEntry(WHttpReqCtx* ctx) {
     int32_t key = getSessionKey();
     bool added = false;
     {
-        WHttpMutexLock lock(&gSessionTableMutex);
+        std::lock_guard<std::mutex> lock(gSessionTableMutex);
         LoginEntry* entry = findLoginEntry(ctx, ctx->userName, ctx->sessionID);
         if (!entry) {
             entry = addLoginEntry(ctx, ctx->userName, idle);
@@ -220,12 +222,12 @@ int32_t openLoginEntry(WHttpReqCtx* ctx) {
 }
 
 int countLoginEntries(void) {
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     return static_cast<int>(gTable.size());
 }
 
 int isLoginEntryExist(const char* user, const char* sessionID) {
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         if (!strcmp(e.userName, user) && !strcmp(e.sessionID, sessionID))
             return 1;
@@ -234,16 +236,22 @@ int isLoginEntryExist(const char* user, const char* sessionID) {
 }
 
 int checkSessionKey(WHttpReqCtx* ctx, int32_t key) {
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     return (it != gTable.end() && it->sessionKey == key) ? 1 : 0;
+}
+
+int32_t wHttpRenewSessionKey(CgHttpRequest* request) {
+    int32_t key = getSessionKey();
+    storeSessionKey(request, key);
+    return key;
 }
 
 void storeSessionKey(CgHttpRequest* request, int32_t key) {
     WHttpReqCtx* ctx = wHttpReqCtx(request);
     if (!ctx)
         return;
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     if (it != gTable.end())
         it->sessionKey = key;
@@ -255,7 +263,7 @@ int checkLoginEntry(WHttpReqCtx* ctx, int idleTime) {
     int idle = idleFloor(idleTime);
     const char* remote = remoteOf(ctx);
     const char* local = localOf(ctx);
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (auto it = gTable.begin(); it != gTable.end(); ++it) {
         if (strcmp(it->localHost, local) || strcmp(it->userName, ctx->userName) ||
             strcmp(it->sessionID, ctx->sessionID))
@@ -284,7 +292,7 @@ int checkLoginEntry(WHttpReqCtx* ctx, int idleTime) {
 int delLoginEntry(WHttpReqCtx* ctx) {
     if (!ctx->userName[0] || !ctx->sessionID[0])
         return 0;
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     setCurrentSessionID(ctx->sessionID);
     auto it = findExact(ctx, ctx->userName, ctx->sessionID);
     if (it == gTable.end())
@@ -301,7 +309,7 @@ std::string getCookieUser(CgHttpRequest* request) {
     const char* sid = cg_http_request_getcookie(request, "Session");
     if (!sid || !*sid)
         return "";
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         if (!strcmp(e.sessionID, sid))
             return e.userName;
@@ -312,7 +320,7 @@ std::string getCookieUser(CgHttpRequest* request) {
 void updateLoginTimer(void) {
     wlog_syslog(LOG_INFO, "data model change, update login timer.\n");
     std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (LoginEntry& e : gTable) {
         if (e.timeout != 1)
             resetLoginTimer(&e, idleSecondsOf(*accounts, e.userName));
@@ -328,7 +336,7 @@ void setSessionCookie(WHttpReqCtx* ctx, CgHttpResponse* response) {
 
 void dumpLoginEntry(void) {
     const char* rule = "========================================\n";
-    WHttpMutexLock lock(&gSessionTableMutex);
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
     for (const LoginEntry& e : gTable) {
         wos_pk("%s", rule);
         wos_pk("userName=%s\n", e.userName);

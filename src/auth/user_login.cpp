@@ -1,14 +1,34 @@
 // The UserLogin handler: checks the user name and password of the body, opens
 // or reuses the caller's login entry and answers the cookie, the session key
 // and the method list.
+#include <atomic>
 #include <cstring>
 
-#include "rest/access_check.h"
+#include "auth/access_check.h"
 #include "auth/auth_handlers.h"
 #include "auth/login_auth.h"
 #include "auth/session.h"
-#include "daemon/whttpd.h"
-#include "datamodel/value_handlers.h"
+#include "datamodel/oid_names.h"
+#include "platform/platform.h"
+#include "rest/context/response_writer.h"
+
+namespace {
+
+std::atomic<int> gMaxLoginAccounts{0};
+std::atomic<json_object* (*)(void)> gMethodList{nullptr};
+
+}  // namespace
+
+void wHttpLoginSetMethodList(json_object* (*methodList)(void)) {
+    gMethodList = methodList;
+}
+
+void wHttpReadMaxLoginAccounts(void) {
+    JsonPtr cfg = wHttpGetObjectByName("RDM_OID_VX_LOG_CFG", true);
+    json_object* v = nullptr;
+    if (cfg && json_object_object_get_ex(cfg.get(), "MaximumLoginAccountNumber", &v))
+        gMaxLoginAccounts = json_object_get_int(v);
+}
 
 int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
     WHttpReqCtx* ctx = wHttpReqCtx(request);
@@ -19,8 +39,8 @@ int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spar
     wos_pk(
         "Current amount of login user are = %d, Maximum number of login account is %d (0 means "
         "login account number is unlimited)\n",
-        count, gWhttpd.maxLoginAccounts);
-    if (gWhttpd.maxLoginAccounts != 0 && count >= gWhttpd.maxLoginAccounts) {
+        count, gMaxLoginAccounts.load());
+    if (gMaxLoginAccounts != 0 && count >= gMaxLoginAccounts) {
         cg_http_response_setstatuscode(response, 401);
         wHttpSetOperStatus(doc, "Maximum number of login account has reached");
         wHttpJsonResponse_restapi(request, response, doc, 0, 0);
@@ -51,7 +71,8 @@ int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spar
     setSessionCookie(ctx, response);
     json_object_object_add(doc, "sessionkey", json_object_new_int(key));
     wHttpSetOperStatus(doc, result);
-    wHttpSetMethodList(doc, wHttpMethodList());
+    if (auto methodList = gMethodList.load())
+        wHttpSetMethodList(doc, methodList());
     wHttpJsonResponse_restapi(request, response, doc, 0, 0);
     return 1;
 }

@@ -11,10 +11,10 @@
 #include "auth/accounts.h"
 #include "auth/auth_handlers.h"
 #include "auth/retry_table.h"
-#include "daemon/whttpd.h"
+#include "platform/log.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 

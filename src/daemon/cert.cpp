@@ -8,7 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "daemon/cert.h"
+#include "platform/platform.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <thread>
 
-#include "daemon/whttpd.h"
+#include "platform/log.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 
 #include <cstring>
 
-#include "daemon/whttpd.h"
-#include "daemon/whttpd_signals.h"
+#include "daemon/signals.h"
 #include "platform/bus/wcfg_msg.h"
+#include "rest/context/response_writer.h"
 
 std::atomic<int> gDumpRequested{0};
 std::atomic<int> gStopRequested{0};
@@ -40,7 +40,6 @@ void handler(int sig, siginfo_t*, void*) {
         case SIGKILL:
         case SIGTERM:
             gStopRequested = 1;
-            gWhttpd.running = 0;
             writeText("Receive SIGNAL, kill whttpd now.\n");
             wcfg_msg_serverWakeup();
             break;
@@ -49,7 +48,7 @@ void handler(int sig, siginfo_t*, void*) {
             wcfg_msg_serverWakeup();
             break;
         case SIGUSR2:
-            gWhttpd.compactOutput ^= 1;
+            wHttpToggleCompactOutput();
             break;
         default:
             break;

@@ -2,8 +2,8 @@
 // loop on the main thread, and shutdown.
 #include <curl/curl.h>
 #include <getopt.h>
-#include <syslog.h>
 #include <malloc.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,26 +12,39 @@
 #include <string>
 
 #include "auth/accounts.h"
-#include "discover/whttpd_discover.h"
+#include "auth/auth_handlers.h"
 #include "auth/session.h"
-#include "daemon/whttpd.h"
+#include "daemon/cert.h"
 #include "daemon/http_limits.h"
-#include "daemon/whttpd_signals.h"
-#include "datamodel/oid_names.h"
-#include "platform/http/cg_http.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "daemon/signals.h"
+#include "datamodel/schema.h"
+#include "discover/whttpd_discover.h"
+#include "extobj/whttpd_extobj.h"
 #include "platform/bus/wcfg_msg.h"
+#include "platform/http/cg_http.h"
+#include "platform/platform.h"
 #include "rest/whttpd_rest.h"
 #include "timer/uitimer.h"
 
 namespace {
 
-CgHttpSslSettings* gServerSslCopy = nullptr;
-CgHttpSslSettings* gSsl = nullptr;  // the SSL settings record, freed at shutdown
+// Fixed file names, below the device root.
+constexpr const char* kPidFile = "/var/run/rest_api_server.pid";
+constexpr const char* kPublicKeyFile = "/var/public_key.pem";
+
+struct Options {
+    int httpsPort = 8443;
+    bool httpsEnabled = true;
+    std::string pidFile;  // -P: a second PID file, named by the caller
+};
+
+// The settings the server keeps a pointer to until it is deleted.
+CgHttpSslSettings gSsl{};
+std::string gCertFile;
+std::string gKeyFile;
 
 void writePidFile() {
-    std::string file = platformPath(WHTTPD_PID_FILE);
+    std::string file = platformPath(kPidFile);
     FILE* f = fopen(file.c_str(), "w");
     if (!f)
         return;
@@ -39,62 +52,91 @@ void writePidFile() {
     fclose(f);
 }
 
-// Creates and opens the HTTPS server; 1 on success, 0 on failure.
-int InitHttpServer(CgHttpServer** server, const char* bindAddr, int port, bool ssl,
-                   const CgHttpSslSettings* settings) {
-    *server = cg_http_server_new();
-    cg_http_server_setlimits(*server, whttpdHttpLimits());
-    gServerSslCopy = static_cast<CgHttpSslSettings*>(calloc(1, sizeof(CgHttpSslSettings)));
-    if (!gServerSslCopy) {
-        WLOG(WLOG_ERR, WHTTPD_SRC, "fail to calloc memory, size = %zu", sizeof(CgHttpSslSettings));
-        return 0;
+Options parseOptions(int argc, char** argv) {
+    Options o;
+    int opt;
+    while ((opt = getopt(argc, argv, "p:v:s:P:")) != -1) {
+        switch (opt) {
+            case 'p':  // a plain-HTTP port: accepted, but nothing opens it
+                break;
+            case 's':
+                o.httpsEnabled = true;
+                o.httpsPort = atoi(optarg);
+                break;
+            case 'P':
+                o.pidFile = optarg;
+                break;
+            default:
+                wos_pk("Usage: %s -s         support https\n", argv[0]);
+                exit(1);
+        }
     }
-    if (settings)
-        *gServerSslCopy = *settings;
-    wos_pk("Initial http with port(%d), SSL %s.\n", port, ssl ? "enable" : "disable");
-    wlog_syslog(LOG_INFO, "Initial http with port(%d), SSL %s\n", port, ssl ? "enable" : "disable");
-    if (!cg_http_server_open(*server, port, bindAddr, 0, ssl, gServerSslCopy)) {
+    return o;
+}
+
+// The public half of the certificate, for the companion tools; made once.
+void exportPublicKey() {
+    std::string publicKey = platformPath(kPublicKeyFile);
+    if (access(publicKey.c_str(), F_OK) == 0)
+        return;
+    char cmd[768];
+    snprintf(cmd, sizeof cmd, "/usr/bin/openssl x509 -pubkey -noout -in %s > %s", gCertFile.c_str(),
+             publicKey.c_str());
+    if (wos_formsys(1, cmd) == -1)
+        WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
+}
+
+// Creates and opens the HTTPS server; nullptr on failure.
+CgHttpServer* openHttpsServer(int port) {
+    CgHttpServer* server = cg_http_server_new();
+    cg_http_server_setlimits(server, whttpdHttpLimits());
+    wos_pk("Initial http with port(%d), SSL %s.\n", port, "enable");
+    wlog_syslog(LOG_INFO, "Initial http with port(%d), SSL %s\n", port, "enable");
+    if (!cg_http_server_open(server, port, "::", 0, true, &gSsl)) {
         wos_sleep(1);
-        if (!cg_http_server_open(*server, port, bindAddr, 0, ssl, gServerSslCopy)) {
+        if (!cg_http_server_open(server, port, "::", 0, true, &gSsl)) {
             wos_pk("Initial http fail, cannot open port(%d).\n", port);
             wlog_syslog(LOG_ERR, "Initial http fail, cannot open port(%d).\n", port);
-            return 0;
+            cg_http_server_delete(server);
+            return nullptr;
         }
     }
-    cg_http_server_setlistener(*server, wHttpRequestReceived_RESTfulAPI);
-    return 1;
+    cg_http_server_setlistener(server, wHttpRequestReceived_RESTfulAPI);
+    return server;
 }
 
-void readMaxLoginAccounts() {
-    objIndex_t iid{};
-    json_object* cfg = nullptr;
-    if (wcfgFeObjJsonGet(wHttpOidByName("RDM_OID_VX_LOG_CFG"), &iid, &cfg) != WCFG_SUCCESS)
-        return;
-    JsonPtr owned(cfg);
-    json_object* v = nullptr;
-    if (json_object_object_get_ex(cfg, "MaximumLoginAccountNumber", &v))
-        gWhttpd.maxLoginAccounts = json_object_get_int(v);
-}
-
-void openHostDatabase() {
-    std::string file = platformPath(WHTTPD_HOST_DB_FILE);
-    for (;;) {
-        sqlite3* db = nullptr;
-        if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_SHAREDCACHE,
-                            nullptr) == SQLITE_OK) {
-            gWhttpd.hostDb = db;
-            return;
-        }
-        fprintf(stderr, "Can't open database: %s\n", db ? sqlite3_errmsg(db) : "out of memory");
-        sqlite3_close(db);
-        if (gStopRequested)
-            return;
-        wos_sleep(1);
+// Opens and starts the HTTPS server; nullptr when it cannot serve.  A missing
+// certificate ends the daemon with -1 before anything is opened.
+CgHttpServer* startHttpsServer(const Options& o, bool* noCertificate) {
+    gCertFile = platformPath(WHTTPD_CERT_FILE);
+    gKeyFile = platformPath(WHTTPD_KEY_FILE);
+    gSsl.certFile = gCertFile.c_str();
+    gSsl.keyFile = gKeyFile.c_str();
+    gSsl.verifyPeer = 0;
+    if (access(gCertFile.c_str(), R_OK) != 0) {
+        *noCertificate = true;
+        return nullptr;
     }
+    exportPublicKey();
+    CgHttpServer* server = openHttpsServer(o.httpsPort);
+    if (!server)
+        return nullptr;
+    wHttpReadMaxLoginAccounts();
+    if (!cg_http_server_start(server)) {
+        wos_pk("Starting http server fail....\n");
+        wlog_syslog(LOG_ERR, "Starting http server fail....\n");
+        cg_http_server_delete(server);
+        return nullptr;
+    }
+    return server;
+}
+
+bool stopRequested() {
+    return gStopRequested != 0;
 }
 
 void receiveLoop() {
-    while (gWhttpd.running) {
+    while (!gStopRequested) {
         void* msg = nullptr;
         if (wcfg_msg_serverRecv(&msg, 0, WHTTPD_SRC, __LINE__) == 0) {
             uint32_t type = 0;
@@ -104,12 +146,28 @@ void receiveLoop() {
                 updateLoginTimer();
             }
             free(msg);
-        } else if (gWhttpd.running) {
+        } else if (!gStopRequested) {
             wos_pk("whttpd msg receive fail\n");
         }
         if (gDumpRequested.exchange(0))
             dumpLoginEntry();
     }
+}
+
+// Serves until a stop signal: timers, discovery, the bus, the host database.
+void serve(const Options& o) {
+    UITimerThreadStart();
+    whttpDiscoverThreadInit(o.httpsPort);
+    if (wcfg_msg_serverInit() != 0) {
+        wlog_syslog(LOG_ERR, "whttpd message server init fail\n");
+        wos_pk("whttpd message server init fail\n");
+        return;
+    }
+    vxOpenHostDatabase(stopRequested);
+    vxReadOperationMode();
+    // What start-up allocated and let go of goes back to the system.
+    malloc_trim(0);
+    receiveLoop();
 }
 
 }  // namespace
@@ -121,112 +179,34 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_ALL);
     wHttpWaitForCertificate();
     wHttpInstallSignalHandler();
-
-    int opt;
-    while ((opt = getopt(argc, argv, "p:v:s:P:")) != -1) {
-        switch (opt) {
-            case 'p':
-                gWhttpd.httpPort = atoi(optarg);
-                break;
-            case 's':
-                gWhttpd.httpsEnabled = true;
-                gWhttpd.httpsPort = atoi(optarg);
-                break;
-            case 'P':
-                free(gWhttpd.pidFilePath);
-                gWhttpd.pidFilePath = strdup(optarg);
-                break;
-            default:
-                wos_pk("Usage: %s -s         support https\n", argv[0]);
-                exit(1);
-        }
-    }
+    Options options = parseOptions(argc, argv);
     writePidFile();
-
-    std::string schemaFile = platformPath(WHTTPD_SCHEMA_FILE);
-    gWhttpd.schema = json_object_from_file(schemaFile.c_str());
-    if (!gWhttpd.schema)
+    if (!wHttpSchemaLoad())
         return -1;
+    wHttpRestInit();
 
     wcfg_msg_eidInit(WCFG_EID_WHTTPD, "wHttpd_rest");
     wlog_syslog(LOG_NOTICE, "Http daemon init...\n");
-    if (gWhttpd.pidFilePath) {
-        if (FILE* f = fopen(gWhttpd.pidFilePath, "w")) {
+    if (!options.pidFile.empty()) {
+        if (FILE* f = fopen(options.pidFile.c_str(), "w")) {
             fprintf(f, "%d", getpid());
             fclose(f);
         }
     }
 
-    CgHttpServer* httpsServer = nullptr;
-    CgHttpServer* httpServer = nullptr;  // never created: -p changes a value nothing opens
-    CgHttpSslSettings*& ssl = gSsl;
-    std::string certFile = platformPath(WHTTPD_CERT_FILE);
-    std::string keyFile = platformPath(WHTTPD_KEY_FILE);
-    bool serversUp = false;
-    if (gWhttpd.httpsEnabled) {
-        ssl = static_cast<CgHttpSslSettings*>(calloc(1, sizeof(CgHttpSslSettings)));
-        ssl->certFile = certFile.c_str();
-        ssl->keyFile = keyFile.c_str();
-        FILE* cert = fopen(certFile.c_str(), "r");
-        if (!cert)
-            return -1;
-        fclose(cert);
-        ssl->verifyPeer = 0;
-        std::string publicKey = platformPath(WHTTPD_PUBLIC_KEY_FILE);
-        if (access(publicKey.c_str(), F_OK) != 0) {
-            snprintf(gWhttpd.privateKeyPath, sizeof gWhttpd.privateKeyPath, "%s", keyFile.c_str());
-            char cmd[768];
-            snprintf(cmd, sizeof cmd, "/usr/bin/openssl x509 -pubkey -noout -in %s > %s",
-                     certFile.c_str(), publicKey.c_str());
-            if (wos_formsys(1, cmd) == -1)
-                WLOG(WLOG_ERR, WHTTPD_SRC, "fail to run system()");
-        }
-        serversUp = InitHttpServer(&httpsServer, "::", gWhttpd.httpsPort, true, ssl) == 1;
-    }
+    bool noCertificate = false;
+    CgHttpServer* server =
+        options.httpsEnabled ? startHttpsServer(options, &noCertificate) : nullptr;
+    if (noCertificate)
+        return -1;
+    if (server)
+        serve(options);
 
-    if (serversUp) {
-        readMaxLoginAccounts();
-        if (httpsServer && !cg_http_server_start(httpsServer)) {
-            wos_pk("Starting http server fail....\n");
-            wlog_syslog(LOG_ERR, "Starting http server fail....\n");
-            serversUp = false;
-        }
-        if (serversUp && httpServer && !cg_http_server_start(httpServer))
-            serversUp = false;
-    }
-    if (serversUp) {
-        UITimerThreadStart();
-        whttpDiscoverThreadInit();
-        // The three process-wide mutexes are initialised statically, before
-        // the server starts.
-        if (wcfg_msg_serverInit() != 0) {
-            wlog_syslog(LOG_ERR, "whttpd message server init fail\n");
-            wos_pk("whttpd message server init fail\n");
-        } else {
-            openHostDatabase();
-            gWhttpd.operationMode = wcfgFeDalGetOpertaionMode();
-            // What start-up allocated and let go of goes back to the system.
-            malloc_trim(0);
-            if (!gStopRequested)
-                gWhttpd.running = 1;
-            receiveLoop();
-        }
-    }
-
-    // Shutdown.
-    if (httpServer) {
-        cg_http_server_stop(httpServer);
-        cg_http_server_delete(httpServer);
-    }
-    if (httpsServer) {
-        cg_http_server_stop(httpsServer);
-        cg_http_server_delete(httpsServer);
+    if (server) {
+        cg_http_server_stop(server);
+        cg_http_server_delete(server);
     }
     UITimerThreadStop();
-    free(ssl);
-    free(gServerSslCopy);
-    free(gWhttpd.pidFilePath);
-    gWhttpd.pidFilePath = nullptr;
     wos_pk("whttpd_rest daemon exit....\n");
     wlog_syslog(LOG_INFO, "whttpd_rest daemon exit....\n");
     return 0;

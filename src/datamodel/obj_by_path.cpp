@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/whttpd.h"
+#include "platform/log.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/schema.h"
 #include "platform/store/wcfg.h"

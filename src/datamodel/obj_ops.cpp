@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "daemon/whttpd.h"
-#include "extobj/whttpd_extobj.h"
+#include "platform/log.h"
+#include "datamodel/ext_objects.h"
 #include "platform/store/wcfg.h"
 
 #define IID_FMT "%s iid.level=%u [%u, %u, %u, %u, %u, %u]\n"
@@ -91,9 +91,10 @@ int wHttpGetSingleTR181Obj(const char* path, const char* className, json_object*
     int row = vxExtObjFind(className);
     if (row < 0)
         return wHttpGetTR181ObjGeneric(path, out);
-    if (!gVxExtObjTable[row].get)
+    const VxExtObjRow& ext = vxExtObjRow(row);
+    if (!ext.get)
         return WCFG_INVALID_OBJECT;
-    return gVxExtObjTable[row].get(path, row, out);
+    return ext.get(path, row, out);
 }
 
 int wHttpSetSingleTR181Obj(const char* path, const char* className, json_object* values,
@@ -101,25 +102,28 @@ int wHttpSetSingleTR181Obj(const char* path, const char* className, json_object*
     int row = vxExtObjFind(className);
     if (row < 0)
         return wHttpSetTR181ObjGeneric(path, values, apply);
-    if (!gVxExtObjTable[row].set)
+    const VxExtObjRow& ext = vxExtObjRow(row);
+    if (!ext.set)
         return WCFG_INVALID_OBJECT;
-    return gVxExtObjTable[row].set(path, row, values, apply);
+    return ext.set(path, row, values, apply);
 }
 
 int wHttpAddSingleTR181Obj(char* path, const char* className, json_object* values, size_t size) {
     int row = vxExtObjFind(className);
     if (row < 0)
         return wHttpAddTR181ObjGeneric(path, values, size);
-    if (!gVxExtObjTable[row].add)
+    const VxExtObjRow& ext = vxExtObjRow(row);
+    if (!ext.add)
         return WCFG_INVALID_OBJECT;
-    return gVxExtObjTable[row].add(path, row, values);
+    return ext.add(path, row, values);
 }
 
 int wHttpDelSingleTR181Obj(const char* path, const char* className) {
     int row = vxExtObjFind(className);
     if (row < 0)
         return wHttpDelTR181ObjGeneric(path);
-    if (!gVxExtObjTable[row].del)
+    const VxExtObjRow& ext = vxExtObjRow(row);
+    if (!ext.del)
         return WCFG_INVALID_OBJECT;
-    return gVxExtObjTable[row].del(path, row);
+    return ext.del(path, row);
 }

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "platform/json_util.h"
 #include "platform/utf8.h"
 #include "platform/store/wcfg.h"

@@ -1,8 +1,8 @@
 #include "datamodel/return_codes.h"
 
-#include "daemon/whttpd.h"
+#include "platform/log.h"
 #include "platform/store/wcfg.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 // Index k names code k - 22.

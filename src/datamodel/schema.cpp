@@ -1,16 +1,22 @@
+// The REST schema: loading it, walking a path through it, and checking and
+// completing bodies and answers against a node.
 #include "datamodel/schema.h"
 
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "daemon/whttpd.h"
 #include "platform/json_util.h"
+#include "platform/platform.h"
 #include "platform/store/wcfg.h"
 
 namespace {
+
+// Read once at start-up and shared read-only by the request threads.
+std::atomic<json_object*> gSchema{nullptr};
 
 // Appends `text` to the NUL-terminated buffer, never past its size.
 void append(char* buf, size_t size, const char* text) {
@@ -78,9 +84,15 @@ json_object* wHttpGetSchemaObjIn(json_object* root, const char* path, char* clas
     return node;
 }
 
+bool wHttpSchemaLoad(void) {
+    std::string file = platformPath(WHTTPD_SCHEMA_FILE);
+    gSchema = json_object_from_file(file.c_str());
+    return gSchema.load() != nullptr;
+}
+
 json_object* wHttpGetSchemaObj(const char* path, char* className, size_t classSize, char* lastName,
                                size_t lastSize, int* endWithIndex) {
-    return wHttpGetSchemaObjIn(gWhttpd.schema, path, className, classSize, lastName, lastSize,
+    return wHttpGetSchemaObjIn(gSchema.load(), path, className, classSize, lastName, lastSize,
                                endWithIndex);
 }
 

@@ -7,6 +7,12 @@
 
 #include <cstddef>
 
+// The REST schema's file, below the device root.
+#define WHTTPD_SCHEMA_FILE "/etc/wcfg_REST_API_schema.json"
+
+// Reads the schema (once, at start-up); false when it cannot be read.
+bool wHttpSchemaLoad(void);
+
 // Walks `path` (at most 255 characters used) from `root`; returns the node
 // the path ends in, or nullptr.  Appends the class name (instance numbers as
 // "i") to `className`, writes the last name segment into `lastName`, and sets

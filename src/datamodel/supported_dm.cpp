@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
-#include "daemon/whttpd.h"
+#include "platform/log.h"
 #include "datamodel/path_parse.h"
 #include "datamodel/schema.h"
 #include "datamodel/value_handlers.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 

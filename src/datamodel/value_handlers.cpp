@@ -1,20 +1,19 @@
 // TR181/Value/: read an object, a table or a subtree (GET), write one object
-// or a batch (PUT), add an instance (POST), delete one (DELETE).  Writes are
-// serialised by the data-model request mutex; reads run beside them.  A
-// write's answer is built under the mutex and handed to the connection
-// after the mutex is released.
+// or a batch (PUT), add an instance (POST), delete one (DELETE).  The URI
+// table serialises the writes with the data-model request mutex and sends
+// their answers after its release; reads run beside them.
 #include "datamodel/value_handlers.h"
 
 #include <cstring>
 
-#include "daemon/whttpd.h"
+#include "datamodel/ext_objects.h"
 #include "datamodel/obj_by_path.h"
 #include "datamodel/path_parse.h"
 #include "datamodel/return_codes.h"
-#include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
+#include "platform/platform.h"
 #include "platform/store/wcfg.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 
@@ -123,9 +122,8 @@ int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
         wHttpSetOperStatus(doc, "Invalid object");
     }
     send(request, doc, chunked, 0);
-    // The next request on this thread loads and refreshes the hosts again.
-    vxHostsReleaseTable();
-    vxHostsClearRefreshedMark();
+    // The next request on this thread loads and refreshes what it reads again.
+    wHttpEndRead();
     return 1;
 }
 
@@ -216,30 +214,25 @@ int wHttpTR181ValueDelHandle(CgHttpRequest* request, uint8_t chunked) {
     return 1;
 }
 
+namespace {
+
+const struct {
+    const char* method;
+    int (*handler)(CgHttpRequest* request, uint8_t chunked);
+} kByMethod[] = {{"GET", wHttpTR181ValueGetHandle},
+                 {"PUT", wHttpTR181ValueSetHandle},
+                 {"POST", wHttpTR181ValueAddHandle},
+                 {"DELETE", wHttpTR181ValueDelHandle}};
+
+}  // namespace
+
 int wHttpTR181ValueHandle(CgHttpRequest* request, uint8_t chunked, int /*spare*/) {
     const char* method = cg_http_request_getmethod(request);
     if (!method)
         method = "";
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Method=%s\n", __func__, method);
-    if (!strcmp(method, "GET"))
-        return wHttpTR181ValueGetHandle(request, chunked);
-    if (!strcmp(method, "PUT")) {
-        WHttpHeldAnswer answer(request);  // posted after the unlock
-        WHttpMutexLock lock(&gDataModelMutex);
-        return wHttpTR181ValueSetHandle(request, chunked);
-    }
-    if (!strcmp(method, "POST")) {
-        WHttpHeldAnswer answer(request);  // posted after the unlock
-        WHttpMutexLock lock(&gDataModelMutex);
-        return wHttpTR181ValueAddHandle(request, chunked);
-    }
-    if (!strcmp(method, "DELETE")) {
-        WHttpHeldAnswer answer(request);  // posted after the unlock
-        WHttpMutexLock lock(&gDataModelMutex);
-        return wHttpTR181ValueDelHandle(request, chunked);
-    }
-    json_object* doc = json_object_new_object();
-    wHttpSetOperStatus(doc, "Invalid method");
-    send(request, doc, chunked, 0);
-    return 1;
+    for (const auto& m : kByMethod)
+        if (!strcmp(method, m.method))
+            return m.handler(request, chunked);
+    return 0;  // the URI table answers the other methods
 }

@@ -1,5 +1,5 @@
 // REST handlers of the data model: TR181/Value/ (GET, PUT, POST, DELETE),
-// MethodList, TR181/SupportedDM/ and APPUICustomization.
+// TR181/SupportedDM/ and APPUICustomization.
 #pragma once
 
 #include <json-c/json.h>
@@ -14,9 +14,5 @@ int wHttpTR181ValueSetHandle(CgHttpRequest* request, uint8_t chunked);
 int wHttpTR181ValueAddHandle(CgHttpRequest* request, uint8_t chunked);
 int wHttpTR181ValueDelHandle(CgHttpRequest* request, uint8_t chunked);
 
-int wHttpGetMethodListHandle(CgHttpRequest* request, uint8_t chunked, int spare);
 int wHttpTR181SupportedDMHandle(CgHttpRequest* request, uint8_t chunked, int spare);
 int wHttpAPPUICustomization(CgHttpRequest* request, uint8_t chunked, int spare);
-
-// The method list: "/api/v1/<row>" for every URI table row.
-json_object* wHttpMethodList(void);

@@ -21,7 +21,7 @@
 #include <string>
 #include <thread>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
@@ -50,7 +50,7 @@ bool boolOf(json_object* obj, const char* key, bool fallback) {
     return obj && json_object_object_get_ex(obj, key, &v) ? json_object_get_boolean(v) : fallback;
 }
 
-void buildDocument() {
+void buildDocument(int httpsPort) {
     char mac[32] = "";
     vxUtilIGetBaseMACwithColon(mac, sizeof mac);
     JsonPtr doc(json_tokener_parse(kTemplate));
@@ -58,7 +58,7 @@ void buildDocument() {
     json_object_object_get_ex(doc.get(), "SupportedApiVersion", &versions);
     for (size_t i = 0; i < json_object_array_length(versions); ++i)
         json_object_object_add(json_object_array_get_idx(versions, i), "HttpsPort",
-                               json_object_new_int(gWhttpd.httpsPort));
+                               json_object_new_int(httpsPort));
     if (JsonPtr info = wHttpGetObjectByName("RDM_OID_DEV_INFO", true)) {
         json_object_object_add(doc.get(), "ModelName",
                                json_object_new_string(jsonString(info.get(), "ModelName")));
@@ -235,8 +235,8 @@ size_t whttpDiscoverBuildAnswer(std::string_view document, unsigned char* out) {
     return length;
 }
 
-int whttpDiscoverThreadInit(void) {
-    buildDocument();
+int whttpDiscoverThreadInit(int httpsPort) {
+    buildDocument(httpsPort);
     atexit(stopDiscovery);
     pthread_t thread;
     int ret = pthread_create(&thread, nullptr, discoverMain, nullptr);

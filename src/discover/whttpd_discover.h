@@ -8,9 +8,10 @@
 #include <cstddef>
 #include <string_view>
 
-// Builds the discovery document and starts the responder thread (detached).
-// Returns the detach result, or the thread-creation error.
-int whttpDiscoverThreadInit(void);
+// Builds the discovery document (naming the daemon's HTTPS port) and starts
+// the responder thread (detached).  Returns the detach result, or the
+// thread-creation error.
+int whttpDiscoverThreadInit(int httpsPort);
 
 // Whether a datagram of `n` bytes is a discovery request with the magic.
 // `buf` holds 4097 bytes, zero after the datagram (as the responder reads).

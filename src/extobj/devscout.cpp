@@ -1,25 +1,34 @@
+// The host-probe database: opening it at start-up, the per-request load of
+// its Device table, and lookups with bound parameters.
 #include "extobj/devscout.h"
 
 #include <sqlite3.h>
 
+#include <atomic>
+#include <cstdio>
 #include <cstring>
 
-#include "daemon/whttpd.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
+#include "platform/platform.h"
 #include "platform/utf8.h"
 
 namespace {
 
+const char* const kHostDbFile = "/tmp/devscout.db";
+
+// Opened by the main thread once the server serves; read by request threads.
+std::atomic<sqlite3*> gHostDb{nullptr};
+
 // The first column of the first row of a one-parameter query; `fallback`
 // when there is no row.
 std::string firstValue(const char* sql, const std::string& param, const char* fallback) {
-    sqlite3* db = gWhttpd.hostDb.load();
+    sqlite3* db = gHostDb.load();
     if (!db)
         return fallback;
     sqlite3_stmt* s = nullptr;
     if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) != SQLITE_OK) {
-        WLOG(WLOG_ERR, "whttpd_extobj.c", "%s(): error: %s!\n", __func__, sqlite3_errmsg(db));
+        WLOG(WLOG_ERR, VX_SRC, "%s(): error: %s!\n", __func__, sqlite3_errmsg(db));
         return fallback;
     }
     sqlite3_bind_text(s, 1, param.data(), static_cast<int>(param.size()), SQLITE_TRANSIENT);
@@ -36,6 +45,23 @@ std::string firstValue(const char* sql, const std::string& param, const char* fa
 
 }  // namespace
 
+void vxOpenHostDatabase(bool (*stop)(void)) {
+    std::string file = platformPath(kHostDbFile);
+    for (;;) {
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_SHAREDCACHE,
+                            nullptr) == SQLITE_OK) {
+            gHostDb = db;
+            return;
+        }
+        fprintf(stderr, "Can't open database: %s\n", db ? sqlite3_errmsg(db) : "out of memory");
+        sqlite3_close(db);
+        if (stop())
+            return;
+        wos_sleep(1);
+    }
+}
+
 std::string vxDevscoutAlMacOf(const std::string& intfMac) {
     return firstValue("SELECT ALMac FROM SubIntf WHERE [IntfMAC]=?;", intfMac, "");
 }
@@ -49,8 +75,8 @@ std::string vxDevscoutNodeChannel(const std::string& alMac, const char* band) {
 void vxDevscoutLoadDevices(void) {
     if (vxHostsTable().cells)
         return;
-    sqlite3* db = gWhttpd.hostDb.load();
-    WLOG(WLOG_DEBUG, "whttpd_extobj.c", "%s() Original DevsctDatabaseHostListNum=%d\n", __func__,
+    sqlite3* db = gHostDb.load();
+    WLOG(WLOG_DEBUG, VX_SRC, "%s() Original DevsctDatabaseHostListNum=%d\n", __func__,
          vxHostsTable().rows);
     if (!db)
         return;
@@ -61,7 +87,7 @@ void vxDevscoutLoadDevices(void) {
         if (sqlite3_get_table(db, "SELECT * FROM Device;", &table, &rows, &columns, &err) ==
             SQLITE_OK)
             break;
-        WLOG(WLOG_ERR, "whttpd_extobj.c", "%s(): error: %s!\n", __func__, err ? err : "?");
+        WLOG(WLOG_ERR, VX_SRC, "%s(): error: %s!\n", __func__, err ? err : "?");
         bool locked = err && strstr(err, "database is locked");
         sqlite3_free(err);
         table = nullptr;
@@ -71,7 +97,7 @@ void vxDevscoutLoadDevices(void) {
         wos_sleep(1);
     }
     vxHostsKeepTable(table, rows, columns);
-    WLOG(WLOG_DEBUG, "whttpd_extobj.c", "%s() DevsctDatabaseHostListNum=%d\n", __func__, rows);
+    WLOG(WLOG_DEBUG, VX_SRC, "%s() DevsctDatabaseHostListNum=%d\n", __func__, rows);
 }
 
 std::string vxDevscoutColumn(int row, int column, const char* fallback) {

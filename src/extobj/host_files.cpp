@@ -8,12 +8,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-
-#define VX_SRC "whttpd_extobj.c"
 
 namespace {
 

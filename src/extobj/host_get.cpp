@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/devscout.h"
@@ -15,8 +15,6 @@
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-
-#define VX_SRC "whttpd_extobj.c"
 
 namespace {
 
@@ -162,7 +160,7 @@ int addSignalClass(json_object* host) {
 
 void fixHostName(json_object* host, const std::string& mac, bool node) {
     std::string name = jsonString(host, "HostName");
-    if (gWhttpd.operationMode.load() != 0 && (name.empty() || name == "Unknown") && !node)
+    if (vxOperationMode() != 0 && (name.empty() || name == "Unknown") && !node)
         name = mac;
     if (name.empty() || name == "*")
         name = "Unknown";
@@ -194,7 +192,7 @@ int vxHostsHostGet(const char* path, int /*row*/, json_object** out) {
     std::string type = jsonString(host, "X_OLVEX_ConnectionType");
     if (type.find("Wi-Fi") != std::string::npos)
         addWifiKeys(host, type);
-    if (gWhttpd.operationMode.load() != 0) {
+    if (vxOperationMode() != 0) {
         int gw = isGateway(host);
         if (gw != 0)
             return gw < 0 ? WCFG_ERROR_PARAMETER_TYPE : WCFG_SUCCESS;

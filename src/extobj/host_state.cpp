@@ -1,7 +1,8 @@
 // Per-thread host-list state: each request thread has its own mark and its
-// own loaded host-probe table, released after every value GET.
+// own loaded host-probe table, released when its value GET ends.
 #include <sqlite3.h>
 
+#include "datamodel/ext_objects.h"
 #include "extobj/whttpd_extobj.h"
 
 namespace {
@@ -19,6 +20,7 @@ int vxHostsRefreshedMark(void) {
 
 void vxHostsSetRefreshedMark(void) {
     tRefreshed = 1;
+    wHttpAtReadEnd(vxHostsClearRefreshedMark);
 }
 
 void vxHostsClearRefreshedMark(void) {
@@ -43,4 +45,5 @@ void vxHostsKeepTable(char** table, int rows, int columns) {
     tHostTable = table;
     tHostRows = rows;
     tHostColumns = columns;
+    wHttpAtReadEnd(vxHostsReleaseTable);
 }

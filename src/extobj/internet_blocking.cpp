@@ -2,7 +2,7 @@
 // client's internet access.  Only a router can, and not the NX3301A models.
 #include <cstring>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
@@ -10,7 +10,7 @@
 
 int vxInterBlockingGet(const char* /*path*/, int /*row*/, json_object** out) {
     bool enable = false;
-    if (gWhttpd.operationMode.load() == 0) {
+    if (vxOperationMode() == 0) {
         static const int32_t oid = wHttpOidByName("RDM_OID_DEV_INFO");
         JsonPtr owned = wHttpGetObject(oid, true);
         if (!owned)

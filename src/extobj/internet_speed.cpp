@@ -5,7 +5,6 @@
 #include <atomic>
 #include <string>
 
-#include "daemon/whttpd.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"

@@ -8,13 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "daemon/whttpd.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-
-#define VX_SRC "whttpd_extobj.c"
+#include "platform/platform.h"
 
 namespace {
 

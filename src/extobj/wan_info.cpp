@@ -6,14 +6,12 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/json_util.h"
 #include "platform/utf8.h"
 #include "platform/store/wcfg.h"
-
-#define VX_SRC "whttpd_extobj.c"
 
 namespace {
 
@@ -245,7 +243,7 @@ int vxWanInfoGet(const char* /*path*/, int /*row*/, json_object** out) {
     addPhyRate(answer);
     addDnsServer(answer);
     int fallback = 0;
-    if (gWhttpd.operationMode.load() == 0)
+    if (vxOperationMode() == 0)
         fallback = addWanStatus(answer);
     else
         addBridgeStatus(answer);

@@ -1,6 +1,11 @@
+// The extended-object table: which class names the daemon answers itself,
+// and with which handlers.
 #include "extobj/whttpd_extobj.h"
 
-#include <cstring>
+#include <atomic>
+
+#include "datamodel/oid_names.h"
+#include "platform/store/wcfg.h"
 
 // Rows are matched by exact class name, first row first; an empty slot
 // refuses its operation.
@@ -20,10 +25,18 @@ const VxExtObjRow gVxExtObjTable[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-int vxExtObjFind(const char* className) {
-    for (int i = 0; gVxExtObjTable[i].path; ++i) {
-        if (!strcmp(gVxExtObjTable[i].path, className))
-            return i;
-    }
-    return -1;
+namespace {
+std::atomic<int> gOperationMode{0};
+}  // namespace
+
+void vxExtObjRegister(void) {
+    vxExtObjSetTable(gVxExtObjTable);
+}
+
+void vxReadOperationMode(void) {
+    gOperationMode = wcfgFeDalGetOpertaionMode();
+}
+
+int vxOperationMode(void) {
+    return gOperationMode.load();
 }

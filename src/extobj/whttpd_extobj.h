@@ -1,7 +1,7 @@
 // Extended objects: data-model paths that the daemon answers or
 // post-processes itself.  A constant table maps a schema class name to up to
-// four handlers; the single-object operations consult it before the
-// configuration service.
+// four handlers; registered with the data model at start-up, it is consulted
+// by the single-object operations before the configuration service.
 #pragma once
 
 #include <json-c/json.h>
@@ -9,23 +9,21 @@
 
 #include <cstdint>
 
-typedef int (*VxGetHandler)(const char* path, int row, json_object** out);
-typedef int (*VxSetHandler)(const char* path, int row, json_object* values, uint8_t apply);
-typedef int (*VxAddHandler)(char* path, int row, json_object* values);
-typedef int (*VxDelHandler)(const char* path, int row);
-
-struct VxExtObjRow {
-    const char* path;  // schema class name; nullptr ends the table
-    VxGetHandler get;
-    VxSetHandler set;
-    VxAddHandler add;
-    VxDelHandler del;
-};
+#include "datamodel/ext_objects.h"
 
 extern const VxExtObjRow gVxExtObjTable[];
 
-// The row whose path equals `className` exactly, or -1.
-int vxExtObjFind(const char* className);
+// Registers the table with the data model (at start-up).
+void vxExtObjRegister(void);
+
+// The device's operation mode (0 router, else an extender or access point),
+// read from the configuration service at start-up.
+void vxReadOperationMode(void);
+int vxOperationMode(void);
+
+// Opens the host-probe database ("/tmp/devscout.db"), trying again every
+// second until it opens or `stop` says so.
+void vxOpenHostDatabase(bool (*stop)(void));
 
 // Handlers, by row.
 int vxHostsGet(const char* path, int row, json_object** out);
@@ -50,8 +48,9 @@ int vxInternetSpeedGet(const char* path, int row, json_object** out);
 int vxInternetSpeedSet(const char* path, int row, json_object* values, uint8_t apply);
 int vxSystemStateGet(const char* path, int row, json_object** out);
 
-// Per-thread host-list state of the current request: the mark that the
-// host list was refreshed, and the loaded host-probe table.
+// Per-thread host-list state of the current value GET: the mark that the
+// host list was refreshed, and the loaded host-probe table; both are released
+// when the GET ends.
 int vxHostsRefreshedMark(void);
 void vxHostsSetRefreshedMark(void);
 void vxHostsClearRefreshedMark(void);

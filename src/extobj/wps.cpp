@@ -8,15 +8,13 @@
 #include <string>
 #include <unistd.h>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
 #include "platform/bus/wcfg_msg.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-
-#define VX_SRC "whttpd_extobj.c"
 
 namespace {
 
@@ -117,7 +115,7 @@ const char* runningStatus(int status) {
         // An extender's WPS client reports a success as a time-out and
         // leaves this marker.
         std::string marker = platformPath("/tmp/wps_success");
-        if (gWhttpd.operationMode.load() != 0 && access(marker.c_str(), F_OK) == 0) {
+        if (vxOperationMode() != 0 && access(marker.c_str(), F_OK) == 0) {
             unlink(marker.c_str());
             return "NoError, WPS ok!";
         }

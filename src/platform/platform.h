@@ -1,13 +1,12 @@
-// Platform utilities: device-root paths, shell commands, console and levelled
-// log output, and the small vxUtil helpers.
+// Platform utilities: device-root paths, shell commands, console output, and
+// the small vxUtil helpers.  The levelled log is in log.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-// Log levels of wlog_log_f.
-enum { WLOG_ERR = 3, WLOG_NOTICE = 5, WLOG_INFO = 6, WLOG_DEBUG = 7 };
+#include "platform/log.h"
 
 // The device root: every fixed file name of the daemon and of its platform
 // lives below the directory named by WHTTPD_ROOT (default "/").
@@ -56,15 +55,6 @@ long platformSecondMs();
 // Sleeps for `sec` platform seconds.  WHTTPD_SECOND_MS shortens a platform
 // second for tests (default 1000 ms).
 void wos_sleep(unsigned sec);
-
-// Levelled log: lines "<level> <file>:<line> <function>: <text>" on standard
-// error (or the file named by WLOG_FILE) for levels up to WLOG_LEVEL
-// (default 6, info).
-bool wlog_levelAllow(int level);
-void wlog_log_f(int level, const char* file, int line, const char* func, const char* fmt, ...)
-    __attribute__((format(printf, 5, 6)));
-// System log line (syslog(3)), mirrored to standard error.
-void wlog_syslog(int priority, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 // Checks a password against the device's password store ("/etc/shadow"):
 // 0 match, 1 no store or no entry for the user, 2 mismatch.

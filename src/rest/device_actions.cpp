@@ -8,11 +8,12 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "platform/utf8.h"
 #include "datamodel/oid_names.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
+#include "rest/context/response_writer.h"
 #include "rest/device_actions.h"
 #include "rest/whttpd_rest.h"
 
@@ -22,19 +23,14 @@ const size_t kCommandBuffer = 256;  // the command texts' buffer, NUL included
 const char* const kAgentList = "/tmp/tmp_agent_list";
 enum { kMeshReboot = 2, kMeshReset = 10 };
 
-// The common start: the strict key check, then "Success".  False when the
-// key was refused (answered 403).
-bool acceptAction(const char* handler, CgHttpRequest* request) {
+// The common start, once the URI table's device-action check (POST or PUT
+// with the session key) has passed: "Success" before anything is tried.
+void acceptAction(const char* handler, CgHttpRequest* request) {
     const char* uri = cg_http_request_geturi(request);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() fullUri=%s\n", handler, uri);
-    if (!wHttpCheckDeviceActionSessionKey(uri, request)) {
-        wHttpdSessionFailHandle("Invalid SessionKey", request);
-        return false;
-    }
     json_object* doc = json_object_new_object();
     wHttpSetOperStatus(doc, "Success");
     wHttpJsonResponse_restapi(request, cg_http_response_new(), doc, 0, 0);
-    return true;
 }
 
 // "vx1905App <code> <agent>": the agent cut as the 256-byte command buffer
@@ -124,22 +120,19 @@ void meshAction(CgHttpRequest* request, int code) {
 }  // namespace
 
 int wHttpRebootHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
-    if (!acceptAction(__func__, request))
-        return 0;
+    acceptAction(__func__, request);
     wcfgFeReqSend(WCFG_REQ_REBOOT, nullptr);
     return 1;
 }
 
 int wHttpMeshRebootHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
-    if (!acceptAction(__func__, request))
-        return 0;
+    acceptAction(__func__, request);
     meshAction(request, kMeshReboot);
     return 1;
 }
 
 int wHttpMeshResetAllSettingHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
-    if (!acceptAction(__func__, request))
-        return 0;
+    acceptAction(__func__, request);
     meshAction(request, kMeshReset);
     return 1;
 }

@@ -1,5 +1,6 @@
 // Device actions: reboot, mesh reboot and mesh reset (POST or PUT with the
-// session key; answered "Success" before the device acts).  The query's
+// session key, which the URI table checks; answered "Success" before the
+// device acts).  The query's
 // "device" names one mesh agent, "controller" this device; without it the
 // whole mesh.
 #pragma once

@@ -15,13 +15,13 @@
 #include <mutex>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "datamodel/oid_names.h"
 #include "datamodel/return_codes.h"
 #include "platform/store/wcfg.h"
 #include "platform/utf8.h"
 #include "rest/fota.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <cstdio>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "rest/fota.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "platform/platform.h"
 #include "platform/store/wcfg.h"
 #include "rest/fota.h"
 

@@ -1,117 +1,108 @@
 // Request entry: every HTTPS request arrives here, on a thread of the HTTP
-// server.  It checks the version prefix, the caller's login and, for
-// modifying requests, the session key, then calls the handler that the URI
-// table names.
+// server.  It checks the version prefix, finds the URI's row and applies the
+// row's policy (the login state, the session key, the methods answered, the
+// data-model request mutex) before calling the row's handler.
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <mutex>
 
 #include "auth/auth_handlers.h"
 #include "auth/login_auth.h"
 #include "auth/session.h"
-#include "datamodel/value_handlers.h"
-#include "rest/device_actions.h"
-#include "rest/fota.h"
+#include "extobj/whttpd_extobj.h"
+#include "platform/platform.h"
 #include "platform/store/wcfg.h"
-#include "daemon/whttpd.h"
+#include "rest/context/response_writer.h"
 #include "rest/whttpd_rest.h"
 
-// Rows are matched by prefix, first row first, so their order matters.
-const WHttpUriRow gRestUriTable[] = {
-    {"UserLogin", wHttpUserLoginHandle},
-    {"UserLogout", wHttpUserLogoutHandle},
-    {"MethodList", wHttpGetMethodListHandle},
-    {"Reboot", wHttpRebootHandle},
-    {"MeshReboot", wHttpMeshRebootHandle},
-    {"MeshResetAllSetting", wHttpMeshResetAllSettingHandle},
-    {"UserUpdate", wHttpUserUpdateHandle},
-    {"APPUICustomization", wHttpAPPUICustomization},
-    {"TR181/Value/", wHttpTR181ValueHandle},
-    // Never reached: "TR181/Value/" is a prefix of it; same handler.
-    {"TR181/Value/MultiObjects", wHttpTR181ValueHandle},
-    {"TR181/SupportedDM/", wHttpTR181SupportedDMHandle},
-    // Before "FOTA", of which it is an extension.
-    {"FOTA?action=online", wHttpOnlineFirmwareUpgradeHandle_FOTA},
-    {"FOTA", wHttpOnlineFirmwareUpgradeCheck_FOTA},
-    {nullptr, nullptr},
-};
-
 namespace {
-const char* const kUserLogin = "UserLogin";
 
-bool modifying(const char* method) {
-    return method &&
-           (!strcmp(method, "POST") || !strcmp(method, "PUT") || !strcmp(method, "DELETE"));
+// Serialises every PUT, POST and DELETE of the rows that ask for it; reads
+// run unlocked.
+std::mutex gDataModelMutex;
+
+const struct {
+    const char* name;
+    uint8_t bit;
+} kMethods[] = {
+    {"GET", kWHttpGet}, {"PUT", kWHttpPut}, {"POST", kWHttpPost}, {"DELETE", kWHttpDelete}};
+
+uint8_t methodBit(const char* method) {
+    for (const auto& m : kMethods)
+        if (method && !strcmp(method, m.name))
+            return m.bit;
+    return 0;
 }
 
-// Whether the caller's session holds `key`.
-bool sessionHoldsKey(CgHttpRequest* request, int32_t key) {
-    WHttpReqCtx* ctx = wHttpReqCtx(request);
-    return ctx && checkSessionKey(ctx, key) == 1;
+bool modifying(uint8_t method) {
+    return method & (kWHttpPut | kWHttpPost | kWHttpDelete);
 }
 
-int keyCheck(CgHttpRequest* request) {
+const WHttpUriRow* findRow(const char* name) {
+    for (const WHttpUriRow* row = gRestUriTable; row->name; ++row)
+        if (strncmp(name, row->name, strlen(row->name)) == 0)
+            return row;
+    return nullptr;
+}
+
+// Whether the request's "sessionkey" is its session's key.
+bool keyHeld(CgHttpRequest* request) {
     const char* key = cg_http_request_getparam(request, "sessionkey");
-    if (!key)
-        return 0;
-    return sessionHoldsKey(request, atoi(key)) ? 1 : 0;
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    return key && ctx && checkSessionKey(ctx, atoi(key)) == 1;
 }
+
+// The login state and key checks; false when the request was answered.
+// Until its session is known a request may change nothing that the
+// configuration service guards (the login configuration, trust domains).
+bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriRow* row, uint8_t method) {
+    if (row && row->access == WHttpAccess::Open && !strcmp(name, row->name))
+        return true;
+    const char* auth = wHttpLoginAuth(&ctx, 0, nullptr, 0);
+    if (strcmp(auth, "Success") != 0) {
+        wHttpdSessionFailHandle(auth, ctx.request);
+        wos_pk("uri=%s authResult=%s\n", name, auth);
+        return false;
+    }
+    wcfgFeSetCaller(ctx.group);
+    if (modifying(method) && !keyHeld(ctx.request)) {
+        wHttpdSessionFailHandle("Invalid SessionKey", ctx.request);
+        return false;
+    }
+    return true;
+}
+
+// A method that the row's handler does not answer.
+void refuseMethod(CgHttpRequest* request, WHttpOtherMethod how) {
+    if (how == WHttpOtherMethod::InvalidKey) {
+        wHttpdSessionFailHandle("Invalid SessionKey", request);
+    } else if (how == WHttpOtherMethod::InvalidMethod) {
+        json_object* doc = json_object_new_object();
+        wHttpSetOperStatus(doc, "Invalid method");
+        wHttpJsonResponse_restapi(request, nullptr, doc, 0, 0);
+    }
+}
+
+void dispatch(CgHttpRequest* request, const WHttpUriRow& row, uint8_t method) {
+    if (row.methods != kWHttpAnyMethod && !(row.methods & method)) {
+        refuseMethod(request, row.otherMethod);
+        return;
+    }
+    if (row.dataModelLock && modifying(method)) {
+        WHttpHeldAnswer answer(request);  // posted after the unlock
+        std::lock_guard<std::mutex> lock(gDataModelMutex);
+        row.handler(request, 0, 0);
+        return;
+    }
+    row.handler(request, 0, 0);
+}
+
 }  // namespace
-
-WHttpReqCtx* wHttpReqCtx(CgHttpRequest* request) {
-    return static_cast<WHttpReqCtx*>(cg_http_request_getuserdata(request));
-}
-
-int wHttpCheckSessionKey(const char* uriName, CgHttpRequest* request) {
-    if (uriName && !strcmp(uriName, kUserLogin))
-        return 1;
-    if (!modifying(cg_http_request_getmethod(request)))
-        return 1;
-    return keyCheck(request);
-}
-
-int wHttpCheckDeviceActionSessionKey(const char* uriName, CgHttpRequest* request) {
-    if (uriName && !strcmp(uriName, kUserLogin))
-        return 0;
-    const char* method = cg_http_request_getmethod(request);
-    if (!method || (strcmp(method, "POST") && strcmp(method, "PUT")))
-        return 0;
-    return keyCheck(request);
-}
-
-void wHttpdSessionFailHandle(const char* result, CgHttpRequest* request) {
-    if (!result)
-        result = "unknown";
-    wos_pk("%s() authResult=%s\n", __func__, result);
-    int status = 401;
-    if (!strcmp(result, "Timeout"))
-        status = 504;
-    else if (!strcmp(result, "Internal Error"))
-        status = 500;
-    else if (!strcmp(result, "Invalid SessionKey"))
-        status = 403;
-    const char* text = result;
-    // A client must not learn which of the three it was.
-    if (!strcmp(result, "Invalid Username") || !strcmp(result, "Invalid Password") ||
-        !strcmp(result, "Locked User"))
-        text = "Invalid Username or Password";
-    json_object* doc = json_object_new_object();
-    json_object_object_add(doc, "oper_status", json_object_new_string(text));
-    const char* body = json_object_to_json_string(doc);
-    CgHttpResponse* response = cg_http_response_new();
-    cg_http_response_setstatuscode(response, status);
-    cg_http_response_setheader(response, "Content-Type", "application/json");
-    cg_http_response_setcontent(response, body, strlen(body));
-    cg_http_response_setheader(response, "Content-Length", std::to_string(strlen(body)).c_str());
-    cg_http_request_postresponse(request, response);
-    cg_http_response_delete(response);
-    json_object_put(doc);
-}
 
 void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
     WHttpReqCtx ctx;
     ctx.request = request;
-    cg_http_request_setuserdata(request, &ctx);
+    wHttpAttachReqCtx(request, &ctx);
     const char* uri = cg_http_request_geturi(request);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() fullUri=%s\n", __func__, uri);
     // The first five characters ("/api/") are not examined.
@@ -119,29 +110,22 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
         return;
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "use restApiHandler_v1\n");
     const char* name = uri + 8;
-    // Until its session is known a request may change nothing that the
-    // configuration service guards (the login configuration, trust domains).
+    uint8_t method = methodBit(cg_http_request_getmethod(request));
+    const WHttpUriRow* row = findRow(name);
     WcfgCallerScope caller(WCFG_CALLER_NONE);
-    if (strcmp(name, kUserLogin) != 0) {
-        const char* auth = wHttpLoginAuth(&ctx, 0, nullptr, 0);
-        if (strcmp(auth, "Success") != 0) {
-            wHttpdSessionFailHandle(auth, request);
-            wos_pk("uri=%s authResult=%s\n", name, auth);
-            return;
-        }
-        wcfgFeSetCaller(ctx.group);
-    }
-    if (!wHttpCheckSessionKey(name, request)) {
-        wHttpdSessionFailHandle("Invalid SessionKey", request);
+    if (!admitted(ctx, name, row, method))
         return;
-    }
-    for (const WHttpUriRow* row = gRestUriTable; row->name; ++row) {
-        if (strncmp(name, row->name, strlen(row->name)) == 0) {
-            row->handler(request, 0, 0);
-            return;
-        }
+    if (row) {
+        dispatch(request, *row, method);
+        return;
     }
     json_object* doc = json_object_new_object();
     wHttpSetOperStatus(doc, "Invalid URI");
     wHttpJsonResponse_restapi(request, nullptr, doc, 0, 0);
+}
+
+void wHttpRestInit(void) {
+    wHttpSetKeyRenewer(wHttpRenewSessionKey);
+    wHttpLoginSetMethodList(wHttpMethodList);
+    vxExtObjRegister();
 }

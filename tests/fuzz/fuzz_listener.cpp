@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
+#include "datamodel/schema.h"
 #include "fuzz_common.h"
 #include "platform/bus/wcfg_msg.h"
 #include "platform/http/cg_http_internal.h"
@@ -84,11 +84,10 @@ bool leftOut(const std::string& target) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     const std::string& root = fuzzDeviceRoot();
-    gWhttpd.schema = json_object_from_file((root + WHTTPD_SCHEMA_FILE).c_str());
-    if (!gWhttpd.schema)
+    if (root.empty() || !wHttpSchemaLoad())
         abort();
+    wHttpRestInit();
     wcfg_msg_eidInit(WCFG_EID_WHTTPD, "wHttpd_rest");
-    gWhttpd.running = 1;
     login();
     return 0;
 }

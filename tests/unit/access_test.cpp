@@ -1,7 +1,7 @@
 // Address-in-prefix test of the access restriction.
 #include <gtest/gtest.h>
 
-#include "rest/access_check.h"
+#include "auth/access_check.h"
 
 TEST(AddrFamily, ParsesBothFamiliesAndNothingElse) {
     EXPECT_EQ(2, wHttpGetAddrFamily("192.168.1.7"));

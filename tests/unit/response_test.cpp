@@ -5,20 +5,19 @@
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
 #include "datamodel/oid_names.h"
 #include "datamodel/return_codes.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
 
 std::string encoded(const char* json) {
     JsonPtr v(json_tokener_parse(json));
-    gWhttpd.htmlEncode = 1;
+    wHttpSetHtmlEncode(1);
     wHttpHtmlEncode(v.get());
-    gWhttpd.htmlEncode = 0;
+    wHttpSetHtmlEncode(0);
     return json_object_to_json_string_ext(v.get(), JSON_C_TO_STRING_PLAIN);
 }
 

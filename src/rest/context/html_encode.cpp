@@ -1,11 +1,14 @@
 // HTML encoding of the string values of an answer.
+#include <atomic>
 #include <cstring>
 #include <string>
 
-#include "daemon/whttpd.h"
-#include "rest/whttpd_rest.h"
+#include "rest/context/response_writer.h"
 
 namespace {
+
+// Off at start: no code path of the daemon switches it on.
+std::atomic<uint8_t> gHtmlEncode{0};
 
 // Entity pairs, in the order they are applied: "&" first, so that the "&" of
 // a replacement is never encoded again.
@@ -42,8 +45,16 @@ bool encodeText(std::string& s) {
 
 }  // namespace
 
+void wHttpSetHtmlEncode(uint8_t value) {
+    gHtmlEncode = value;
+}
+
+uint8_t wHttpHtmlEncodeSwitch(void) {
+    return gHtmlEncode.load();
+}
+
 void wHttpHtmlEncode(json_object* value) {
-    if (gWhttpd.htmlEncode != 1 || !value)
+    if (gHtmlEncode.load() != 1 || !value)
         return;
     if (json_object_is_type(value, json_type_array)) {
         size_t n = json_object_array_length(value);

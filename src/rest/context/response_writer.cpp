@@ -1,11 +1,12 @@
 // JSON response writer: every answer of the daemon but the
 // authentication-failure response goes through wHttpJsonResponse_restapi.
+#include "rest/context/response_writer.h"
+
+#include <atomic>
 #include <cstring>
 #include <string>
 
-#include "auth/session.h"
-#include "daemon/whttpd.h"
-#include "rest/whttpd_rest.h"
+#include "platform/log.h"
 
 int wHttpSetOperStatus(json_object* doc, const char* text) {
     if (!doc)
@@ -35,12 +36,31 @@ void wHttpSetMethodList(json_object* doc, json_object* value) {
 
 namespace {
 
+std::atomic<uint8_t> gCompactOutput{0};
+std::atomic<WHttpKeyRenewer> gKeyRenewer{nullptr};
+
 bool isModifying(const char* method) {
     return method &&
            (!strcmp(method, "PUT") || !strcmp(method, "POST") || !strcmp(method, "DELETE"));
 }
 
 }  // namespace
+
+void wHttpAttachReqCtx(CgHttpRequest* request, WHttpReqCtx* ctx) {
+    cg_http_request_setuserdata(request, ctx);
+}
+
+WHttpReqCtx* wHttpReqCtx(CgHttpRequest* request) {
+    return static_cast<WHttpReqCtx*>(cg_http_request_getuserdata(request));
+}
+
+void wHttpSetKeyRenewer(WHttpKeyRenewer renewer) {
+    gKeyRenewer = renewer;
+}
+
+void wHttpToggleCompactOutput(void) {
+    gCompactOutput.fetch_xor(1);
+}
 
 void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
                                uint8_t chunked, uint8_t renewSessionKey) {
@@ -52,20 +72,18 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
     cg_http_response_setheader(response, "Cache-Control", "no-cache");
     cg_http_response_setheader(response, "Content-Type", "application/json");
     json_object* object = nullptr;
-    if (gWhttpd.htmlEncode == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
+    if (wHttpHtmlEncodeSwitch() == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
         wHttpHtmlEncode(object);
-    if (renewSessionKey && isModifying(cg_http_request_getmethod(request))) {
+    WHttpKeyRenewer renew = gKeyRenewer.load();
+    if (renewSessionKey && renew && isModifying(cg_http_request_getmethod(request))) {
         if (!doc)
             doc = json_object_new_object();
-        if (json_object_is_type(doc, json_type_object)) {
-            int32_t key = getSessionKey();
-            storeSessionKey(request, key);
-            json_object_object_add(doc, "sessionkey", json_object_new_int(key));
-        }
+        if (json_object_is_type(doc, json_type_object))
+            json_object_object_add(doc, "sessionkey", json_object_new_int(renew(request)));
     }
     std::string text;
     if (doc)
-        text = gWhttpd.compactOutput ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
+        text = gCompactOutput.load() ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
                                      : json_object_to_json_string(doc);
     if (text.find("WCFG_INVALID_IMAGE") != std::string::npos)
         cg_http_response_setstatuscode(response, 400);

@@ -1,0 +1,45 @@
+// The registered extended-object table and the end-of-read releases.
+#include "datamodel/ext_objects.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+const VxExtObjRow kNoRows[] = {{nullptr, nullptr, nullptr, nullptr, nullptr}};
+std::atomic<const VxExtObjRow*> gTable{kNoRows};
+
+thread_local std::vector<void (*)(void)> tReleases;
+
+}  // namespace
+
+void vxExtObjSetTable(const VxExtObjRow* table) {
+    gTable = table ? table : kNoRows;
+}
+
+int vxExtObjFind(const char* className) {
+    const VxExtObjRow* table = gTable.load();
+    for (int i = 0; table[i].path; ++i) {
+        if (!strcmp(table[i].path, className))
+            return i;
+    }
+    return -1;
+}
+
+const VxExtObjRow& vxExtObjRow(int row) {
+    return gTable.load()[row];
+}
+
+void wHttpAtReadEnd(void (*release)(void)) {
+    if (std::find(tReleases.begin(), tReleases.end(), release) == tReleases.end())
+        tReleases.push_back(release);
+}
+
+void wHttpEndRead(void) {
+    std::vector<void (*)(void)> releases;
+    releases.swap(tReleases);
+    for (auto release : releases)
+        release();
+}

@@ -1,0 +1,37 @@
+// Extended objects as the data model sees them: paths that a module above
+// answers or post-processes itself.  The module registers its table at
+// start-up; the single-object operations consult it before the
+// configuration service.  A read may leave per-thread state behind (loaded
+// tables, marks) that the module releases when the value GET ends.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <cstdint>
+
+typedef int (*VxGetHandler)(const char* path, int row, json_object** out);
+typedef int (*VxSetHandler)(const char* path, int row, json_object* values, uint8_t apply);
+typedef int (*VxAddHandler)(char* path, int row, json_object* values);
+typedef int (*VxDelHandler)(const char* path, int row);
+
+struct VxExtObjRow {
+    const char* path;  // schema class name; nullptr ends the table
+    VxGetHandler get;
+    VxSetHandler set;
+    VxAddHandler add;
+    VxDelHandler del;
+};
+
+// Registers the table (before the server starts); rows are matched by exact
+// class name, first row first, and an empty slot refuses its operation.
+void vxExtObjSetTable(const VxExtObjRow* table);
+// The row whose path equals `className` exactly, or -1.
+int vxExtObjFind(const char* className);
+// A row found by vxExtObjFind.
+const VxExtObjRow& vxExtObjRow(int row);
+
+// Asks for `release` to run on this thread when the current value GET ends
+// (once, however often asked).
+void wHttpAtReadEnd(void (*release)(void));
+// Ends the current value GET of this thread: runs what was asked for.
+void wHttpEndRead(void);
