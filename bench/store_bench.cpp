@@ -14,6 +14,7 @@
 #include "platform/standins/provision.h"
 #include "platform/store/store.h"
 #include "platform/store/wcfg.h"
+#include "platform/standins/standin.h"
 
 namespace {
 
@@ -63,6 +64,7 @@ void measure(const char* label, void (*call)(), int threads, int calls) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    standin::install();
     int calls = argc > 1 ? atoi(argv[1]) : 200000;
     char tmpl[] = "/tmp/whttpd-store-bench-XXXXXX";
     std::string root = mkdtemp(tmpl);

@@ -25,6 +25,7 @@
 #include "platform/platform.h"
 #include "rest/whttpd_rest.h"
 #include "timer/uitimer.h"
+#include "platform/standins/standin.h"
 
 namespace {
 
@@ -174,6 +175,7 @@ void serve(const Options& o) {
 
 int main(int argc, char** argv) {
     platformInit();
+    standin::install();
     // libcurl's global state is set up here, before any thread runs; the
     // init and cleanup around each firmware transfer then only count.
     curl_global_init(CURL_GLOBAL_ALL);

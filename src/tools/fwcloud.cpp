@@ -14,6 +14,7 @@
 #include "platform/fwcloud/fw_cloud.h"
 #include "platform/http/fwcloud_server.h"
 #include "platform/platform.h"
+#include "platform/standins/standin.h"
 
 namespace {
 
@@ -71,6 +72,7 @@ int main(int argc, char** argv) {
         }
     }
     platformInit();
+    standin::install();
     if (names.empty())
         names = defaultNames(address, host);
     auto ready = [&](int bound) {

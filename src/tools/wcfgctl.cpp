@@ -227,6 +227,7 @@ int cmdMkimage(const char* file, const char* version, const char* model) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    standin::install();
     int tool = standin::runTool(argc, argv);
     if (tool >= 0)
         return tool;

@@ -9,6 +9,7 @@
 #include "platform/platform.h"
 #include "platform/standins/provision.h"
 #include "platform/utf8.h"
+#include "platform/standins/standin.h"
 
 inline const std::string& fuzzDeviceRoot() {
     static const std::string root = [] {
@@ -20,6 +21,7 @@ inline const std::string& fuzzDeviceRoot() {
         setenv("WLOG_FILE", "/dev/null", 1);     // the log and the syslog mirror
         if (!freopen("/dev/null", "w", stdout))  // the console lines
             abort();
+        standin::install();
         std::string err;
         if (!provision::initDeviceRoot("/bin/true", err))
             abort();

@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "platform/standins/standin.h"
 #include "platform/store/wcfg.h"
 #include "platform/store/store.h"
 
@@ -29,6 +28,10 @@ int gServerFd = -1;
 int gWakeFd = -1;
 sockaddr_un gServerAddr{};
 std::atomic<uint32_t> gSeq{1};
+// Set once at start-up, before any thread sends or serves.
+void (*gServerStart)() = nullptr;
+int gStandInEid = -1;
+WcfgStandInReply gStandIn = nullptr;
 
 std::string busDir() {
     return platformPath("/var/run/wcfg");
@@ -84,10 +87,20 @@ int wcfg_msg_serverInit(void) {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf, sizeof buf);
     gWakeFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     gServerFd = fd;
-    // The process that serves the bus also runs the stand-in services that
-    // work by themselves.
-    standin::startServices();
+    // The process that serves the bus also runs the services that work by
+    // themselves.
+    if (gServerStart)
+        gServerStart();
     return 0;
+}
+
+void wcfg_msg_setServerStartHook(void (*start)(void)) {
+    gServerStart = start;
+}
+
+void wcfg_msg_setStandIn(int eid, WcfgStandInReply reply) {
+    gStandInEid = eid;
+    gStandIn = reply;
 }
 
 void wcfg_msg_serverWakeup(void) {
@@ -176,9 +189,9 @@ int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
     int rc = sendTo(fd, dst, msg.data(), len);
     if (rc == -ENOENT || rc == -ECONNREFUSED) {
         cleanup();
-        // Nobody serves the Wi-Fi endpoint: the platform's own stand-in answers.
-        if (hdr->dstEid == WCFG_EID_WIFI) {
-            *reply = standin::wifiServiceReply(msg.data(), len);
+        // Nobody serves the endpoint: the platform's own stand-in answers.
+        if (gStandIn && hdr->dstEid == gStandInEid) {
+            *reply = gStandIn(msg.data(), len);
             if (*reply)
                 return 0;
             // No answer: the caller waits its time-out out, in platform time.

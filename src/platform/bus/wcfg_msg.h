@@ -42,3 +42,17 @@ void wcfg_msg_serverWakeup(void);
 int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs);
 // Sends a message without waiting for a reply; 0 or WCFG_INVALID_EID.
 int wcfg_msg_send(int dstEid, const void* msg, size_t length);
+
+// What the process that serves the bus starts with it (the services that
+// work by themselves); set before wcfg_msg_serverInit.
+void wcfg_msg_setServerStartHook(void (*start)(void));
+// The answer to a request for endpoint `eid` while nobody serves it (a
+// stand-in of that service): a reply to be released with free(), or nullptr
+// to let the caller wait its time-out out.  Set before the first request.
+using WcfgStandInReply = void* (*)(const void* request, size_t length);
+void wcfg_msg_setStandIn(int eid, WcfgStandInReply reply);
+
+namespace wcfg {
+// Sends the data-model-changed notice to every registered bus endpoint.
+void notifyDataModelChanged();
+}  // namespace wcfg

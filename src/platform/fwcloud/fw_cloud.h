@@ -17,15 +17,9 @@
 #include <string>
 
 #include "platform/fwcloud/sigv4.h"
+#include "platform/http/fwcloud_server.h"
 
 namespace fwcloud {
-
-struct Answer {
-    int status = 200;
-    std::string contentType = "application/json";
-    std::string body;
-    int trickleMs = 0;  // > 0: send the body one byte per this many milliseconds
-};
 
 // Prepares the service for URLs naming `host` ("127.0.0.1:18443"): a new
 // signing key and the image archives.  False (with `err`) on failure.

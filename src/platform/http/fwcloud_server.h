@@ -7,9 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "platform/fwcloud/fw_cloud.h"
-
 namespace fwcloud {
+
+// One answer of the service.
+struct Answer {
+    int status = 200;
+    std::string contentType = "application/json";
+    std::string body;
+    int trickleMs = 0;  // > 0: send the body one byte per this many milliseconds
+};
 
 using Handler = std::function<Answer(const std::string& method, const std::string& target,
                                      const std::string& host)>;

@@ -148,7 +148,7 @@ void stations(const wdm::Object& o, const objIndex_t&, json_object*) {
 
 struct HookRow {
     const char* rdm;
-    ApplyHook hook;
+    wcfg::ApplyHook hook;
 };
 
 const HookRow kHooks[] = {
@@ -161,11 +161,11 @@ const HookRow kHooks[] = {
 
 }  // namespace
 
-RefreshHook refreshHookFor(const wdm::Object& o) {
+wcfg::RefreshHook refreshHookFor(const wdm::Object& o) {
     return o.rdm == "RDM_OID_HOSTS" ? refreshHosts : nullptr;
 }
 
-ApplyHook applyHookFor(const wdm::Object& o) {
+wcfg::ApplyHook applyHookFor(const wdm::Object& o) {
     for (const HookRow& r : kHooks)
         if (o.rdm == r.rdm)
             return r.hook;

@@ -3,22 +3,14 @@
 // behaviours, one row per object.
 #pragma once
 
-#include <json-c/json.h>
-
-#include "platform/store/dm_def.h"
-#include "platform/store/wcfg.h"
+#include "platform/store/hooks.h"
 
 namespace standin {
 
-// Runs for an applied instance with its current values.
-using ApplyHook = void (*)(const wdm::Object& o, const objIndex_t& iid, json_object* values);
-
 // The hook of an object, or nullptr.
-ApplyHook applyHookFor(const wdm::Object& o);
+wcfg::ApplyHook applyHookFor(const wdm::Object& o);
 
-// Runs before a read "with update" of an object: the service refreshes what
-// the object shows (the host table is rebuilt).
-using RefreshHook = void (*)();
-RefreshHook refreshHookFor(const wdm::Object& o);
+// The refresh before a read "with update" (the host table is rebuilt).
+wcfg::RefreshHook refreshHookFor(const wdm::Object& o);
 
 }  // namespace standin

@@ -83,9 +83,7 @@ int imageRequest(bool upgrade, const char* payload, json_object* entry) {
 
 }  // namespace
 
-}  // namespace standin
-
-int wcfgFeReqSend(uint32_t type, const char* payload) {
+int handleRequest(uint32_t type, const char* payload) {
     JsonPtr entry(json_object_new_object());
     int rc = WCFG_SUCCESS;
     switch (type) {
@@ -98,7 +96,7 @@ int wcfgFeReqSend(uint32_t type, const char* payload) {
             break;
         case WCFG_REQ_IMAGE_CHECK:
         case WCFG_REQ_UPGRADE:
-            rc = standin::imageRequest(type == WCFG_REQ_UPGRADE, payload, entry.get());
+            rc = imageRequest(type == WCFG_REQ_UPGRADE, payload, entry.get());
             break;
         default:
             json_object_object_add(entry.get(), "req", json_object_new_int64(type));
@@ -106,6 +104,8 @@ int wcfgFeReqSend(uint32_t type, const char* payload) {
             break;
     }
     json_object_object_add(entry.get(), "result", json_object_new_int(rc));
-    standin::journal(entry.get());
+    journal(entry.get());
     return rc;
 }
+
+}  // namespace standin

@@ -4,6 +4,8 @@
 
 #include <json-c/json.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace standin {
@@ -11,6 +13,17 @@ namespace standin {
 // The journal: one JSON line per request the stand-ins receive.
 std::string journalPath();
 void journal(json_object* entry);
+
+// The platform as shipped: attaches the stand-ins to the store (apply and
+// refresh hooks, device requests) and to the bus (the services a bus server
+// starts, the Wi-Fi service's answers), and the bus's change notice to the
+// store.  Every program of the platform calls it first; a firmware build
+// attaches its own services instead.
+void install();
+
+// Handles a device request (reboot, reset, image check, upgrade): journals it
+// and answers a return code.
+int handleRequest(uint32_t type, const char* payload);
 
 // The Wi-Fi service's answer to a WPS request message (header + payload);
 // returns a newly allocated reply (free()) or nullptr.

@@ -5,8 +5,8 @@
 
 #include "platform/json_util.h"
 #include "platform/platform.h"
-#include "platform/standins/apply_hooks.h"
 #include "platform/store/accounts.h"
+#include "platform/store/hooks.h"
 #include "platform/store/write_rules.h"
 
 extern const char kDefaultConfiguration[];
@@ -179,7 +179,6 @@ Store::Store() {
             }
             counted_[i].push_back(child);
         }
-        refreshHooks_.push_back(standin::refreshHookFor(o));
         if (o.rdm == "RDM_OID_DEV_INFO")
             devInfoIndex_ = static_cast<int>(i);
         else if (o.rdm == "RDM_OID_TIME")
@@ -312,8 +311,9 @@ int Store::get(int32_t oid, objIndex_t* iid, json_object** out, bool update) {
     if (!open_)
         return WCFG_INTERNAL_ERROR;
     int index = objectIndex(*o);
-    if (update && refreshHooks_[index])
-        refreshHooks_[index]();
+    if (update)
+        if (RefreshHook refresh = refreshHookOf(*o))
+            refresh();
     const Image& img = image();
     uint64_t key = keyOf(*iid, o->depth);
     if (const Row* row = img.find(index, key)) {
@@ -578,7 +578,7 @@ int Store::del(int32_t oid, objIndex_t* iid, const WriteMode& mode) {
     }
     // The services learn of the instance that went away (a station list is
     // written anew, ...).
-    if (standin::ApplyHook hook = standin::applyHookFor(*o)) {
+    if (ApplyHook hook = applyHookOf(*o)) {
         WcfgCallerScope device(WCFG_CALLER_DEVICE);
         hook(*o, *iid, nullptr);
     }
@@ -681,8 +681,8 @@ bool Store::writePasswords() {
 void Store::finish(const WriteMode& mode) {
     if (mode.apply)
         runApplyHooks();
-    if (mode.notify)
-        notifyDataModelChanged();
+    if (mode.notify && storeHooks().changed)
+        storeHooks().changed();
 }
 
 void Store::runApplyHooks() {
@@ -693,7 +693,7 @@ void Store::runApplyHooks() {
     }
     for (const auto& [oid, key] : work) {
         const wdm::Object* o = wdm::model().byId(oid);
-        standin::ApplyHook hook = o ? standin::applyHookFor(*o) : nullptr;
+        ApplyHook hook = o ? applyHookOf(*o) : nullptr;
         if (!hook)
             continue;
         objIndex_t iid = recordOf(key, o->depth);

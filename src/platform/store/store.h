@@ -115,11 +115,6 @@ class Store {
     // Per object: for each parameter, the child table it counts, or -1.
     std::vector<std::vector<int>> counted_;
     int devInfoIndex_ = -1, timeIndex_ = -1;
-    // Per object: what a read with update runs first, or nullptr.
-    std::vector<void (*)()> refreshHooks_;
 };
-
-// Sends the data-model-changed notice to every registered bus endpoint.
-void notifyDataModelChanged();
 
 }  // namespace wcfg
