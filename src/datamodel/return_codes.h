@@ -4,7 +4,7 @@
 
 #include <json-c/json.h>
 
-// Name of a code, "WCFG_UNKNOWN" outside -22..8.
+// Name of a code ("WCFG_SUCCESS"), "WCFG_UNKNOWN" for a code of no name.
 const char* wHttpRetCodeName(int code);
 // Writes "oper_status" for a code into the response document.
 int wHttpSetOperStatusByWcfgRet(json_object* doc, int code);
