@@ -1,3 +1,4 @@
+// Access restriction by trust domain and privilege (access_check.h).
 #include "auth/access_check.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// The login accounts and groups kept in memory for the session check.
 #include "auth/accounts.h"
 
 #include <cstring>

@@ -1,3 +1,5 @@
+// Object operations by path: get of an object, table or subtree; set, add
+// and delete.
 #include "datamodel/obj_by_path.h"
 
 #include <cstdio>

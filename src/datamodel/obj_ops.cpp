@@ -1,3 +1,4 @@
+// Object operations by id, generic or through an extended object's handlers.
 #include "datamodel/obj_ops.h"
 
 #include <cstdio>

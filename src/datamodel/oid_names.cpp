@@ -1,3 +1,4 @@
+// Lookups in the generated table of object ids by name.
 #include "datamodel/oid_names.h"
 
 #include <cstring>

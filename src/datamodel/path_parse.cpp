@@ -1,3 +1,4 @@
+// Cutting the data-model path and body out of a value request.
 #include "datamodel/path_parse.h"
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+// Readers of the association lists and DHCP leases other services write.
 #include "extobj/host_files.h"
 
 #include <strings.h>

@@ -1,3 +1,5 @@
+// Platform utilities: device-root paths, shell commands, console output,
+// the levelled log and the vxUtil helpers.
 #include "platform/platform.h"
 
 #include <crypt.h>

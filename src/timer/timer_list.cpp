@@ -1,3 +1,4 @@
+// The timer service's singly linked list of pointers.
 #include "timer/timer_list.h"
 
 #include <cstdlib>

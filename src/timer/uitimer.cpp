@@ -1,3 +1,4 @@
+// The timer service: one-shot and periodic timers on a thread of their own.
 #include "timer/uitimer.h"
 
 #include <pthread.h>

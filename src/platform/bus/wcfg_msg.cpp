@@ -1,3 +1,4 @@
+// The message bus over Unix-domain datagram sockets below the device root.
 #include "platform/bus/wcfg_msg.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// The stand-in services' apply and refresh behaviours, one row per object.
 #include "platform/standins/apply_hooks.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// The stand-ins' knobs file: how the simulated services behave.
 #include "platform/standins/knobs.h"
 
 #include <cstdio>

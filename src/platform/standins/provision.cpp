@@ -1,3 +1,4 @@
+// Preparing a device root for the virtual router and the tests.
 #include "platform/standins/provision.h"
 
 #include <sqlite3.h>

@@ -1,3 +1,4 @@
+// Account names, password sealing and the device's password store.
 #include "platform/store/accounts.h"
 
 #include <crypt.h>

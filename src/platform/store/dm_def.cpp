@@ -1,3 +1,4 @@
+// Parser of the data-model definition into objects and parameters.
 #include "platform/store/dm_def.h"
 
 #include <cstdio>

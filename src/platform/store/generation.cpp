@@ -1,3 +1,4 @@
+// The store's shared generation counter in a memory-mapped file.
 #include "platform/store/generation.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// The in-memory image of the store that reads are served from.
 #include "platform/store/image.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The store's SQLite database: statements, transactions, rows, numbering.
 #include "platform/store/sqlite_db.h"
 
 #include <sqlite3.h>

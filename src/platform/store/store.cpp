@@ -1,3 +1,4 @@
+// The store: lock-free reads from the image, whole-or-absent writes.
 #include "platform/store/store.h"
 
 #include <algorithm>

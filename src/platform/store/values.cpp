@@ -1,3 +1,4 @@
+// Typed parameter values: conversion from and to JSON.
 #include "platform/store/values.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Who may change what: guards, parameter flags and account-name rules.
 #include "platform/store/write_rules.h"
 
 #include <cctype>

@@ -1,3 +1,4 @@
+// whttpctl: requests of a logged-in session and the judging of answers.
 #include "api.h"
 
 #include "output.h"

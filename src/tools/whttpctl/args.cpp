@@ -1,3 +1,4 @@
+// whttpctl: parsing of the command line.
 #include "args.h"
 
 #include <cstring>

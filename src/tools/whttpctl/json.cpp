@@ -1,3 +1,4 @@
+// whttpctl: json-c ownership and helpers.
 #include "json.h"
 
 #include <cctype>

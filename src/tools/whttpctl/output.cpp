@@ -1,3 +1,4 @@
+// whttpctl: JSON output and one-line errors.
 #include "output.h"
 
 #include <cstdint>

@@ -1,3 +1,4 @@
+// whttpctl: reading a password without echo.
 #include "prompt.h"
 
 #include <signal.h>

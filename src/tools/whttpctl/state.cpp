@@ -1,3 +1,4 @@
+// whttpctl: the private per-user state file.
 #include "state.h"
 
 #include "cli.h"

@@ -1,3 +1,4 @@
+// whttpctl: HTTPS requests over libcurl.
 #include "transport.h"
 
 #include <unistd.h>
