@@ -127,6 +127,38 @@ bool isDue(const UITimerRec* r, const UITime& now) {
     return r->expirySec < now.sec || (r->expirySec == now.sec && r->expiryUsec <= now.usec);
 }
 
+// Holds the list mutex for a scope.
+class ListLock {
+  public:
+    ListLock() { pthread_mutex_lock(&gListMutex); }
+    ~ListLock() { pthread_mutex_unlock(&gListMutex); }
+    ListLock(const ListLock&) = delete;
+    ListLock& operator=(const ListLock&) = delete;
+};
+
+// One-shot and periodic timers differ only in these: periodic records have a
+// mutex and a state, stay listed when they fire, and may be freed by the
+// timer thread when a delete cancels them while queued.
+timer_list* listOf(int kind) {
+    return kind == kPeriodic ? &gPeriodic : &gOneShot;
+}
+
+void releaseRecord(UITimerRec* rec, int kind) {
+    if (kind == kPeriodic)
+        pthread_mutex_destroy(&rec->lock);
+    timer_free(rec);
+}
+
+// The record's state before; a queued record becomes cancelled.
+uint8_t cancelIfQueued(UITimerRec* rec) {
+    pthread_mutex_lock(&rec->lock);
+    uint8_t state = rec->state;
+    if (state == kQueued)
+        rec->state = kCancelled;
+    pthread_mutex_unlock(&rec->lock);
+    return state;
+}
+
 // Unlinks a record from the periodic list if it is still there.
 void unlinkPeriodic(UITimerRec* rec) {
     timer_list_iter it;
@@ -139,6 +171,95 @@ void unlinkPeriodic(UITimerRec* rec) {
     }
 }
 
+void queueFire(timer_list* fire, int kind, UITimerRec* rec) {
+    auto* entry = static_cast<FireEntry*>(malloc(sizeof(FireEntry)));
+    entry->kind = kind;
+    entry->rec = rec;
+    timer_list_insert(fire, 0, entry);
+}
+
+// Under the list mutex: moves due one-shot timers (as private copies) and
+// queues due periodic timers (the listed records) to the front of `fire`.
+void collectDue(const UITime& now, timer_list* fire) {
+    timer_list_iter it;
+    void* v = timer_list_iter_begin(&gOneShot, &it);
+    while (v && gRunning) {
+        auto* rec = static_cast<UITimerRec*>(v);
+        if (!isDue(rec, now)) {
+            v = timer_list_iter_next(&it);
+            continue;
+        }
+        timer_list_iter_remove(&it);
+        auto* copy = static_cast<UITimerRec*>(malloc(sizeof(UITimerRec)));
+        memcpy(copy, rec, sizeof(UITimerRec));
+        queueFire(fire, kOneShot, copy);
+        timer_free(rec);
+        v = timer_list_iter_begin(&gOneShot, &it);
+    }
+    for (v = timer_list_iter_begin(&gPeriodic, &it); v && gRunning; v = timer_list_iter_next(&it)) {
+        auto* rec = static_cast<UITimerRec*>(v);
+        if (!isDue(rec, now))
+            continue;
+        pthread_mutex_lock(&rec->lock);
+        if (rec->state != kCancelled)
+            rec->state = kQueued;
+        pthread_mutex_unlock(&rec->lock);
+        queueFire(fire, kPeriodic, rec);
+    }
+}
+
+// A queued periodic timer: re-armed from `now` (no carry into the seconds)
+// and called, or freed when a delete cancelled it meanwhile.
+void firePeriodic(UITimerRec* rec, const UITime& now) {
+    UITimerCallback cb = nullptr;
+    uint32_t id = 0;
+    void* data = nullptr;
+    bool release = false;
+    {
+        ListLock lists;
+        pthread_mutex_lock(&rec->lock);
+        if (rec->state == kQueued) {
+            cb = rec->callback;
+            id = rec->id;
+            data = rec->data;
+            rec->expirySec = now.sec + rec->interval / 1000;
+            rec->expiryUsec = now.usec + (rec->interval % 1000) * 1000;
+            rec->state = kIdle;
+        } else if (rec->state == kCancelled) {
+            release = true;
+            unlinkPeriodic(rec);
+        }
+        pthread_mutex_unlock(&rec->lock);
+    }
+    if (cb)
+        cb(id, data);
+    if (release)
+        releaseRecord(rec, kPeriodic);
+}
+
+// One tick: the due timers are taken under the list mutex and called without
+// it, periodic before one-shot (entries were prepended).
+void tick(timer_list* fire) {
+    static UITime now{};
+    getSystemUptime(&now);  // a failed read keeps the previous time
+    {
+        ListLock lists;
+        collectDue(now, fire);
+    }
+    while (!timer_list_is_empty(fire)) {
+        auto* entry = static_cast<FireEntry*>(timer_list_remove(fire, 0));
+        UITimerRec* rec = entry->rec;
+        if (entry->kind == kPeriodic) {
+            firePeriodic(rec, now);
+        } else {
+            if (rec->callback)
+                rec->callback(rec->id, rec->data);
+            free(rec);
+        }
+        free(entry);
+    }
+}
+
 void* UITimerProc(void*) {
     platformBlockStopSignals();
     prctl(PR_SET_NAME, "libvxuitimer", 0, 0, 0);
@@ -146,91 +267,117 @@ void* UITimerProc(void*) {
         wlog_log_f(WLOG_INFO, UITIMER_SRC, __LINE__, __func__, "thread starts");
     timer_list fire;
     timer_list_init(&fire);
-    UITime now{};
     while (gRunning) {
         pthread_mutex_lock(&gTickMutex);
         if (!gRunning) {
             pthread_mutex_unlock(&gTickMutex);
             break;
         }
-        getSystemUptime(&now);  // a failed read keeps the previous time
-        pthread_mutex_lock(&gListMutex);
-        timer_list_iter it;
-        void* v = timer_list_iter_begin(&gOneShot, &it);
-        while (v && gRunning) {
-            auto* rec = static_cast<UITimerRec*>(v);
-            if (!isDue(rec, now)) {
-                v = timer_list_iter_next(&it);
-                continue;
-            }
-            timer_list_iter_remove(&it);
-            auto* copy = static_cast<UITimerRec*>(malloc(sizeof(UITimerRec)));
-            memcpy(copy, rec, sizeof(UITimerRec));
-            auto* entry = static_cast<FireEntry*>(malloc(sizeof(FireEntry)));
-            entry->kind = kOneShot;
-            entry->rec = copy;
-            timer_list_insert(&fire, 0, entry);
-            timer_free(rec);
-            v = timer_list_iter_begin(&gOneShot, &it);
-        }
-        for (v = timer_list_iter_begin(&gPeriodic, &it); v && gRunning;
-             v = timer_list_iter_next(&it)) {
-            auto* rec = static_cast<UITimerRec*>(v);
-            if (!isDue(rec, now))
-                continue;
-            pthread_mutex_lock(&rec->lock);
-            if (rec->state != kCancelled)
-                rec->state = kQueued;
-            pthread_mutex_unlock(&rec->lock);
-            auto* entry = static_cast<FireEntry*>(malloc(sizeof(FireEntry)));
-            entry->kind = kPeriodic;
-            entry->rec = rec;
-            timer_list_insert(&fire, 0, entry);
-        }
-        pthread_mutex_unlock(&gListMutex);
-
-        while (!timer_list_is_empty(&fire)) {
-            auto* entry = static_cast<FireEntry*>(timer_list_remove(&fire, 0));
-            UITimerRec* rec = entry->rec;
-            if (entry->kind == kPeriodic) {
-                UITimerCallback cb = nullptr;
-                uint32_t id = 0;
-                void* data = nullptr;
-                bool release = false;
-                pthread_mutex_lock(&gListMutex);
-                pthread_mutex_lock(&rec->lock);
-                if (rec->state == kQueued) {
-                    cb = rec->callback;
-                    id = rec->id;
-                    data = rec->data;
-                    rec->expirySec = now.sec + rec->interval / 1000;
-                    rec->expiryUsec = now.usec + (rec->interval % 1000) * 1000;
-                    rec->state = kIdle;
-                } else if (rec->state == kCancelled) {
-                    release = true;
-                    unlinkPeriodic(rec);
-                }
-                pthread_mutex_unlock(&rec->lock);
-                pthread_mutex_unlock(&gListMutex);
-                if (cb)
-                    cb(id, data);
-                if (release) {
-                    pthread_mutex_destroy(&rec->lock);
-                    timer_free(rec);
-                }
-            } else {
-                if (rec->callback)
-                    rec->callback(rec->id, rec->data);
-                free(rec);
-            }
-            free(entry);
-        }
+        tick(&fire);
         pthread_mutex_unlock(&gTickMutex);
         timeval tv{0, 10000};
         select(0, nullptr, nullptr, nullptr, &tv);
     }
     timer_list_destroy(&fire);
     return nullptr;
+}
+
+// Adds a timer of `kind`, or updates the listed one of the same id (its due
+// time, data and callback; a periodic one's state too).
+int addTimer(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data,
+             const char* func) {
+    UITimerRec* rec = newRecord(id, intervalMs, cb, data, func);
+    if (!rec)
+        return -1;
+    if (kind == kPeriodic) {
+        rec->state = kIdle;
+        pthread_mutex_init(&rec->lock, nullptr);
+    }
+    ListLock lists;
+    timer_list_iter it;
+    for (void* v = timer_list_iter_begin(listOf(kind), &it); v; v = timer_list_iter_next(&it)) {
+        auto* cur = static_cast<UITimerRec*>(v);
+        if (cur->id != id)
+            continue;
+        if (kind == kPeriodic)
+            pthread_mutex_lock(&cur->lock);
+        cur->expirySec = rec->expirySec;
+        cur->expiryUsec = rec->expiryUsec;
+        cur->data = data;
+        cur->callback = cb;
+        if (kind == kPeriodic) {
+            cur->state = rec->state;
+            pthread_mutex_unlock(&cur->lock);
+        }
+        gRetired->push_back(rec);
+        return 0;
+    }
+    if (timer_list_insert(listOf(kind), -1, rec) < 0) {
+        free(rec);
+        return -1;
+    }
+    return 0;
+}
+
+// What a delete does with one record of its id.
+enum class Match { Skip, Unlink, UnlinkAndFree };
+// Decides for one record; sets `found` when the record counts as found.
+using MatchRule = Match (*)(UITimerRec* rec, void** out, bool* found);
+
+Match oneShotMatch(UITimerRec* rec, void** out, bool* found) {
+    if (out)
+        *out = rec->data;
+    *found = true;
+    return Match::UnlinkAndFree;
+}
+
+// A queued timer is cancelled and unlinked; the timer thread frees it.  One
+// already cancelled is passed over.
+Match periodicMatch(UITimerRec* rec, void** out, bool* found) {
+    if (out)
+        *out = rec->data;
+    uint8_t state = cancelIfQueued(rec);
+    if (state == kCancelled)
+        return Match::Skip;
+    *found = true;
+    return state == kIdle ? Match::UnlinkAndFree : Match::Unlink;
+}
+
+// A queued timer is cancelled and left listed, its data unread; any other is
+// unlinked with its data read.  One cancelled earlier is still queued on the
+// timer thread, which frees it.
+Match periodicRetDataMatch(UITimerRec* rec, void** out, bool* found) {
+    *found = true;
+    uint8_t state = cancelIfQueued(rec);
+    if (state == kQueued)
+        return Match::Skip;
+    *out = rec->data;
+    return state == kIdle ? Match::UnlinkAndFree : Match::Unlink;
+}
+
+// Deletes every timer of `kind` with `id` as `rule` says; the walk starts
+// again from the head after each unlink.  0 found (or an empty list), 1 not.
+int delTimer(int kind, uint32_t id, void** out, MatchRule rule) {
+    ListLock lists;
+    timer_list* list = listOf(kind);
+    if (timer_list_is_empty(list))
+        return 0;
+    bool found = false;
+    timer_list_iter it;
+    void* v = timer_list_iter_begin(list, &it);
+    while (v) {
+        auto* rec = static_cast<UITimerRec*>(v);
+        Match m = rec->id == id ? rule(rec, out, &found) : Match::Skip;
+        if (m == Match::Skip) {
+            v = timer_list_iter_next(&it);
+            continue;
+        }
+        timer_list_iter_remove(&it);
+        if (m == Match::UnlinkAndFree)
+            releaseRecord(rec, kind);
+        v = timer_list_iter_begin(list, &it);
+    }
+    return found ? 0 : 1;
 }
 
 void clearAllTimers() {
@@ -304,86 +451,17 @@ void getMonotonicTime(UITime* now) {
 }
 
 int UIAddTimer(uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data) {
-    UITimerRec* rec = newRecord(id, intervalMs, cb, data, __func__);
-    if (!rec)
-        return -1;
-    pthread_mutex_lock(&gListMutex);
-    timer_list_iter it;
-    for (void* v = timer_list_iter_begin(&gOneShot, &it); v; v = timer_list_iter_next(&it)) {
-        auto* cur = static_cast<UITimerRec*>(v);
-        if (cur->id == id) {
-            cur->expirySec = rec->expirySec;
-            cur->expiryUsec = rec->expiryUsec;
-            cur->data = data;
-            cur->callback = cb;
-            gRetired->push_back(rec);
-            pthread_mutex_unlock(&gListMutex);
-            return 0;
-        }
-    }
-    int rc = timer_list_insert(&gOneShot, -1, rec) < 0 ? -1 : 0;
-    pthread_mutex_unlock(&gListMutex);
-    if (rc)
-        free(rec);
-    return rc;
+    return addTimer(kOneShot, id, intervalMs, cb, data, __func__);
 }
 
 int UIAddPeriodicTimer(uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data) {
-    UITimerRec* rec = newRecord(id, intervalMs, cb, data, __func__);
-    if (!rec)
-        return -1;
-    rec->state = kIdle;
-    pthread_mutex_init(&rec->lock, nullptr);
-    pthread_mutex_lock(&gListMutex);
-    timer_list_iter it;
-    for (void* v = timer_list_iter_begin(&gPeriodic, &it); v; v = timer_list_iter_next(&it)) {
-        auto* cur = static_cast<UITimerRec*>(v);
-        if (cur->id == id) {
-            pthread_mutex_lock(&cur->lock);
-            cur->expirySec = rec->expirySec;
-            cur->expiryUsec = rec->expiryUsec;
-            cur->data = data;
-            cur->callback = cb;
-            cur->state = rec->state;
-            pthread_mutex_unlock(&cur->lock);
-            gRetired->push_back(rec);
-            pthread_mutex_unlock(&gListMutex);
-            return 0;
-        }
-    }
-    int rc = timer_list_insert(&gPeriodic, -1, rec) < 0 ? -1 : 0;
-    pthread_mutex_unlock(&gListMutex);
-    if (rc)
-        free(rec);
-    return rc;
+    return addTimer(kPeriodic, id, intervalMs, cb, data, __func__);
 }
 
 int UIDelTimer(uint32_t id, void** data) {
     if (id < 1)
         return 1;
-    pthread_mutex_lock(&gListMutex);
-    if (timer_list_is_empty(&gOneShot)) {
-        pthread_mutex_unlock(&gListMutex);
-        return 0;
-    }
-    bool found = false;
-    timer_list_iter it;
-    void* v = timer_list_iter_begin(&gOneShot, &it);
-    while (v) {
-        auto* rec = static_cast<UITimerRec*>(v);
-        if (rec->id != id) {
-            v = timer_list_iter_next(&it);
-            continue;
-        }
-        if (data)
-            *data = rec->data;
-        timer_list_iter_remove(&it);
-        timer_free(rec);
-        found = true;
-        v = timer_list_iter_begin(&gOneShot, &it);
-    }
-    pthread_mutex_unlock(&gListMutex);
-    return found ? 0 : 1;
+    return delTimer(kOneShot, id, data, oneShotMatch);
 }
 
 int UIDelTimer_retDataPtr(uint32_t id, void** data) {
@@ -397,42 +475,7 @@ int UIDelTimer_retDataPtr(uint32_t id, void** data) {
 int UIDelPeriodicTimer(uint32_t id, void** data) {
     if (id < 1)
         return 1;
-    pthread_mutex_lock(&gListMutex);
-    if (timer_list_is_empty(&gPeriodic)) {
-        pthread_mutex_unlock(&gListMutex);
-        return 0;
-    }
-    bool found = false;
-    timer_list_iter it;
-    void* v = timer_list_iter_begin(&gPeriodic, &it);
-    while (v) {
-        auto* rec = static_cast<UITimerRec*>(v);
-        if (rec->id != id) {
-            v = timer_list_iter_next(&it);
-            continue;
-        }
-        if (data)
-            *data = rec->data;
-        pthread_mutex_lock(&rec->lock);
-        uint8_t state = rec->state;
-        if (state == kQueued)
-            rec->state = kCancelled;
-        pthread_mutex_unlock(&rec->lock);
-        if (state == kCancelled) {
-            v = timer_list_iter_next(&it);
-            continue;
-        }
-        found = true;
-        timer_list_iter_remove(&it);
-        if (state == kIdle) {
-            // Not queued: nobody else refers to the record.
-            pthread_mutex_destroy(&rec->lock);
-            timer_free(rec);
-        }  // queued: the timer thread frees it
-        v = timer_list_iter_begin(&gPeriodic, &it);
-    }
-    pthread_mutex_unlock(&gListMutex);
-    return found ? 0 : 1;
+    return delTimer(kPeriodic, id, data, periodicMatch);
 }
 
 int UIDelPeriodicTimer_retDataPtr(uint32_t id, void** data) {
@@ -440,39 +483,7 @@ int UIDelPeriodicTimer_retDataPtr(uint32_t id, void** data) {
         return 1;
     if (!data)
         return -1;
-    pthread_mutex_lock(&gListMutex);
-    if (timer_list_is_empty(&gPeriodic)) {
-        pthread_mutex_unlock(&gListMutex);
-        return 0;
-    }
-    bool found = false;
-    timer_list_iter it;
-    void* v = timer_list_iter_begin(&gPeriodic, &it);
-    while (v) {
-        auto* rec = static_cast<UITimerRec*>(v);
-        if (rec->id != id) {
-            v = timer_list_iter_next(&it);
-            continue;
-        }
-        found = true;
-        pthread_mutex_lock(&rec->lock);
-        bool queued = rec->state == kQueued;
-        if (queued)
-            rec->state = kCancelled;
-        pthread_mutex_unlock(&rec->lock);
-        if (queued) {
-            // Left in the list; the timer thread unlinks and frees it.
-            v = timer_list_iter_next(&it);
-            continue;
-        }
-        timer_list_iter_remove(&it);
-        *data = rec->data;
-        pthread_mutex_destroy(&rec->lock);
-        timer_free(rec);
-        v = timer_list_iter_begin(&gPeriodic, &it);
-    }
-    pthread_mutex_unlock(&gListMutex);
-    return found ? 0 : 1;
+    return delTimer(kPeriodic, id, data, periodicRetDataMatch);
 }
 
 int UITimerStart(uint32_t intervalMs, UITimerCallback cb, void* data) {

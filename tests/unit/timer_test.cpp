@@ -63,6 +63,20 @@ int orderCallback(uint32_t id, void*) {
     return 0;
 }
 
+// Deletes the periodic timer gVictim twice with the data-reading delete while
+// both are queued in the same tick.
+uint32_t gVictim = 0;
+std::atomic<int> gDeleteResults{0};
+int deleteTwiceCallback(uint32_t, void*) {
+    void* data = nullptr;
+    int first = UIDelPeriodicTimer_retDataPtr(gVictim, &data);
+    void* firstData = data;
+    int second = UIDelPeriodicTimer_retDataPtr(gVictim, &data);
+    if (gDeleteResults.load() == 0)
+        gDeleteResults = 1 + (first == 0 && firstData == nullptr) * 2 + (second == 0 && data) * 4;
+    return 0;
+}
+
 }  // namespace
 
 TEST(TimerUptime, ReadsSecondsAndHundredths) {
@@ -124,6 +138,24 @@ TEST_F(TimerTest, PeriodicReArmsFromTheFiringTickWithoutCarry) {
     setUptime("99.00");
     ticks();
     EXPECT_EQ(2, fired.load());
+}
+
+// A queued periodic timer deleted twice in one tick: the first delete cancels
+// it and leaves it listed, the second unlinks it and reads its data; the timer
+// thread, which still holds it, frees it once (AddressSanitizer watches).
+TEST_F(TimerTest, QueuedPeriodicDeletedTwiceIsFreedOnce) {
+    std::atomic<int> fired{0};
+    gDeleteResults = 0;
+    gVictim = static_cast<uint32_t>(UIPeriodicTimerStart(100, countCallback, &fired));
+    int killer = UIPeriodicTimerStart(100, deleteTwiceCallback, nullptr);
+    setUptime("100.70");
+    for (int i = 0; i < 200 && gDeleteResults.load() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(1 + 2 + 4, gDeleteResults.load());
+    UIPeriodicTimerStop(killer);
+    setUptime("101.70");
+    ticks();
+    EXPECT_EQ(0, fired.load());
 }
 
 TEST_F(TimerTest, DeleteResults) {
