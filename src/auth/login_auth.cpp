@@ -169,6 +169,58 @@ int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
     }
 }
 
+namespace {
+
+// Counts a failed login under `name` and answers `result`, or "Locked User"
+// once the count locks the name.
+const char* countFailure(const char* name, const char* result, char* buf, size_t size) {
+    retryTableMgt("set", name);
+    if (unsigned left = isRestriction(name)) {
+        setLocked(name, left, buf, size);
+        return "Locked User";
+    }
+    return result;
+}
+
+// The account the request names: by the login body's name and password
+// (`code`: authLoginBody's result), or by the session cookie's user.
+const WHttpAccount* findAccount(const WHttpAccountSet& set, CgHttpRequest* request, int loginMode,
+                                const std::string& cookieUser, int* code) {
+    for (const WHttpAccount& a : set.accounts) {
+        const char* name = a.userName.c_str();
+        if (loginMode) {
+            char* hash = hashOfShadow(a.shadow.c_str());
+            *code = authLoginBody(request, name, hash);
+            free(hash);
+            if (*code == 0 || *code == 2)
+                return &a;
+        } else if (!cookieUser.empty() && cookieUser == name) {
+            return &a;
+        }
+    }
+    return nullptr;
+}
+
+// The answer when no account passed: an unknown name counts against the
+// invalid-account record.
+const char* refusal(int code, const char* remote, char* buf, size_t size) {
+    switch (code) {
+        case 1:
+            wlog_syslog(LOG_INFO, "Account: Enter an invalid username form the host(%s).\n",
+                        remote);
+            return countFailure(INVALID_ACCOUNT_NAME, "Invalid Username", buf, size);
+        case 3:
+            return "InitLogin";
+        case -1:
+            wlog_syslog(LOG_INFO, "Account: Login authentication fail, %s \n", "Internal Error");
+            return "Internal Error";
+        default:
+            return "Timeout";
+    }
+}
+
+}  // namespace
+
 const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t size) {
     wos_pk("%s() Enter\n", "wHttpLoginAuth");
     CgHttpRequest* request = ctx->request;
@@ -183,26 +235,9 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
         return "Invalid Session ID";
     std::string cookieUser = loginMode ? std::string() : getCookieUser(request);
 
-    const char* result = "Timeout";
     int code = 0;
     std::shared_ptr<const WHttpAccountSet> set = wHttpAccounts();
-    const WHttpAccount* account = nullptr;
-    for (const WHttpAccount& a : set->accounts) {
-        const char* name = a.userName.c_str();
-        if (loginMode) {
-            char* hash = hashOfShadow(a.shadow.c_str());
-            code = authLoginBody(request, name, hash);
-            free(hash);
-            if (code == 0 || code == 2) {
-                account = &a;
-                break;
-            }
-        } else if (!cookieUser.empty() && cookieUser == name) {
-            account = &a;
-            break;
-        }
-    }
-
+    const WHttpAccount* account = findAccount(*set, request, loginMode, cookieUser, &code);
     if (loginMode && !account && code == 1)
         checkAgainstNobody(request);
 
@@ -212,15 +247,8 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
         wlog_syslog(LOG_INFO,
                     "Account: Enter an invalid password for User '%s' form the host(%s).\n", name,
                     remote);
-        result = "Invalid Password";
-        retryTableMgt("set", name);
-        if (unsigned left = isRestriction(name)) {
-            setLocked(name, left, buf, size);
-            result = "Locked User";
-        }
-        return result;
+        return countFailure(name, "Invalid Password", buf, size);
     }
-
     if (account) {
         int group = account->iid.idx[0];
         if (!account->enabled)
@@ -230,27 +258,5 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
         if (code == 0)
             return authenticated(ctx, *account, loginMode, cookieSid, buf, size);
     }
-
-    switch (code) {
-        case 1:
-            wlog_syslog(LOG_INFO, "Account: Enter an invalid username form the host(%s).\n",
-                        remote);
-            result = "Invalid Username";
-            retryTableMgt("set", INVALID_ACCOUNT_NAME);
-            if (unsigned left = isRestriction(INVALID_ACCOUNT_NAME)) {
-                setLocked(INVALID_ACCOUNT_NAME, left, buf, size);
-                result = "Locked User";
-            }
-            break;
-        case 3:
-            result = "InitLogin";
-            break;
-        case -1:
-            result = "Internal Error";
-            wlog_syslog(LOG_INFO, "Account: Login authentication fail, %s \n", result);
-            break;
-        default:
-            break;
-    }
-    return result;
+    return refusal(code, remote, buf, size);
 }

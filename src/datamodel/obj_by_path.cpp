@@ -36,52 +36,57 @@ bool fits(int written, const char (&)[N]) {
 
 }  // namespace
 
-int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_object** answer) {
-    char className[256] = "", lastName[256] = "";
-    int endWithIndex = 0;
-    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, lastName,
-                                          sizeof lastName, &endWithIndex);
-    if (!node)
-        return WCFG_INVALID_OBJECT;
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s tr181ClassName=%s objName=%s endWithIndex=%d\n",
-         __func__, path, className, lastName, endWithIndex);
-    const char* kind = wHttpSchemaNodeKind(node);
-    int isIndexObj;
-    if (!strcmp(kind, "object"))
-        isIndexObj = 0;
-    else if (!strcmp(kind, "index_object"))
-        isIndexObj = 1;
+namespace {
+
+// A table: its instances 1..bound in an array, up to the first that fails.
+int getTable(const char* path, json_object* node, int top, int firstLevelOnly, const char* lastName,
+             json_object** answer) {
+    json_object* array = json_object_new_array();
+    if (top)
+        *answer = array;
     else
-        return WCFG_INVALID_OBJECT;
-    int isArray = isIndexObj && !endWithIndex;
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s isIndexObj=%d endWithIndex=%d isArray=%d isTop=%d\n", __func__,
-         isIndexObj, endWithIndex, isArray, top);
-
-    if (isArray) {
-        json_object* array = json_object_new_array();
-        if (top)
-            *answer = array;
-        else
-            json_object_object_add(*answer, lastName, array);
-        json_object* max = nullptr;
-        int bound = json_object_object_get_ex(node, "_MaxLength", &max) ? json_object_get_int(max)
-                                                                        : kDefaultTableBound;
-        for (int i = 1; i <= bound; ++i) {
-            char childPath[256];
-            // A path cut at the buffer's end would name this table again.
-            if (!fits(snprintf(childPath, sizeof childPath, "%s%d.", path, i), childPath))
-                break;
-            json_object* parent = array;
-            int ret = wHttpGetTR181ObjByPath(childPath, 0, firstLevelOnly, &parent);
-            if (ret != 0) {
-                WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s %d\n", __func__, childPath, ret);
-                break;
-            }
+        json_object_object_add(*answer, lastName, array);
+    json_object* max = nullptr;
+    int bound = json_object_object_get_ex(node, "_MaxLength", &max) ? json_object_get_int(max)
+                                                                    : kDefaultTableBound;
+    for (int i = 1; i <= bound; ++i) {
+        char childPath[256];
+        // A path cut at the buffer's end would name this table again.
+        if (!fits(snprintf(childPath, sizeof childPath, "%s%d.", path, i), childPath))
+            break;
+        json_object* parent = array;
+        int ret = wHttpGetTR181ObjByPath(childPath, 0, firstLevelOnly, &parent);
+        if (ret != 0) {
+            WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s %d\n", "wHttpGetTR181ObjByPath", childPath,
+                 ret);
+            break;
         }
-        return 0;
     }
+    return 0;
+}
 
+// The sub-objects of an object, added to it; the result of the last one.
+int getChildren(const char* path, json_object* node, json_object* obj, int ret) {
+    json_object_object_foreach(node, key, child) {
+        if (key[0] == '_')
+            continue;
+        const char* childKind = wHttpSchemaNodeKind(child);
+        if (strcmp(childKind, "object") != 0 && strcmp(childKind, "index_object") != 0)
+            continue;
+        char childPath[256];
+        if (!fits(snprintf(childPath, sizeof childPath, "%s%s.", path, key), childPath))
+            continue;
+        json_object* parent = obj;
+        ret = wHttpGetTR181ObjByPath(childPath, 0, 0, &parent);
+    }
+    return ret;
+}
+
+// One object or table instance, placed as the answer, a member of its parent
+// or an element of its table; then its sub-objects unless only the first
+// level is asked for.
+int getObject(const char* path, json_object* node, const char* className, const char* lastName,
+              int isIndexObj, int top, int firstLevelOnly, json_object** answer) {
     json_object* obj = nullptr;
     int ret = wHttpGetSingleTR181Obj(path, className, &obj);
     if (ret != WCFG_SUCCESS) {
@@ -113,22 +118,37 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
         json_object_object_add(*answer, lastName, obj);
     else
         json_object_array_add(*answer, obj);
-
     if (firstLevelOnly || marker)
         return ret;
-    json_object_object_foreach(node, key, child) {
-        if (key[0] == '_')
-            continue;
-        const char* childKind = wHttpSchemaNodeKind(child);
-        if (strcmp(childKind, "object") != 0 && strcmp(childKind, "index_object") != 0)
-            continue;
-        char childPath[256];
-        if (!fits(snprintf(childPath, sizeof childPath, "%s%s.", path, key), childPath))
-            continue;
-        json_object* parent = obj;
-        ret = wHttpGetTR181ObjByPath(childPath, 0, 0, &parent);
-    }
-    return ret;
+    return getChildren(path, node, obj, ret);
+}
+
+}  // namespace
+
+int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_object** answer) {
+    char className[256] = "", lastName[256] = "";
+    int endWithIndex = 0;
+    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, lastName,
+                                          sizeof lastName, &endWithIndex);
+    if (!node)
+        return WCFG_INVALID_OBJECT;
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s objPath=%s tr181ClassName=%s objName=%s endWithIndex=%d\n",
+         __func__, path, className, lastName, endWithIndex);
+    const char* kind = wHttpSchemaNodeKind(node);
+    int isIndexObj;
+    if (!strcmp(kind, "object"))
+        isIndexObj = 0;
+    else if (!strcmp(kind, "index_object"))
+        isIndexObj = 1;
+    else
+        return WCFG_INVALID_OBJECT;
+    int isArray = isIndexObj && !endWithIndex;
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s isIndexObj=%d endWithIndex=%d isArray=%d isTop=%d\n", __func__,
+         isIndexObj, endWithIndex, isArray, top);
+    if (isArray)
+        return getTable(path, node, top, firstLevelOnly, lastName, answer);
+    return getObject(path, node, className, lastName, isIndexObj, top, firstLevelOnly, answer);
 }
 
 int wHttpSetTR181ObjByPath(const char* path, json_object* values, uint8_t apply) {

@@ -239,8 +239,7 @@ void firePeriodic(UITimerRec* rec, const UITime& now) {
 
 // One tick: the due timers are taken under the list mutex and called without
 // it, periodic before one-shot (entries were prepended).
-void tick(timer_list* fire) {
-    static UITime now{};
+void tick(timer_list* fire, UITime& now) {
     getSystemUptime(&now);  // a failed read keeps the previous time
     {
         ListLock lists;
@@ -267,13 +266,14 @@ void* UITimerProc(void*) {
         wlog_log_f(WLOG_INFO, UITIMER_SRC, __LINE__, __func__, "thread starts");
     timer_list fire;
     timer_list_init(&fire);
+    UITime now{};
     while (gRunning) {
         pthread_mutex_lock(&gTickMutex);
         if (!gRunning) {
             pthread_mutex_unlock(&gTickMutex);
             break;
         }
-        tick(&fire);
+        tick(&fire, now);
         pthread_mutex_unlock(&gTickMutex);
         timeval tv{0, 10000};
         select(0, nullptr, nullptr, nullptr, &tv);

@@ -153,6 +153,89 @@ int wcfg_msg_send(int dstEid, const void* msg, size_t length) {
     return rc == 0 ? 0 : WCFG_INVALID_EID;
 }
 
+namespace {
+
+// A reply socket of this process, bound to a fresh name on the bus and
+// removed again when it goes out of scope.
+class ReplySocket {
+  public:
+    ReplySocket() {
+        ensureDir();
+        static std::atomic<unsigned> counter{0};
+        if (!makeAddr(busDir() + "/c." + std::to_string(getpid()) + "." + std::to_string(counter++),
+                      self_))
+            return;
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd_ < 0)
+            return;
+        unlink(self_.sun_path);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&self_), sizeof self_) < 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~ReplySocket() {
+        if (fd_ < 0)
+            return;
+        close(fd_);
+        unlink(self_.sun_path);
+    }
+    ReplySocket(const ReplySocket&) = delete;
+    ReplySocket& operator=(const ReplySocket&) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_ = -1;
+    sockaddr_un self_{};
+};
+
+// A request to an endpoint nobody serves: the platform's own stand-in of that
+// service answers, or the caller waits its time-out out, in platform time.
+int standInReply(const std::vector<char>& msg, int dstEid, void** reply, int timeoutMs) {
+    if (!gStandIn || dstEid != gStandInEid)
+        return WCFG_INVALID_EID;
+    *reply = gStandIn(msg.data(), msg.size());
+    if (*reply)
+        return 0;
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(static_cast<long>(timeoutMs) * platformSecondMs() / 1000));
+    return WCFG_TIMEOUT;
+}
+
+// Waits up to `timeoutMs` for the reply that carries `seq`; others are
+// passed over.
+int awaitReply(int fd, uint32_t seq, void** reply, int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::vector<char> buf(WCFG_MSG_MAX_SIZE);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0)
+            return WCFG_TIMEOUT;
+        pollfd p{fd, POLLIN, 0};
+        int r = poll(&p, 1, static_cast<int>(left));
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return WCFG_TIMEOUT;
+        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+        if (n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)))
+            continue;
+        if (reinterpret_cast<wcfgMsgHdr_t*>(buf.data())->seq != seq)
+            continue;
+        void* copy = malloc(n + 1);
+        if (!copy)
+            return WCFG_TIMEOUT;
+        memcpy(copy, buf.data(), n);
+        static_cast<char*>(copy)[n] = '\0';
+        *reply = copy;
+        return 0;
+    }
+}
+
+}  // namespace
+
 int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
     if (!request || !reply)
         return WCFG_INVALID_ARGUMENTS;
@@ -162,81 +245,24 @@ int wcfg_msg_sendAndGetReply(const void* request, void** reply, int timeoutMs) {
         return WCFG_INVALID_ARGUMENTS;
     std::vector<char> msg(static_cast<const char*>(request),
                           static_cast<const char*>(request) + len);
-    auto* out = reinterpret_cast<wcfgMsgHdr_t*>(msg.data());
     uint32_t seq = gSeq++;
-    out->seq = seq;
+    reinterpret_cast<wcfgMsgHdr_t*>(msg.data())->seq = seq;
 
     sockaddr_un dst;
     if (!endpointAddr(hdr->dstEid, dst))
         return WCFG_INVALID_EID;
-    ensureDir();
-    static std::atomic<unsigned> counter{0};
-    sockaddr_un self;
-    if (!makeAddr(busDir() + "/c." + std::to_string(getpid()) + "." + std::to_string(counter++),
-                  self))
-        return WCFG_INTERNAL_ERROR;
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return WCFG_INTERNAL_ERROR;
-    unlink(self.sun_path);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof self) < 0) {
-        close(fd);
-        return WCFG_INTERNAL_ERROR;
+    int rc;
+    {
+        ReplySocket sock;
+        if (sock.fd() < 0)
+            return WCFG_INTERNAL_ERROR;
+        rc = sendTo(sock.fd(), dst, msg.data(), len);
+        if (rc == 0)
+            return awaitReply(sock.fd(), seq, reply, timeoutMs);
     }
-    auto cleanup = [&] {
-        close(fd);
-        unlink(self.sun_path);
-    };
-    int rc = sendTo(fd, dst, msg.data(), len);
-    if (rc == -ENOENT || rc == -ECONNREFUSED) {
-        cleanup();
-        // Nobody serves the endpoint: the platform's own stand-in answers.
-        if (gStandIn && hdr->dstEid == gStandInEid) {
-            *reply = gStandIn(msg.data(), len);
-            if (*reply)
-                return 0;
-            // No answer: the caller waits its time-out out, in platform time.
-            std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(timeoutMs) *
-                                                                  platformSecondMs() / 1000));
-            return WCFG_TIMEOUT;
-        }
-        return WCFG_INVALID_EID;
-    }
-    if (rc != 0) {
-        cleanup();
-        return WCFG_INVALID_EID;
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    std::vector<char> buf(WCFG_MSG_MAX_SIZE);
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0)
-            break;
-        pollfd p{fd, POLLIN, 0};
-        int r = poll(&p, 1, static_cast<int>(left));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            break;
-        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
-        if (n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)))
-            continue;
-        auto* rh = reinterpret_cast<wcfgMsgHdr_t*>(buf.data());
-        if (rh->seq != seq)
-            continue;
-        void* copy = malloc(n + 1);
-        if (!copy)
-            break;
-        memcpy(copy, buf.data(), n);
-        static_cast<char*>(copy)[n] = '\0';
-        *reply = copy;
-        cleanup();
-        return 0;
-    }
-    cleanup();
-    return WCFG_TIMEOUT;
+    if (rc == -ENOENT || rc == -ECONNREFUSED)
+        return standInReply(msg, hdr->dstEid, reply, timeoutMs);
+    return WCFG_INVALID_EID;
 }
 
 namespace wcfg {

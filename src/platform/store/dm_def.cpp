@@ -175,6 +175,84 @@ void addObject(Model& m, Object o) {
     m.objects.push_back(std::move(o));
 }
 
+// One line of the "ids" section: NAME ID.
+void parseIdLine(const std::vector<std::string>& t, Model& m) {
+    if (t.size() != 2)
+        throw std::runtime_error("expected NAME ID");
+    int32_t id = static_cast<int32_t>(toInt(t[1]));
+    for (auto& [n, i] : m.ids)
+        if (n == t[0] || i == id)
+            throw std::runtime_error("duplicate id " + t[0]);
+    m.ids.emplace_back(t[0], id);
+}
+
+// An object's head line: "object RDM PATH [options]" or "virtual PATH [options]".
+Object parseObjectLine(const std::vector<std::string>& t, const Model& m) {
+    Object cur;
+    size_t opt;
+    if (t[0] == "object" && t.size() >= 3) {
+        cur.rdm = t[1];
+        cur.id = m.idOf(t[1]);
+        if (cur.id < 0)
+            throw std::runtime_error("object without id " + t[1]);
+        cur.path = t[2];
+        opt = 3;
+    } else if (t[0] == "virtual" && t.size() >= 2) {
+        cur.isVirtual = true;
+        cur.path = t[1];
+        opt = 2;
+    } else {
+        throw std::runtime_error("expected object or virtual");
+    }
+    for (; opt < t.size(); ++opt) {
+        if (t[opt] == "create")
+            cur.create = true;
+        else if (t[opt] == "guard=group")
+            cur.guard = Guard::Group;
+        else if (t[opt] == "guard=supervisor")
+            cur.guard = Guard::Supervisor;
+        else if (t[opt].rfind("max=", 0) == 0)
+            cur.maxInst = static_cast<int>(toInt(t[opt].substr(4)));
+        else
+            throw std::runtime_error("unknown option " + t[opt]);
+    }
+    return cur;
+}
+
+// A parameter line: NAME TYPE ACCESS [flags] [DEFAULT].  A flag word in
+// quotes is a default value.
+Param parseParamLine(const std::vector<std::string>& t, const std::vector<bool>& quoted) {
+    static const struct {
+        const char* word;
+        bool Param::*flag;
+    } kFlags[] = {{"hidden", &Param::hidden},
+                  {"secret", &Param::secret},
+                  {"supervisor", &Param::supervisor},
+                  {"once", &Param::once},
+                  {"device", &Param::device}};
+    if (t.size() < 3)
+        throw std::runtime_error("expected NAME TYPE ACCESS [DEFAULT]");
+    Param p;
+    p.name = t[0];
+    parseType(t[1], p);
+    if (t[2] != "R" && t[2] != "W")
+        throw std::runtime_error("access must be R or W");
+    p.writable = t[2] == "W";
+    for (size_t k = 3; k < t.size(); ++k) {
+        bool isFlag = false;
+        for (const auto& f : kFlags)
+            if (!quoted[k] && t[k] == f.word)
+                p.*(f.flag) = isFlag = true;
+        if (isFlag)
+            continue;
+        if (p.hasDefault)
+            throw std::runtime_error("unexpected " + t[k]);
+        p.hasDefault = true;
+        p.def = t[k];
+    }
+    return p;
+}
+
 }  // namespace
 
 bool parse(const std::string& text, Model& m, std::string& err) {
@@ -192,95 +270,27 @@ bool parse(const std::string& text, Model& m, std::string& err) {
             if (t.empty())
                 continue;
             bool indented = line[0] == ' ' || line[0] == '\t';
-            if (!indented && t[0] == "ids") {
-                section = Ids;
-                continue;
-            }
-            if (!indented && t[0] == "end") {
-                section = None;
-                continue;
-            }
-            if (!indented && t[0] == "objects") {
-                section = Objects;
+            if (!indented && (t[0] == "ids" || t[0] == "end" || t[0] == "objects")) {
+                section = t[0] == "ids" ? Ids : t[0] == "objects" ? Objects : None;
                 continue;
             }
             if (section == Ids) {
-                if (t.size() != 2)
-                    throw std::runtime_error("expected NAME ID");
-                int32_t id = static_cast<int32_t>(toInt(t[1]));
-                for (auto& [n, i] : m.ids)
-                    if (n == t[0] || i == id)
-                        throw std::runtime_error("duplicate id " + t[0]);
-                m.ids.emplace_back(t[0], id);
-                continue;
-            }
-            if (section != Objects)
+                parseIdLine(t, m);
+            } else if (section != Objects) {
                 throw std::runtime_error("line outside a section");
-            if (!indented) {
+            } else if (!indented) {
                 if (haveCur)
                     addObject(m, std::move(cur));
-                cur = Object{};
+                cur = parseObjectLine(t, m);
                 haveCur = true;
-                size_t opt;
-                if (t[0] == "object" && t.size() >= 3) {
-                    cur.rdm = t[1];
-                    cur.id = m.idOf(t[1]);
-                    if (cur.id < 0)
-                        throw std::runtime_error("object without id " + t[1]);
-                    cur.path = t[2];
-                    opt = 3;
-                } else if (t[0] == "virtual" && t.size() >= 2) {
-                    cur.isVirtual = true;
-                    cur.path = t[1];
-                    opt = 2;
-                } else {
-                    throw std::runtime_error("expected object or virtual");
-                }
-                for (; opt < t.size(); ++opt) {
-                    if (t[opt] == "create")
-                        cur.create = true;
-                    else if (t[opt] == "guard=group")
-                        cur.guard = Guard::Group;
-                    else if (t[opt] == "guard=supervisor")
-                        cur.guard = Guard::Supervisor;
-                    else if (t[opt].rfind("max=", 0) == 0)
-                        cur.maxInst = static_cast<int>(toInt(t[opt].substr(4)));
-                    else
-                        throw std::runtime_error("unknown option " + t[opt]);
-                }
-                continue;
+            } else {
+                if (!haveCur)
+                    throw std::runtime_error("parameter outside an object");
+                Param p = parseParamLine(t, quoted);
+                if (cur.param(p.name))
+                    throw std::runtime_error("duplicate parameter " + p.name);
+                cur.params.push_back(std::move(p));
             }
-            if (!haveCur)
-                throw std::runtime_error("parameter outside an object");
-            if (t.size() < 3)
-                throw std::runtime_error("expected NAME TYPE ACCESS [DEFAULT]");
-            Param p;
-            p.name = t[0];
-            parseType(t[1], p);
-            if (t[2] != "R" && t[2] != "W")
-                throw std::runtime_error("access must be R or W");
-            p.writable = t[2] == "W";
-            for (size_t k = 3; k < t.size(); ++k) {
-                if (t[k] == "hidden" && !quoted[k]) {
-                    p.hidden = true;
-                } else if (t[k] == "secret" && !quoted[k]) {
-                    p.secret = true;
-                } else if (t[k] == "supervisor" && !quoted[k]) {
-                    p.supervisor = true;
-                } else if (t[k] == "once" && !quoted[k]) {
-                    p.once = true;
-                } else if (t[k] == "device" && !quoted[k]) {
-                    p.device = true;
-                } else if (!p.hasDefault) {
-                    p.hasDefault = true;
-                    p.def = t[k];
-                } else {
-                    throw std::runtime_error("unexpected " + t[k]);
-                }
-            }
-            if (cur.param(p.name))
-                throw std::runtime_error("duplicate parameter " + p.name);
-            cur.params.push_back(std::move(p));
         }
         if (haveCur)
             addObject(m, std::move(cur));
