@@ -16,9 +16,7 @@
 #include "fixture.h"
 #include "harness.h"
 
-using e2e::Client;
-using e2e::operStatus;
-using e2e::Reply;
+using namespace e2e;
 
 namespace {
 

@@ -15,8 +15,7 @@
 
 namespace {
 
-using e2e::Client;
-using e2e::RawConn;
+using namespace e2e;
 using Clock = std::chrono::steady_clock;
 
 long long msSince(Clock::time_point t) {

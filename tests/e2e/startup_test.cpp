@@ -11,8 +11,7 @@
 
 #include "harness.h"
 
-using e2e::Daemon;
-using e2e::DeviceRoot;
+using namespace e2e;
 
 namespace {
 

@@ -15,9 +15,7 @@
 
 namespace {
 
-using e2e::Client;
-using e2e::operStatus;
-using e2e::Reply;
+using namespace e2e;
 
 // Raw byte sequences that are not UTF-8.
 const char* const kBadText[] = {

@@ -12,12 +12,7 @@
 #include "fixture.h"
 #include "harness.h"
 
-using e2e::Client;
-using e2e::Daemon;
-using e2e::DeviceRoot;
-using e2e::operStatus;
-using e2e::Reply;
-using e2e::Session;
+using namespace e2e;
 
 namespace {
 

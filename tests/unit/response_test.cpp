@@ -70,9 +70,8 @@ TEST(ReturnCodes, OperStatusTexts) {
 }
 
 TEST(OidNames, SortedCompleteAndSearchable) {
-    ASSERT_EQ(417, gOidNameTableRows);
-    EXPECT_EQ(nullptr, gOidNameTable[417].name);
-    EXPECT_EQ(0u, gOidNameTable[417].id);
+    ASSERT_GT(gOidNameTableRows, 0);
+    EXPECT_EQ(nullptr, gOidNameTable[gOidNameTableRows].name);
     for (int i = 1; i < gOidNameTableRows; ++i)
         EXPECT_LT(strcmp(gOidNameTable[i - 1].name, gOidNameTable[i].name), 0)
             << gOidNameTable[i].name;
