@@ -65,7 +65,11 @@ bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriRow* row, uint8_
         return false;
     }
     wcfgFeSetCaller(ctx.group);
-    if (modifying(method) && !keyHeld(ctx.request)) {
+    // A device action acts only on POST or PUT with the key; any other
+    // method is refused as a request without it.
+    bool actionRefused =
+        row && row->access == WHttpAccess::DeviceAction && !(method & (kWHttpPost | kWHttpPut));
+    if (actionRefused || (modifying(method) && !keyHeld(ctx.request))) {
         wHttpdSessionFailHandle("Invalid SessionKey", ctx.request);
         return false;
     }

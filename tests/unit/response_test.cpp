@@ -6,6 +6,7 @@
 #include <string>
 
 #include "datamodel/oid_names.h"
+#include "platform/store/dm_def.h"
 #include "datamodel/return_codes.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
@@ -70,8 +71,10 @@ TEST(ReturnCodes, OperStatusTexts) {
 }
 
 TEST(OidNames, SortedCompleteAndSearchable) {
-    ASSERT_GT(gOidNameTableRows, 0);
+    // One row per id of the data-model definition, then the end row.
+    ASSERT_EQ(wdm::model().ids.size(), static_cast<size_t>(gOidNameTableRows));
     EXPECT_EQ(nullptr, gOidNameTable[gOidNameTableRows].name);
+    EXPECT_EQ(0u, gOidNameTable[gOidNameTableRows].id);
     for (int i = 1; i < gOidNameTableRows; ++i)
         EXPECT_LT(strcmp(gOidNameTable[i - 1].name, gOidNameTable[i].name), 0)
             << gOidNameTable[i].name;
