@@ -49,10 +49,10 @@ def main():
     # (load, many threads) are left out: the mutations change behaviour that
     # the functional tests pin down.
     env = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_FILTER="-*Concurrent*")
-    test = ("build-mut/tests/unit_tests >/dev/null 2>&1 && "
-            "build-mut/tests/e2e_tests >/dev/null 2>&1")
+    test = ("build-mut/tests/unit_tests >build-mut/unit.log 2>&1 && "
+            "build-mut/tests/e2e_tests >build-mut/e2e.log 2>&1")
     if sh(test, work, env) != 0:
-        sys.exit("the unmutated tree fails its tests")
+        sys.exit(f"the unmutated tree fails its tests: {work}/build-mut/*.log")
     killed = 0
     tried = 0
     for m in mutants:

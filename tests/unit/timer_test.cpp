@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -57,9 +58,14 @@ int countCallback(uint32_t, void* data) {
     return 0;
 }
 
+// The ids in the order their callbacks ran; the timer thread writes it.
+std::mutex gOrderMutex;
 std::vector<uint32_t> gOrder;
+std::atomic<int> gOrderCount{0};
 int orderCallback(uint32_t id, void*) {
+    std::lock_guard<std::mutex> lock(gOrderMutex);
     gOrder.push_back(id);
+    ++gOrderCount;
     return 0;
 }
 
@@ -191,18 +197,20 @@ TEST_F(TimerTest, UpdateOfAnIdKeepsOneTimer) {
 
 TEST_F(TimerTest, PeriodicBeforeOneShotAndReverseListOrder) {
     gOrder.clear();
+    gOrderCount = 0;
     int a = UITimerStart(100, orderCallback, nullptr);
     int b = UITimerStart(100, orderCallback, nullptr);
     int p = UIPeriodicTimerStart(100, orderCallback, nullptr);
     int q = UIPeriodicTimerStart(100, orderCallback, nullptr);
     setUptime("100.70");
-    ticks();
+    // All four are due in the same tick; the periodic ones stay armed for
+    // 100.80, which the clock does not reach.
+    ASSERT_TRUE(waitFor(gOrderCount, 4));
     UIPeriodicTimerStop(p);
     UIPeriodicTimerStop(q);
-    ticks();
-    ASSERT_GE(gOrder.size(), 4u);
-    std::vector<uint32_t> first(gOrder.begin(), gOrder.begin() + 4);
-    EXPECT_EQ((std::vector<uint32_t>{uint32_t(q), uint32_t(p), uint32_t(b), uint32_t(a)}), first);
+    std::lock_guard<std::mutex> lock(gOrderMutex);
+    ASSERT_EQ(4u, gOrder.size());
+    EXPECT_EQ((std::vector<uint32_t>{uint32_t(q), uint32_t(p), uint32_t(b), uint32_t(a)}), gOrder);
 }
 
 TEST_F(TimerTest, StartAndStopTwice) {
