@@ -3,6 +3,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
@@ -25,6 +28,53 @@ const Object* Model::byId(int32_t id) const {
 const Object* Model::byPathForm(const std::string& path) const {
     auto it = byPath.find(path);
     return it == byPath.end() ? nullptr : &objects[it->second];
+}
+
+const Object* Model::resolve(const char* path, uint8_t idx[6], int* level) const {
+    std::vector<std::string> segs;
+    const char* p = path;
+    while (*p) {
+        const char* dot = strchr(p, '.');
+        size_t len = dot ? static_cast<size_t>(dot - p) : strlen(p);
+        if (len)
+            segs.emplace_back(p, len);
+        if (!dot)
+            break;
+        p = dot + 1;
+    }
+    if (segs.empty())
+        return nullptr;
+    if (segs[0] != "Device")
+        segs.insert(segs.begin(), "Device");
+    const Object* cur = byPathForm("Device.");
+    if (!cur)
+        return nullptr;
+    bool numbered = true;  // whether the current table has its instance number
+    *level = 0;
+    for (size_t i = 1; i < segs.size(); ++i) {
+        const std::string& s = segs[i];
+        bool isNumber = !s.empty() && std::all_of(s.begin(), s.end(), ::isdigit);
+        if (isNumber || s == "i") {
+            if (!cur->table || numbered || *level >= 6)
+                return nullptr;
+            long n = isNumber ? (s.size() > 3 ? 256 : std::stol(s)) : 0;
+            if (n > 255)
+                return nullptr;
+            idx[(*level)++] = static_cast<uint8_t>(n);
+            numbered = true;
+            continue;
+        }
+        if (!numbered)
+            return nullptr;
+        const Object* next = byPathForm(cur->path + s + ".");
+        if (!next)
+            next = byPathForm(cur->path + s + ".{i}.");
+        if (!next)
+            return nullptr;
+        cur = next;
+        numbered = !cur->table;
+    }
+    return cur->isVirtual ? nullptr : cur;
 }
 
 int32_t Model::idOf(const std::string& rdm) const {

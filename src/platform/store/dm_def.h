@@ -61,6 +61,11 @@ struct Model {
     const Object* byId(int32_t id) const;
     const Object* byPathForm(const std::string& path) const;
     int32_t idOf(const std::string& rdm) const;  // -1 when unknown
+    // The object a TR-181 path names ("Device.NAT.PortMapping.3.", "IP.Interface.2";
+    // "i" stands for any instance number), its instance numbers written to
+    // `idx` and counted in `level` as they are read; nullptr when the path
+    // names no object of the definition, or a virtual one.
+    const Object* resolve(const char* path, uint8_t idx[6], int* level) const;
 };
 
 // Parses a definition text; on failure returns false and describes the first

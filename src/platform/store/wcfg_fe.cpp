@@ -14,55 +14,12 @@ int32_t wcfgFeObjNameToObjId(const char* path, objIndex_t* iid) {
     if (!path || !iid)
         return WCFG_INVALID_OBJECT;
     *iid = objIndex_t{};
-    std::vector<std::string> segs;
-    const char* p = path;
-    while (*p) {
-        const char* dot = strchr(p, '.');
-        size_t len = dot ? static_cast<size_t>(dot - p) : strlen(p);
-        if (len)
-            segs.emplace_back(p, len);
-        if (!dot)
-            break;
-        p = dot + 1;
-    }
-    if (segs.empty())
-        return WCFG_INVALID_OBJECT;
-    if (segs[0] != "Device")
-        segs.insert(segs.begin(), "Device");
-    const wdm::Model& m = wdm::model();
-    const wdm::Object* cur = m.byPathForm("Device.");
-    if (!cur)
-        return WCFG_INVALID_OBJECT;
-    bool numbered = true;  // whether the current table has its instance number
     int level = 0;
-    for (size_t i = 1; i < segs.size(); ++i) {
-        const std::string& s = segs[i];
-        bool isNumber = !s.empty() && std::all_of(s.begin(), s.end(), ::isdigit);
-        if (isNumber || s == "i") {
-            if (!cur->table || numbered || level >= 6)
-                return WCFG_INVALID_OBJECT;
-            long n = isNumber ? (s.size() > 3 ? 256 : std::stol(s)) : 0;
-            if (n > 255)
-                return WCFG_INVALID_OBJECT;
-            iid->idx[level++] = static_cast<uint8_t>(n);
-            numbered = true;
-            continue;
-        }
-        if (!numbered)
-            return WCFG_INVALID_OBJECT;
-        std::string base = cur->path;
-        const wdm::Object* next = m.byPathForm(base + s + ".");
-        if (!next)
-            next = m.byPathForm(base + s + ".{i}.");
-        if (!next)
-            return WCFG_INVALID_OBJECT;
-        cur = next;
-        numbered = !cur->table;
-    }
-    if (cur->isVirtual)
+    const wdm::Object* o = wdm::model().resolve(path, iid->idx, &level);
+    if (!o)
         return WCFG_INVALID_OBJECT;
     iid->level = static_cast<uint8_t>(level);
-    return cur->id;
+    return o->id;
 }
 
 int wcfgFeObjJsonGet(int32_t oid, objIndex_t* iid, json_object** out) {
