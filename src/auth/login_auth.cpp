@@ -11,6 +11,7 @@
 #include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
+#include "auth/session_events.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
 #include "platform/platform.h"
@@ -259,4 +260,21 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
             return authenticated(ctx, *account, loginMode, cookieSid, buf, size);
     }
     return refusal(code, remote, buf, size);
+}
+
+const char* wHttpSessionEndReason(const WHttpSessionRef& ref) {
+    if (!wHttpLoginEntryAlive(ref))
+        return WHTTP_END_ELSEWHERE;
+    std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
+    const WHttpAccount* account = accounts->find(ref.user.c_str());
+    if (!account)
+        return WHTTP_END_REMOVED;
+    // The same account tests as a request's session check.
+    if (!account->enabled || (account->iid.idx[0] != 2 && !groupAllowsApp(*accounts, *account)))
+        return WHTTP_END_DISABLED;
+    if (account->shadow != ref.shadow)
+        return WHTTP_END_PASSWORD;
+    if (retryTableLocked(ref.user.c_str()))
+        return WHTTP_END_LOCKED;
+    return nullptr;
 }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 
+#include "auth/session.h"
 #include "rest/context/request_context.h"
 
 // Checks a request against the login accounts: in login mode (1) the body's
@@ -23,3 +24,8 @@ int authLoginBody(CgHttpRequest* request, const char* user, const char* hash);
 // The hash field of the account's "shadow" line (newly allocated, free()),
 // or nullptr when the account has no shadow line.
 char* jsonGetPassword(json_object* account);
+
+// Whether a session that an event stream holds on to may go on: nullptr, or
+// why it ended (session_events.h).  Changes nothing: no timer restarts, no
+// failure is counted.
+const char* wHttpSessionEndReason(const WHttpSessionRef& ref);

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "auth/accounts.h"
+#include "auth/session_events.h"
 #include "platform/platform.h"
 
 namespace {
@@ -84,24 +85,47 @@ unsigned isRestriction(const char* user) {
     return 0;
 }
 
+bool retryTableLocked(const char* user) {
+    std::lock_guard<std::mutex> lock(gRetryMutex);
+    for (const RetryRecord& r : gRecords)
+        if (!strcmp(r.userName, user) && r.limit != 0 && r.count >= r.limit)
+            return now() - r.failTime < r.lockTime;
+    return false;
+}
+
+namespace {
+
+// Counts a failure; whether it is the one that locks the user.
+bool countFailure(const char* user, uint32_t limit, uint32_t lockTime) {
+    std::lock_guard<std::mutex> lock(gRetryMutex);
+    for (RetryRecord& r : gRecords) {
+        if (strcmp(r.userName, user) != 0)
+            continue;
+        ++r.count;
+        if (r.count <= r.limit)
+            r.failTime = now();
+        return r.count == r.limit;
+    }
+    appendRecord(user, limit, lockTime);
+    return limit == 1;
+}
+
+}  // namespace
+
 void retryTableMgt(const char* action, const char* user) {
     if (!action || !user)
         return;
     uint32_t limit = 0, lockTime = 0;
     if (!settingsOf(user, &limit, &lockTime) || limit == 0)
         return;
-    std::lock_guard<std::mutex> lock(gRetryMutex);
     if (!strcmp(action, "set")) {
-        for (RetryRecord& r : gRecords) {
-            if (strcmp(r.userName, user) != 0)
-                continue;
-            ++r.count;
-            if (r.count <= r.limit)
-                r.failTime = now();
-            return;
-        }
-        appendRecord(user, limit, lockTime);
-    } else if (!strcmp(action, "remove")) {
+        // The user's sessions end with the lock, as their next request would.
+        if (countFailure(user, limit, lockTime))
+            wHttpSessionEnded("", user, WHTTP_END_LOCKED);
+        return;
+    }
+    std::lock_guard<std::mutex> lock(gRetryMutex);
+    if (!strcmp(action, "remove")) {
         for (auto it = gRecords.begin(); it != gRecords.end(); ++it) {
             if (!strcmp(it->userName, user)) {
                 gRecords.erase(it);

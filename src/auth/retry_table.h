@@ -10,6 +10,8 @@
 // 0 when `user` is not locked, else the seconds of lock left.  A lock that has
 // run out leaves a count of 1 on record.
 unsigned isRestriction(const char* user);
+// Whether `user` is locked now; unlike isRestriction() it changes nothing.
+bool retryTableLocked(const char* user);
 // "set" counts a failure of `user`, "remove" forgets its failures; any other
 // action does nothing.
 void retryTableMgt(const char* action, const char* user);

@@ -27,6 +27,16 @@ int32_t getSessionKey(void);
 // session key and returns it.
 int32_t openLoginEntry(WHttpReqCtx* ctx);
 
+// A session as a long-lived answer (an event stream) holds on to it: who
+// opened it, from where, and the account's password line at that moment.
+struct WHttpSessionRef {
+    std::string user, sessionID, remote, local, shadow;
+    int group = 0;
+};
+// Whether the session's login entry is there and not timed out; unlike the
+// check of a request it does not restart the idle timer.
+bool wHttpLoginEntryAlive(const WHttpSessionRef& ref);
+
 // Number of login entries.
 int countLoginEntries(void);
 // 1 when an entry has both the user name and the session id.

@@ -12,6 +12,7 @@
 #include "auth/accounts.h"
 #include "auth/retry_table.h"
 #include "auth/session.h"
+#include "auth/session_events.h"
 #include "platform/json_util.h"
 #include "platform/store/wcfg.h"
 #include "timer/uitimer.h"
@@ -161,6 +162,7 @@ int loginTimeoutHandle(uint32_t id, void* data) {
         // A timer that was re-armed or whose entry is gone has nothing to end.
         if (it->serial == serial && it->timerID == id) {
             it->timeout = 1;
+            wHttpSessionEnded(it->sessionID, it->userName, WHTTP_END_TIMEOUT);
             gTable.erase(it);
             break;
         }
@@ -221,6 +223,15 @@ int32_t openLoginEntry(WHttpReqCtx* ctx) {
     return key;
 }
 
+bool wHttpLoginEntryAlive(const WHttpSessionRef& ref) {
+    std::lock_guard<std::mutex> lock(gSessionTableMutex);
+    for (const LoginEntry& e : gTable)
+        if (!strcmp(e.remoteHost, ref.remote.c_str()) && !strcmp(e.localHost, ref.local.c_str()) &&
+            !strcmp(e.userName, ref.user.c_str()) && !strcmp(e.sessionID, ref.sessionID.c_str()))
+            return e.timeout == 0;
+    return false;
+}
+
 int countLoginEntries(void) {
     std::lock_guard<std::mutex> lock(gSessionTableMutex);
     return static_cast<int>(gTable.size());
@@ -271,6 +282,7 @@ int checkLoginEntry(WHttpReqCtx* ctx, int idleTime) {
         if (strcmp(it->remoteHost, remote) != 0) {
             // The session id was presented from another host: the session ends.
             UITimerStop(it->timerID);
+            wHttpSessionEnded(it->sessionID, it->userName, WHTTP_END_ELSEWHERE);
             gTable.erase(it);
             return 2;
         }
@@ -301,6 +313,7 @@ int delLoginEntry(WHttpReqCtx* ctx) {
     setCurrentSessionID("");
     wlog_syslog(LOG_INFO, "Account: User '%s' Session ID = %s : logout from the host(%s).\n",
                 it->userName, it->sessionID, it->remoteHost);
+    wHttpSessionEnded(it->sessionID, it->userName, WHTTP_END_LOGOUT);
     gTable.erase(it);
     return 1;
 }

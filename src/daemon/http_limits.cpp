@@ -12,29 +12,34 @@
 
 namespace {
 
+// Each name sets one field: of the server's limits, or of the event streams'.
 struct LimitName {
     const char* name;
     int CgHttpLimits::*intField;
     size_t CgHttpLimits::*sizeField;
+    int WHttpEventLimits::*eventField;
 };
 
 const LimitName kLimitNames[] = {
-    {"connections", &CgHttpLimits::maxConnections, nullptr},
-    {"per_address", &CgHttpLimits::maxPerAddress, nullptr},
-    {"handshake_ms", &CgHttpLimits::handshakeTimeoutMs, nullptr},
-    {"request_ms", &CgHttpLimits::requestTimeoutMs, nullptr},
-    {"idle_ms", &CgHttpLimits::idleTimeoutMs, nullptr},
-    {"write_ms", &CgHttpLimits::writeTimeoutMs, nullptr},
-    {"header_bytes", nullptr, &CgHttpLimits::maxHeaderBytes},
-    {"body_bytes", nullptr, &CgHttpLimits::maxBodyBytes},
-    {"io_threads", &CgHttpLimits::ioThreads, nullptr},
-    {"min_workers", &CgHttpLimits::minWorkers, nullptr},
-    {"max_workers", &CgHttpLimits::maxWorkers, nullptr},
-    {"queue", &CgHttpLimits::maxQueuedRequests, nullptr},
-    {"stack_bytes", nullptr, &CgHttpLimits::threadStackBytes},
+    {"connections", &CgHttpLimits::maxConnections, nullptr, nullptr},
+    {"per_address", &CgHttpLimits::maxPerAddress, nullptr, nullptr},
+    {"handshake_ms", &CgHttpLimits::handshakeTimeoutMs, nullptr, nullptr},
+    {"request_ms", &CgHttpLimits::requestTimeoutMs, nullptr, nullptr},
+    {"idle_ms", &CgHttpLimits::idleTimeoutMs, nullptr, nullptr},
+    {"write_ms", &CgHttpLimits::writeTimeoutMs, nullptr, nullptr},
+    {"header_bytes", nullptr, &CgHttpLimits::maxHeaderBytes, nullptr},
+    {"body_bytes", nullptr, &CgHttpLimits::maxBodyBytes, nullptr},
+    {"io_threads", &CgHttpLimits::ioThreads, nullptr, nullptr},
+    {"min_workers", &CgHttpLimits::minWorkers, nullptr, nullptr},
+    {"max_workers", &CgHttpLimits::maxWorkers, nullptr, nullptr},
+    {"queue", &CgHttpLimits::maxQueuedRequests, nullptr, nullptr},
+    {"stack_bytes", nullptr, &CgHttpLimits::threadStackBytes, nullptr},
+    {"events_per_session", nullptr, nullptr, &WHttpEventLimits::perSession},
+    {"events_total", nullptr, nullptr, &WHttpEventLimits::total},
+    {"events_keepalive_ms", nullptr, nullptr, &WHttpEventLimits::keepAliveMs},
 };
 
-bool applyOne(const std::string& item, CgHttpLimits& limits, std::string& error) {
+bool applyOne(const std::string& item, WhttpdLimits& limits, std::string& error) {
     size_t eq = item.find('=');
     std::string name = item.substr(0, eq);
     const char* value = eq == std::string::npos ? "" : item.c_str() + eq + 1;
@@ -49,9 +54,11 @@ bool applyOne(const std::string& item, CgHttpLimits& limits, std::string& error)
         if (name != l.name)
             continue;
         if (l.intField)
-            limits.*l.intField = static_cast<int>(v);
+            limits.http.*l.intField = static_cast<int>(v);
+        else if (l.sizeField)
+            limits.http.*l.sizeField = static_cast<size_t>(v);
         else
-            limits.*l.sizeField = static_cast<size_t>(v);
+            limits.events.*l.eventField = static_cast<int>(v);
         return true;
     }
     error = "unknown limit " + name;
@@ -81,7 +88,7 @@ void fitDescriptors(CgHttpLimits& limits) {
 
 }  // namespace
 
-bool whttpdApplyLimitText(const char* text, CgHttpLimits& limits, std::string& error) {
+bool whttpdApplyLimitText(const char* text, WhttpdLimits& limits, std::string& error) {
     std::string rest = text ? text : "";
     while (!rest.empty()) {
         size_t comma = rest.find(',');
@@ -93,16 +100,16 @@ bool whttpdApplyLimitText(const char* text, CgHttpLimits& limits, std::string& e
     return true;
 }
 
-CgHttpLimits whttpdHttpLimits() {
-    CgHttpLimits limits;  // the router's defaults (cg_http.h)
+WhttpdLimits whttpdLimits() {
+    WhttpdLimits limits;  // the router's defaults (cg_http.h, event_hub.h)
     unsigned cores = std::thread::hardware_concurrency();
-    limits.ioThreads = cores >= 2 ? 2 : 1;
+    limits.http.ioThreads = cores >= 2 ? 2 : 1;
     std::string error;
-    CgHttpLimits changed = limits;
+    WhttpdLimits changed = limits;
     if (!whttpdApplyLimitText(getenv("WHTTPD_HTTP_LIMITS"), changed, error))
         WLOG(WLOG_ERR, WHTTPD_SRC, "WHTTPD_HTTP_LIMITS ignored: %s\n", error.c_str());
     else
         limits = changed;
-    fitDescriptors(limits);
+    fitDescriptors(limits.http);
     return limits;
 }

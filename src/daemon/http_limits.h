@@ -6,11 +6,18 @@
 #include <string>
 
 #include "platform/http/cg_http.h"
+#include "rest/events/event_hub.h"
+
+// The HTTPS server's limits and those of its event streams.
+struct WhttpdLimits {
+    CgHttpLimits http;
+    WHttpEventLimits events;
+};
 
 // The router's defaults with the environment's changes applied; also raises
 // the process's descriptor limit to what the connection ceiling needs, or
 // lowers the ceiling to what the system allows.
-CgHttpLimits whttpdHttpLimits();
+WhttpdLimits whttpdLimits();
 // Applies "name=value,..." to `limits`; false (and `error` says which) when a
 // name is unknown or a value is not a positive whole number.
-bool whttpdApplyLimitText(const char* text, CgHttpLimits& limits, std::string& error);
+bool whttpdApplyLimitText(const char* text, WhttpdLimits& limits, std::string& error);

@@ -23,6 +23,7 @@
 #include "platform/bus/wcfg_msg.h"
 #include "platform/http/cg_http.h"
 #include "platform/platform.h"
+#include "rest/events/event_hub.h"
 #include "rest/whttpd_rest.h"
 #include "timer/uitimer.h"
 #include "platform/standins/standin.h"
@@ -90,7 +91,9 @@ void exportPublicKey() {
 // Creates and opens the HTTPS server; nullptr on failure.
 CgHttpServer* openHttpsServer(int port) {
     CgHttpServer* server = cg_http_server_new();
-    cg_http_server_setlimits(server, whttpdHttpLimits());
+    WhttpdLimits limits = whttpdLimits();
+    cg_http_server_setlimits(server, limits.http);
+    wHttpEventsStart(limits.events);
     wos_pk("Initial http with port(%d), SSL %s.\n", port, "enable");
     wlog_syslog(LOG_INFO, "Initial http with port(%d), SSL %s\n", port, "enable");
     if (!cg_http_server_open(server, port, "::", 0, true, &gSsl)) {
@@ -205,6 +208,8 @@ int main(int argc, char** argv) {
         serve(options);
 
     if (server) {
+        // Event streams hear that the daemon stops before the server closes.
+        wHttpEventsStop();
         cg_http_server_stop(server);
         cg_http_server_delete(server);
     }

@@ -69,7 +69,8 @@ bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriRow* row, uint8_
     // method is refused as a request without it.
     bool actionRefused =
         row && row->access == WHttpAccess::DeviceAction && !(method & (kWHttpPost | kWHttpPut));
-    if (actionRefused || (modifying(method) && !keyHeld(ctx.request))) {
+    bool keyNeeded = modifying(method) && !(row && row->access == WHttpAccess::SessionRead);
+    if (actionRefused || (keyNeeded && !keyHeld(ctx.request))) {
         wHttpdSessionFailHandle("Invalid SessionKey", ctx.request);
         return false;
     }

@@ -10,6 +10,7 @@
 #include "platform/log.h"
 #include "rest/context/response_writer.h"
 #include "rest/device_actions.h"
+#include "rest/events/events_handler.h"
 #include "rest/fota.h"
 #include "rest/whttpd_rest.h"
 
@@ -22,6 +23,7 @@ constexpr uint8_t kValue = kWHttpGet | kWHttpPut | kWHttpPost | kWHttpDelete;
 constexpr WHttpAccess kOpen = WHttpAccess::Open;
 constexpr WHttpAccess kSession = WHttpAccess::Session;
 constexpr WHttpAccess kDevice = WHttpAccess::DeviceAction;
+constexpr WHttpAccess kRead = WHttpAccess::SessionRead;
 constexpr WHttpOtherMethod kNone = WHttpOtherMethod::Unanswered;
 constexpr WHttpOtherMethod kBadMethod = WHttpOtherMethod::InvalidMethod;
 constexpr WHttpOtherMethod kBadKey = WHttpOtherMethod::InvalidKey;
@@ -47,6 +49,9 @@ const WHttpUriRow gRestUriTable[] = {
     // Before "FOTA", of which it is an extension.
     {"FOTA?action=online", wHttpOnlineFirmwareUpgradeHandle_FOTA, kAny, kSession, false, kNone},
     {"FOTA", wHttpOnlineFirmwareUpgradeCheck_FOTA, kAny, kSession, false, kNone},
+    // A stream of the device's changes; after the rows above, whose order
+    // clients know from the method list.
+    {"Events", wHttpEventsHandle, kGet, kRead, false, kBadMethod},
     {nullptr, nullptr, 0, kOpen, false, kNone},
 };
 

@@ -31,6 +31,9 @@ enum class WHttpAccess : uint8_t {
     Session,
     // As Session, and only POST and PUT with the key act (a device action).
     DeviceAction,
+    // The login state only: the row writes nothing, asks for no key, and a
+    // method it does not answer is refused as such.
+    SessionRead,
 };
 
 // How a method the handler does not answer is answered.

@@ -74,6 +74,13 @@ int waitStatus(pid_t pid, int timeoutMs) {
     }
 }
 
+size_t collect(char* data, size_t size, size_t n, void* out) {
+    static_cast<std::string*>(out)->append(data, size * n);
+    return size * n;
+}
+
+}  // namespace
+
 // With WHTTPD_CONTRACT_DIR set, every answer that a test receives is kept as
 // one JSON line (method, path with query, status, Content-Type, body) in
 // contract-<pid>.jsonl there, for tests/contract/check_contract.py to check
@@ -110,12 +117,6 @@ void recordExchange(const std::string& method, const std::string& url, const Rep
     fflush(out);
 }
 
-size_t collect(char* data, size_t size, size_t n, void* out) {
-    static_cast<std::string*>(out)->append(data, size * n);
-    return size * n;
-}
-
-}  // namespace
 
 void dieWithParent(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

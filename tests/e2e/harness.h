@@ -91,6 +91,10 @@ struct Reply {
 Reply https(const std::string& method, const std::string& url, const std::string& body = "",
             const std::vector<std::string>& headers = {}, const std::string& local = "");
 
+// Keeps an answer for the contract check (with WHTTPD_CONTRACT_DIR set).
+void recordExchange(const std::string& method, const std::string& url, const Reply& r,
+                    const char* contentType);
+
 // A TCP port that is free on loopback now.
 int freePort();
 // A UDP port that is free on loopback now.

@@ -79,6 +79,16 @@ bool RawConn::send(const std::string& bytes) {
            static_cast<ssize_t>(bytes.size());
 }
 
+std::string RawConn::readSome(int timeoutMs, bool* closed) {
+    std::string got = readUntilClose(0, closed);
+    if (!got.empty() || (closed && *closed))
+        return got;
+    pollfd p{fd_, POLLIN, 0};
+    if (fd_ >= 0 && poll(&p, 1, timeoutMs) > 0)
+        got = readUntilClose(0, closed);
+    return got;
+}
+
 std::string RawConn::readUntilClose(int timeoutMs, bool* closed) {
     std::string got;
     if (closed)

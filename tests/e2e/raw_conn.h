@@ -27,6 +27,9 @@ class RawConn {
     // Reads until the peer closes or `timeoutMs` passes (0: only what has
     // arrived); `closed` tells which.
     std::string readUntilClose(int timeoutMs, bool* closed = nullptr);
+    // Waits up to `timeoutMs` for bytes, then takes whatever has arrived
+    // without waiting further; `closed` tells whether the peer closed.
+    std::string readSome(int timeoutMs, bool* closed = nullptr);
     // Whether the daemon closed the (silent, plain) connection within `timeoutMs`.
     bool closedWithin(int timeoutMs);
     void close();

@@ -5,6 +5,9 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <memory>
+#include <string_view>
 
 struct CgHttpServer;
 struct CgHttpRequest;
@@ -59,6 +62,9 @@ const char* cg_http_request_getmethod(CgHttpRequest* request);
 // A query parameter by name (percent-decoded; the first of repeated names);
 // nullptr when absent.
 const char* cg_http_request_getparam(CgHttpRequest* request, const char* name);
+// Every value of a repeated query parameter, in order (percent-decoded).
+size_t cg_http_request_getparamcount(CgHttpRequest* request, const char* name);
+const char* cg_http_request_getparamat(CgHttpRequest* request, const char* name, size_t index);
 // A header value by name (case-insensitive); nullptr when absent.
 const char* cg_http_request_getheader(CgHttpRequest* request, const char* name);
 // A cookie of the "Cookie" header by name; nullptr when absent.
@@ -91,3 +97,35 @@ bool cg_http_request_postresponse(CgHttpRequest* request, CgHttpResponse* respon
 bool cg_http_request_postheader(CgHttpRequest* request, CgHttpResponse* response);
 bool cg_http_request_postchunkeddata(CgHttpRequest* request, const char* data, size_t length);
 bool cg_http_request_postlastchunk(CgHttpRequest* request);
+
+// Open-ended answers (server-sent events).  Instead of an answer the listener
+// opens a stream: the status line and `response`'s headers go out at once,
+// and the connection stays with the stream once the listener returns,
+// holding a socket but no thread.  Pieces pushed from any thread wait in the
+// stream's bounded queue until the connection writes them; each write has
+// the write time limit, and a client that does not read is closed.
+// `onClose` runs once, on a network thread, when the connection closes for
+// any reason.  nullptr when the connection has already failed.
+struct CgHttpStream;
+struct CgHttpStreamLimits {
+    size_t maxPieces = 256;         // pieces waiting
+    size_t maxBytes = 256 * 1024;   // their bytes
+};
+enum class CgHttpPush {
+    Queued,
+    Dropped,  // a replacement (replace) has not been taken yet: the piece is lost with the rest
+    Full,     // the queue is full: nothing was queued
+    Closed,   // the connection is gone or the stream ended
+};
+std::shared_ptr<CgHttpStream> cg_http_request_openstream(CgHttpRequest* request,
+                                                         CgHttpResponse* response,
+                                                         const CgHttpStreamLimits& limits,
+                                                         std::function<void()> onClose);
+CgHttpPush cg_http_stream_push(CgHttpStream* stream, std::string_view data);
+// Drops every queued piece, queues `data` instead and drops what is pushed
+// until the connection has taken it (a client that fell behind is told once
+// that it lost pieces).
+void cg_http_stream_replace(CgHttpStream* stream, std::string_view data);
+// Queues `data` as the last piece; the connection closes once it is out.
+void cg_http_stream_end(CgHttpStream* stream, std::string_view data);
+bool cg_http_stream_closed(const CgHttpStream* stream);

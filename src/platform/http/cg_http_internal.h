@@ -21,6 +21,11 @@ class HttpOutput {
     virtual ~HttpOutput() = default;
     virtual void send(std::string bytes) = 0;
     virtual bool failed() const = 0;
+    // Sends `head` and keeps the connection for a stream (http_stream.h).
+    virtual std::shared_ptr<CgHttpStream> openStream(std::string head,
+                                                     const CgHttpStreamLimits& limits,
+                                                     bool chunked,
+                                                     std::function<void()> onClose) = 0;
 };
 
 struct CgHttpRequest {

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "platform/http/cg_http_internal.h"
+#include "platform/http/http_stream.h"
 
 namespace http = boost::beast::http;
 
@@ -32,6 +33,23 @@ const char* cg_http_request_getmethod(CgHttpRequest* r) {
 
 const char* cg_http_request_getparam(CgHttpRequest* r, const char* name) {
     return (r && name) ? httpFindPair(r->params, name) : nullptr;
+}
+
+size_t cg_http_request_getparamcount(CgHttpRequest* r, const char* name) {
+    size_t n = 0;
+    if (r && name)
+        for (const auto& [k, v] : r->params)
+            n += k == name;
+    return n;
+}
+
+const char* cg_http_request_getparamat(CgHttpRequest* r, const char* name, size_t index) {
+    if (!r || !name)
+        return nullptr;
+    for (const auto& [k, v] : r->params)
+        if (k == name && index-- == 0)
+            return v.c_str();
+    return nullptr;
 }
 
 const char* cg_http_request_getheader(CgHttpRequest* r, const char* name) {
@@ -128,7 +146,7 @@ namespace {
 
 // Status line and headers.  A whole answer carries the length of its body
 // (whatever the listener set); a chunked one the listener's own headers.
-std::string head(const CgHttpRequest& r, const CgHttpResponse& res, const size_t* bodyLength) {
+std::string headText(const CgHttpRequest& r, const CgHttpResponse& res, const size_t* bodyLength) {
     int status = (res.status >= 100 && res.status <= 999) ? res.status : 500;
     http::response<http::empty_body> m{static_cast<http::status>(status), 11};
     for (const auto& [name, value] : res.headers)
@@ -158,7 +176,7 @@ bool cg_http_request_postresponse(CgHttpRequest* r, CgHttpResponse* res) {
     if (!usable(r) || !res)
         return false;
     size_t length = res->body.size();
-    std::string bytes = head(*r, *res, &length);
+    std::string bytes = headText(*r, *res, &length);
     if (!headOnly(r))
         bytes += res->body;
     r->answered = true;
@@ -170,7 +188,7 @@ bool cg_http_request_postheader(CgHttpRequest* r, CgHttpResponse* res) {
     if (!usable(r) || !res)
         return false;
     r->answered = true;
-    r->output->send(head(*r, *res, nullptr));
+    r->output->send(headText(*r, *res, nullptr));
     return true;
 }
 
@@ -195,4 +213,40 @@ bool cg_http_request_postlastchunk(CgHttpRequest* r) {
         return true;
     r->output->send("0\r\n\r\n");
     return true;
+}
+
+std::shared_ptr<CgHttpStream> cg_http_request_openstream(CgHttpRequest* r, CgHttpResponse* res,
+                                                         const CgHttpStreamLimits& limits,
+                                                         std::function<void()> onClose) {
+    if (!usable(r) || !res || r->answered)
+        return nullptr;
+    // HTTP/1.1 clients get chunks; an HTTP/1.0 one the bytes up to the close.
+    bool chunked = r->msg.version() >= 11;
+    CgHttpResponse head = *res;
+    std::erase_if(head.headers, [](const auto& h) {
+        return boost::beast::iequals(h.first, "Content-Length") ||
+               boost::beast::iequals(h.first, "Transfer-Encoding");
+    });
+    head.headers.emplace_back(chunked ? "Transfer-Encoding" : "Connection",
+                              chunked ? "chunked" : "close");
+    r->answered = true;
+    return r->output->openStream(headText(*r, head, nullptr), limits, chunked, std::move(onClose));
+}
+
+CgHttpPush cg_http_stream_push(CgHttpStream* stream, std::string_view data) {
+    return stream ? stream->push(data) : CgHttpPush::Closed;
+}
+
+void cg_http_stream_replace(CgHttpStream* stream, std::string_view data) {
+    if (stream)
+        stream->replace(data);
+}
+
+void cg_http_stream_end(CgHttpStream* stream, std::string_view data) {
+    if (stream)
+        stream->end(data);
+}
+
+bool cg_http_stream_closed(const CgHttpStream* stream) {
+    return !stream || stream->closed();
 }

@@ -5,6 +5,7 @@
 //   Waiting    for the first byte of the next request   idle time
 //   Reading    first byte to last byte of a request     request time, then 408
 //   Handling   the listener runs; each write             write time
+//   Streaming  an open-ended answer after the listener   each write: write time
 //   Closing    TLS close                                 2 s
 // A connection holds no request while in Handshake or Waiting and may then
 // be told to make room for a new one (see conn_registry.h).
@@ -67,6 +68,8 @@ HttpSession::HttpSession(std::shared_ptr<HttpServerState> st, net::ip::tcp::sock
 }
 
 HttpSession::~HttpSession() {
+    if (stream_)
+        stream_->markClosed();
     st_->conns.remove(id_);
 }
 
@@ -234,15 +237,62 @@ void HttpSession::send(std::string bytes) {
     });
 }
 
+// On a worker thread.  The head goes out first; the stream's pieces follow
+// in the order the strand runs the hand-overs.
+std::shared_ptr<CgHttpStream> HttpSession::openStream(std::string head,
+                                                      const CgHttpStreamLimits& limits,
+                                                      bool chunked, std::function<void()> onClose) {
+    if (!st_->running || failed_)
+        return nullptr;
+    auto stream = std::make_shared<CgHttpStream>(ex_, weak_from_this(), limits, chunked,
+                                                 std::move(onClose));
+    net::post(ex_, [self = shared_from_this(), stream, h = std::move(head)]() mutable {
+        if (self->phase_ == Phase::Closing)
+            return stream->markClosed();
+        self->stream_ = stream;
+        self->out_.push_back(std::move(h));
+        self->flush();
+    });
+    return stream;
+}
+
+void HttpSession::streamReady() {
+    flush();
+    if (phase_ == Phase::Streaming && !writeBusy_ && stream_->finished())
+        shutdown();
+}
+
 void HttpSession::onListenerDone() {
     if (phase_ == Phase::Closing)
         return;
     listenerDone_ = true;
+    if (stream_)
+        return startStreaming();
     if (!writeBusy_ && out_.empty())
         afterAnswer();
 }
 
+// The connection now belongs to the stream.  A read stays open only to learn
+// that the client has gone; a client that sends anything is done with it.
+void HttpSession::startStreaming() {
+    enter(Phase::Streaming);
+    if (!writeBusy_)
+        disarm();
+    tls_->async_read_some(net::buffer(streamProbe_),
+                          [self = shared_from_this()](boost::system::error_code ec, size_t n) {
+                              self->onStreamRead(ec, n);
+                          });
+    streamReady();
+}
+
+void HttpSession::onStreamRead(boost::system::error_code, size_t) {
+    if (phase_ != Phase::Closing)
+        closeNow();
+}
+
 void HttpSession::flush() {
+    if (stream_ && phase_ != Phase::Closing)
+        stream_->takeInto(out_);
     if (writeBusy_ || out_.empty() || phase_ == Phase::Closing)
         return;
     writing_.clear();
@@ -266,8 +316,14 @@ void HttpSession::onWritten(boost::system::error_code ec) {
         return closeNow();
     }
     disarm();
-    if (!out_.empty())
-        return flush();
+    flush();
+    if (writeBusy_)
+        return;
+    if (phase_ == Phase::Streaming) {
+        if (stream_->finished())
+            shutdown();
+        return;
+    }
     if (listenerDone_)
         afterAnswer();
 }
@@ -302,6 +358,8 @@ void HttpSession::closeNow() {
     if (phase_ != Phase::Closing)
         enter(Phase::Closing);
     failed_ = true;
+    if (stream_)
+        stream_->markClosed();
     disarm();
     boost::system::error_code ec;
     lowest().socket().shutdown(net::ip::tcp::socket::shutdown_both, ec);
@@ -314,9 +372,10 @@ void HttpSession::enter(Phase phase) {
     if (phase == Phase::Closing)
         st_->conns.setClosing(id_);
     else
-        st_->conns.setPhase(id_, phase == Phase::Reading    ? P::Reading
-                                 : phase == Phase::Handling ? P::Handling
-                                                            : P::Idle);
+        st_->conns.setPhase(id_, phase == Phase::Reading ? P::Reading
+                                 : phase == Phase::Handling || phase == Phase::Streaming
+                                     ? P::Handling
+                                     : P::Idle);
 }
 
 void HttpSession::arm(Clock::time_point when) {
@@ -347,7 +406,7 @@ void HttpSession::onDeadline(uint64_t generation) {
         arm(Clock::now() + std::chrono::seconds(1));
         return;
     }
-    if (phase_ == Phase::Handling)
+    if (phase_ == Phase::Handling || phase_ == Phase::Streaming)
         failed_ = true;
     closeNow();
 }

@@ -23,6 +23,7 @@
 
 #include "platform/http/cg_http_internal.h"
 #include "platform/http/conn_registry.h"
+#include "platform/http/http_stream.h"
 #include "platform/http/worker_pool.h"
 
 // What the connections of one server share.  The io_context comes last so
@@ -62,10 +63,15 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     // HttpOutput, for the listener's thread.
     void send(std::string bytes) override;
     bool failed() const override { return failed_; }
+    std::shared_ptr<CgHttpStream> openStream(std::string head, const CgHttpStreamLimits& limits,
+                                             bool chunked, std::function<void()> onClose) override;
+    // On the connection's strand: the stream has pieces waiting.
+    void streamReady();
 
   private:
     using Tls = boost::beast::ssl_stream<boost::beast::tcp_stream>;
-    enum class Phase { Handshake, Waiting, Reading, Handling, Closing };
+    // Streaming: the listener has returned and left an open-ended answer.
+    enum class Phase { Handshake, Waiting, Reading, Handling, Streaming, Closing };
 
     void onDetect(boost::system::error_code ec, bool tls);
     void onHandshake(boost::system::error_code ec, size_t used);
@@ -81,6 +87,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void flush();
     void onWritten(boost::system::error_code ec);
     void afterAnswer();
+    void startStreaming();
+    void onStreamRead(boost::system::error_code ec, size_t n);
     void refuse(boost::beast::http::status status);
     void shutdown();
     void closeNow();
@@ -110,4 +118,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     bool listenerDone_ = false;
     bool closeAfterWrite_ = false;
     std::atomic<bool> failed_{false};
+    // The stream the listener opened (set on the strand), and a small buffer
+    // for what a streaming client sends: nothing but its close is expected.
+    std::shared_ptr<CgHttpStream> stream_;
+    char streamProbe_[64];
 };

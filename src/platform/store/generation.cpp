@@ -2,7 +2,9 @@
 #include "platform/store/generation.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +17,16 @@ static_assert(std::atomic<uint32_t>::is_always_lock_free,
 
 namespace {
 const size_t kMapSize = 4096;
+// The count of waiting threads lives in the same page, a cache line away
+// from the counter.
+const size_t kWaitersOffset = 64;
+
+long futex(const std::atomic<uint32_t>* word, int op, uint32_t value, const timespec* timeout) {
+    // The futex is shared between processes: no FUTEX_PRIVATE_FLAG.
+    return syscall(SYS_futex, reinterpret_cast<const uint32_t*>(word), op, value, timeout, nullptr,
+                   0);
 }
+}  // namespace
 
 Generation::~Generation() {
     for (void* m : maps_)
@@ -69,6 +80,34 @@ void Generation::reopen() {
     open(file_);
 }
 
+std::atomic<uint32_t>* Generation::waiters() const {
+    std::atomic<uint32_t>* w = word_.load(std::memory_order_acquire);
+    if (w == &local_)
+        return const_cast<std::atomic<uint32_t>*>(&localWaiters_);
+    return reinterpret_cast<std::atomic<uint32_t>*>(reinterpret_cast<char*>(w) + kWaitersOffset);
+}
+
+// The waiter announces itself before it looks at the counter, and a writer
+// changes the counter before it looks for waiters: one of the two always
+// sees the other.  A waiter killed while waiting leaves the count raised,
+// which costs the writers a needless wake, nothing more.
+void Generation::wait(uint32_t seen, int timeoutMs) const {
+    std::atomic<uint32_t>* w = word_.load(std::memory_order_acquire);
+    std::atomic<uint32_t>* count = waiters();
+    count->fetch_add(1, std::memory_order_seq_cst);
+    if (w->load(std::memory_order_seq_cst) == seen) {
+        timespec ts{timeoutMs / 1000, static_cast<long>(timeoutMs % 1000) * 1000000};
+        futex(w, FUTEX_WAIT, seen, &ts);
+    }
+    count->fetch_sub(1, std::memory_order_seq_cst);
+}
+
+void Generation::wakeWaiters() const {
+    std::atomic<uint32_t>* w = word_.load(std::memory_order_acquire);
+    if (waiters()->load(std::memory_order_seq_cst) != 0)
+        futex(w, FUTEX_WAKE, INT32_MAX, nullptr);
+}
+
 uint32_t Generation::beginWrite() {
     std::atomic<uint32_t>* w = word_.load(std::memory_order_acquire);
     uint32_t cur = w->load(std::memory_order_relaxed);
@@ -83,10 +122,10 @@ uint32_t Generation::endWrite(uint32_t odd) {
     if (!isShared())
         return 0;  // a private counter stays odd: readers always check
     uint32_t expected = odd;
-    return word_.load(std::memory_order_acquire)
-                   ->compare_exchange_strong(expected, odd + 1, std::memory_order_acq_rel)
-               ? odd + 1
-               : 0;
+    bool ended = word_.load(std::memory_order_acquire)
+                     ->compare_exchange_strong(expected, odd + 1, std::memory_order_seq_cst);
+    wakeWaiters();
+    return ended ? odd + 1 : 0;
 }
 
 }  // namespace wcfg

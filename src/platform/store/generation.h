@@ -41,13 +41,23 @@ class Generation {
     uint32_t load() const {
         return word_.load(std::memory_order_acquire)->load(std::memory_order_acquire);
     }
+    // Waits until the counter differs from `seen`, a write ends anywhere, or
+    // `timeoutMs` passes; a write by any process that maps the file wakes
+    // it (a futex on the shared word), so a follower costs nothing while
+    // nothing is written.
+    void wait(uint32_t seen, int timeoutMs) const;
     // Marks a write in progress: returns the new odd value.
     uint32_t beginWrite();
     // Ends the write begun with `odd`, unless another writer has begun since;
     // returns the even value written, or 0 when the counter moved on.
     uint32_t endWrite(uint32_t odd);
 
+    // Wakes the threads of every process waiting in wait(), if there are any.
+    void wakeWaiters() const;
+
   private:
+    std::atomic<uint32_t>* waiters() const;
+
     std::string file_;
     dev_t dev_ = 0;
     ino_t ino_ = 0;
@@ -55,6 +65,7 @@ class Generation {
     std::vector<void*> maps_;
     std::atomic<bool> shared_{false};
     std::atomic<uint32_t> local_{1};
+    std::atomic<uint32_t> localWaiters_{0};
     std::atomic<std::atomic<uint32_t>*> word_{&local_};
 };
 

@@ -15,7 +15,12 @@ const char* const kSchemaSql =
     "CREATE TABLE IF NOT EXISTS numbering(oid INTEGER NOT NULL, parent INTEGER NOT NULL,"
     " last INTEGER NOT NULL, PRIMARY KEY(oid, parent)) WITHOUT ROWID;"
     "CREATE TABLE IF NOT EXISTS meta(name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-    "INSERT OR IGNORE INTO meta(name, value) VALUES('version', 0);";
+    "INSERT OR IGNORE INTO meta(name, value) VALUES('version', 0);"
+    // The change journal: one row per instance changed, added or deleted,
+    // numbered in commit order by every process alike (AUTOINCREMENT: a
+    // number is never given twice, even once the rows before it are gone).
+    "CREATE TABLE IF NOT EXISTS journal(seq INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " kind INTEGER NOT NULL, path TEXT NOT NULL);";
 
 const char* const kReadRow = "SELECT vals FROM instance WHERE oid=? AND key=?;";
 const char* const kExists = "SELECT 1 FROM instance WHERE oid=? AND key=?;";
@@ -32,6 +37,12 @@ const char* const kSetLastNumber =
     "ON CONFLICT(oid, parent) DO UPDATE SET last=excluded.last;";
 const char* const kVersion = "SELECT value FROM meta WHERE name='version';";
 const char* const kBumpVersion = "UPDATE meta SET value=value+1 WHERE name='version';";
+const char* const kJournalAppend = "INSERT INTO journal(kind, path) VALUES(?, ?);";
+const char* const kJournalTrim = "DELETE FROM journal WHERE seq<=?;";
+const char* const kJournalSince =
+    "SELECT seq, kind, path FROM journal WHERE seq>? ORDER BY seq LIMIT ?;";
+const char* const kJournalOldest = "SELECT min(seq) FROM journal;";
+const char* const kJournalLatest = "SELECT seq FROM sqlite_sequence WHERE name='journal';";
 
 // Resets a statement and its bindings when a use of it ends.
 class Use {
@@ -275,6 +286,64 @@ bool Db::bumpVersion(uint64_t& v) {
     if (!s || sqlite3_step(s.get()) != SQLITE_DONE)
         return false;
     return version(v);
+}
+
+bool Db::appendJournal(int kind, const std::string& path, uint64_t keep) {
+    {
+        Use s(stmt(kJournalAppend));
+        if (!s)
+            return false;
+        s.bind(1, kind);
+        s.bindText(2, path);
+        if (sqlite3_step(s.get()) != SQLITE_DONE)
+            return false;
+    }
+    sqlite3_int64 seq = sqlite3_last_insert_rowid(db_);
+    if (static_cast<uint64_t>(seq) <= keep)
+        return true;
+    Use s(stmt(kJournalTrim));
+    if (!s)
+        return false;
+    s.bind(1, seq - static_cast<sqlite3_int64>(keep));
+    return sqlite3_step(s.get()) == SQLITE_DONE;
+}
+
+bool Db::journalSince(uint64_t after, int limit, std::vector<JournalEntry>& out) {
+    Use s(stmt(kJournalSince));
+    if (!s)
+        return false;
+    s.bindKey(1, after);
+    s.bind(2, limit);
+    int rc;
+    while ((rc = sqlite3_step(s.get())) == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(s.get(), 2);
+        out.push_back({static_cast<uint64_t>(sqlite3_column_int64(s.get(), 0)),
+                       static_cast<JournalKind>(sqlite3_column_int(s.get(), 1)),
+                       text ? reinterpret_cast<const char*>(text) : ""});
+    }
+    return rc == SQLITE_DONE;
+}
+
+bool Db::journalBounds(uint64_t& oldest, uint64_t& latest) {
+    latest = 0;
+    {
+        Use s(stmt(kJournalLatest));
+        if (!s)
+            return false;
+        int rc = sqlite3_step(s.get());
+        if (rc == SQLITE_ROW)
+            latest = static_cast<uint64_t>(sqlite3_column_int64(s.get(), 0));
+        else if (rc != SQLITE_DONE)
+            return false;
+    }
+    Use s(stmt(kJournalOldest));
+    if (!s || sqlite3_step(s.get()) != SQLITE_ROW)
+        return false;
+    // No row kept: the next change is the oldest there will be.
+    oldest = sqlite3_column_type(s.get(), 0) == SQLITE_NULL
+                 ? latest + 1
+                 : static_cast<uint64_t>(sqlite3_column_int64(s.get(), 0));
+    return true;
 }
 
 }  // namespace wcfg

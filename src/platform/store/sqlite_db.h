@@ -10,6 +10,9 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
+
+#include "platform/store/journal.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -56,6 +59,15 @@ class Db {
     // The store's version: raised by one in every write transaction.
     bool version(uint64_t& v);
     bool bumpVersion(uint64_t& v);
+
+    // The change journal: appends an entry in the open write transaction
+    // and forgets the entries more than `keep` behind it.
+    bool appendJournal(int kind, const std::string& path, uint64_t keep);
+    // Up to `limit` entries after `after`, oldest first.
+    bool journalSince(uint64_t after, int limit, std::vector<JournalEntry>& out);
+    // The oldest entry kept (latest + 1 when none is) and the latest number
+    // given (0 before the first).
+    bool journalBounds(uint64_t& oldest, uint64_t& latest);
 
     // Gives back the connection's page cache (the image holds what readers need).
     void releaseMemory();

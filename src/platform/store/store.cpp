@@ -2,6 +2,7 @@
 #include "platform/store/store.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 
 #include "platform/json_util.h"
@@ -53,6 +54,10 @@ uint64_t keyOf(const objIndex_t& iid, int levels) {
     for (int i = 0; i < 6; ++i)
         k = (k << 8) | (i < levels && i < iid.level ? iid.idx[i] : 0);
     return k;
+}
+
+std::string storeDatabaseFile() {
+    return platformPath("/data/wcfg/config.db");
 }
 
 std::string instancePath(const wdm::Object& o, const objIndex_t& iid) {
@@ -185,12 +190,11 @@ Store::Store() {
         else if (o.rdm == "RDM_OID_TIME")
             timeIndex_ = static_cast<int>(i);
     }
-    std::string dir = platformPath("/data/wcfg");
     std::string run = platformPath("/var/run/wcfg");
-    if (!platformMakeDirs(dir) || !platformMakeDirs(run))
+    if (!platformMakeDirs(platformPath("/data/wcfg")) || !platformMakeDirs(run))
         return;
     gen_.open(run + "/config.gen");
-    dbFile_ = dir + "/config.db";
+    dbFile_ = storeDatabaseFile();
     if (!writeDb_.open(dbFile_))
         return;
     uint32_t g = gen_.load();
@@ -225,6 +229,13 @@ const Image& Store::image() {
          ((g & 1) && g == acceptOdd_.load(std::memory_order_acquire))))
         return *local.img;
     return refresh(local);
+}
+
+void Store::waitForWrite(uint32_t seen, int timeoutMs) {
+    gen_.wait(seen, timeoutMs);
+    // A follower that only waits still notices a replaced counter file.
+    std::lock_guard<std::mutex> lock(imageMutex_);
+    followGeneration();
 }
 
 // Maps the generation's file again when it was removed or replaced, and
@@ -363,7 +374,7 @@ int Store::getNext(int32_t oid, objIndex_t* iid, json_object** out, bool update)
 // Writes.
 
 int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
-                       const WriteMode& mode, Row& out) {
+                       const WriteMode& mode, Row& out, bool* changed) {
     std::string text;
     switch (writeDb_.readRow(o.id, key, text)) {
         case Db::Found::No:
@@ -408,6 +419,8 @@ int Store::writeValues(const wdm::Object& o, uint64_t key, json_object* values,
     if (isAccountObject(o))
         if (int rc = sealAccount(writeDb_, o, key, before, after))
             return rc;
+    if (changed)
+        *changed = !(after == before);
     if (!writeDb_.writeRow(o.id, key, rowToText(o, after)))
         return WCFG_INTERNAL_ERROR;
     if (isAccountObject(o) && !writePasswords())
@@ -434,8 +447,12 @@ int Store::set(int32_t oid, objIndex_t* iid, json_object* values, const WriteMod
             return WCFG_INTERNAL_ERROR;
         uint64_t key = keyOf(*iid, o->depth);
         Row row;
-        if (int rc = writeValues(*o, key, values, mode, row))
+        bool changed = false;
+        if (int rc = writeValues(*o, key, values, mode, row, &changed))
             return rc;
+        // A write that changes nothing leaves no entry: nobody is told of it.
+        if (changed && !journal(JournalKind::Change, instancePath(*o, *iid)))
+            return WCFG_INTERNAL_ERROR;
         if (!w.commit(true, objectIndex(*o), key, &row))
             return WCFG_INTERNAL_ERROR;
         pending_.emplace_back(oid, key);
@@ -525,7 +542,7 @@ int Store::add(int32_t oid, objIndex_t* iid, json_object* values, const WriteMod
         if (values)
             if (int rc = writeValues(*o, keyOf(rec, o->depth), values, mode, row))
                 return rc;
-        if (!w.commit(true))
+        if (!journal(JournalKind::Add, instancePath(*o, rec)) || !w.commit(true))
             return WCFG_INTERNAL_ERROR;
         pending_.emplace_back(oid, keyOf(rec, o->depth));
     }
@@ -574,7 +591,7 @@ int Store::del(int32_t oid, objIndex_t* iid, const WriteMode& mode) {
             return WCFG_INTERNAL_ERROR;
         if (isAccountObject(*o) && !writePasswords())
             return WCFG_INTERNAL_ERROR;
-        if (!w.commit(true))
+        if (!journal(JournalKind::Delete, instancePath(*o, *iid)) || !w.commit(true))
             return WCFG_INTERNAL_ERROR;
     }
     // The services learn of the instance that went away (a station list is
@@ -596,7 +613,7 @@ int Store::resetToDefaults() {
             return WCFG_INTERNAL_ERROR;
         if (int rc = seedDefaults())
             return rc;
-        if (!writePasswords() || !w.commit(true))
+        if (!writePasswords() || !journal(JournalKind::Reset, "Device.") || !w.commit(true))
             return WCFG_INTERNAL_ERROR;
         pending_.clear();
     }
@@ -670,6 +687,18 @@ void Store::repairPasswordStore() {
     Write w(*this);
     if (w.ok() && writePasswords())
         w.commit(false);
+}
+
+// An entry of the change journal, in the write transaction that makes the
+// change: both commit, or neither.
+bool Store::journal(JournalKind kind, const std::string& path) {
+    // WHTTPD_JOURNAL_KEEP shortens the journal for tests of resumption.
+    static const uint64_t keep = [] {
+        const char* v = getenv("WHTTPD_JOURNAL_KEEP");
+        long long n = v ? atoll(v) : 0;
+        return n > 0 ? static_cast<uint64_t>(n) : kJournalKeep;
+    }();
+    return writeDb_.appendJournal(static_cast<int>(kind), path, keep);
 }
 
 // Rewrites the password store inside the write that changed the accounts,

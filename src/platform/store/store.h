@@ -23,11 +23,14 @@
 #include "platform/store/dm_def.h"
 #include "platform/store/generation.h"
 #include "platform/store/image.h"
+#include "platform/store/journal.h"
 #include "platform/store/sqlite_db.h"
 #include "platform/store/wcfg.h"
 
 namespace wcfg {
 
+// The database file of the store below the device root.
+std::string storeDatabaseFile();
 // Packs the first `levels` instance numbers of a record into one ordered key.
 uint64_t keyOf(const objIndex_t& iid, int levels);
 // The TR-181 path of an instance: "Device.NAT.PortMapping.3.".
@@ -63,6 +66,13 @@ class Store {
     // The version of the configuration this thread reads: it changes with
     // every committed write, by any process.
     uint64_t version() { return image().version; }
+    // The shared write generation (generation.h), and a wait until it moves
+    // (a write of any process ends) or `timeoutMs` passes: what a follower
+    // of the change journal sleeps in.
+    uint32_t writeGeneration() const { return gen_.load(); }
+    void waitForWrite(uint32_t seen, int timeoutMs);
+    // Wakes every waiter in waitForWrite (to stop a follower).
+    void wakeFollowers() const { gen_.wakeWaiters(); }
 
   private:
     class Write;
@@ -78,8 +88,10 @@ class Store {
     int objectIndex(const wdm::Object& o) const;
     json_object* build(const Image& img, const wdm::Object& o, const objIndex_t& iid,
                        const Row& row, bool update) const;
+    // `changed` (when given) tells whether the row differs from before.
     int writeValues(const wdm::Object& o, uint64_t key, json_object* values, const WriteMode& mode,
-                    Row& out);
+                    Row& out, bool* changed = nullptr);
+    bool journal(JournalKind kind, const std::string& path);
     int createInstance(const wdm::Object& o, const objIndex_t& iid);
     int newInstanceNumber(const wdm::Object& o, const objIndex_t& iid, int& number);
     bool deleteSubtree(const wdm::Object& o, const objIndex_t& iid);

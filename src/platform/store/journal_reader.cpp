@@ -1,0 +1,32 @@
+// The change journal's reader: one read transaction per call, so that the
+// entries and the bounds it gives are those of one committed state.
+#include "platform/store/journal_reader.h"
+
+#include "platform/store/store.h"
+
+namespace wcfg {
+
+bool JournalReader::ready() {
+    if (db_ && db_->isOpen())
+        return true;
+    db_ = std::make_unique<Db>();
+    return db_->open(storeDatabaseFile());
+}
+
+bool JournalReader::since(uint64_t after, int limit, std::vector<JournalEntry>& out) {
+    if (!ready() || !db_->beginRead())
+        return false;
+    bool ok = db_->journalSince(after, limit, out);
+    db_->rollback();
+    return ok;
+}
+
+bool JournalReader::bounds(uint64_t& oldest, uint64_t& latest) {
+    if (!ready() || !db_->beginRead())
+        return false;
+    bool ok = db_->journalBounds(oldest, latest);
+    db_->rollback();
+    return ok;
+}
+
+}  // namespace wcfg

@@ -1,0 +1,28 @@
+// Reads the store's change journal (journal.h) through a database connection
+// of its own, so that a follower never competes with the store's readers and
+// writers for theirs.  One reader serves one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/store/journal.h"
+#include "platform/store/sqlite_db.h"
+
+namespace wcfg {
+
+class JournalReader {
+  public:
+    // Up to `limit` entries after `after`, oldest first; false when the
+    // database cannot be read.
+    bool since(uint64_t after, int limit, std::vector<JournalEntry>& out);
+    // The oldest entry kept (latest + 1 when none is) and the latest number.
+    bool bounds(uint64_t& oldest, uint64_t& latest);
+
+  private:
+    bool ready();
+    std::unique_ptr<Db> db_;
+};
+
+}  // namespace wcfg

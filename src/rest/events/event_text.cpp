@@ -1,0 +1,63 @@
+// Event-stream text: see event_text.h.
+#include "rest/events/event_text.h"
+
+#include <cctype>
+
+const char kWHttpKeepAliveFrame[] = ": keep-alive\n\n";
+
+std::string wHttpEventFrame(uint64_t id, std::string_view name, std::string_view data) {
+    std::string out;
+    out.reserve(data.size() + name.size() + 40);
+    out += "id: ";
+    out += std::to_string(id);
+    out += "\nevent: ";
+    out += name;
+    out += "\ndata: ";
+    // A line break would end the data line early; the JSON writer never
+    // leaves one in its text, and nothing else is framed here.
+    for (char c : data)
+        out += (c == '\n' || c == '\r') ? ' ' : c;
+    out += "\n\n";
+    return out;
+}
+
+std::optional<uint64_t> wHttpParseLastEventId(std::string_view text) {
+    if (text.empty() || text.size() > 19)
+        return std::nullopt;
+    uint64_t v = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return std::nullopt;
+        v = v * 10 + static_cast<uint64_t>(c - '0');
+    }
+    return v;
+}
+
+bool wHttpWatchPathWellFormed(std::string_view path) {
+    constexpr std::string_view kRoot = "Device.";
+    if (path.size() > 255 || path.substr(0, kRoot.size()) != kRoot)
+        return false;
+    size_t segment = 0;  // characters in the current segment
+    for (size_t i = kRoot.size(); i < path.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(path[i]);
+        if (c == '.') {
+            if (segment == 0)
+                return false;
+            segment = 0;
+        } else if (isalnum(c) || c == '_' || c == '-') {
+            ++segment;
+        } else {
+            return false;
+        }
+    }
+    return segment == 0;
+}
+
+bool wHttpPathWatched(const std::vector<std::string>& watched, std::string_view path) {
+    if (watched.empty())
+        return true;
+    for (const std::string& w : watched)
+        if (path.substr(0, w.size()) == w)
+            return true;
+    return false;
+}

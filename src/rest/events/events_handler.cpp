@@ -1,0 +1,91 @@
+// The Events handler: checks what the client watches and where it resumes,
+// takes a place among the streams and opens the stream.
+#include "rest/events/events_handler.h"
+
+#include <cstring>
+#include <memory>
+
+#include "auth/accounts.h"
+#include "datamodel/schema.h"
+#include "platform/log.h"
+#include "rest/context/response_writer.h"
+#include "rest/events/event_hub.h"
+#include "rest/events/event_text.h"
+
+namespace {
+
+// A JSON answer with a status of its own.
+void answer(CgHttpRequest* request, int status, const char* operStatus) {
+    CgHttpResponse* response = cg_http_response_new();
+    cg_http_response_setstatuscode(response, status);
+    if (status == 503)
+        cg_http_response_setheader(response, "Retry-After", "5");
+    json_object* doc = json_object_new_object();
+    wHttpSetOperStatus(doc, operStatus);
+    wHttpJsonResponse_restapi(request, response, doc, 0, 0);
+}
+
+// Every "path" must be a well-formed object path of the REST API.
+bool takePaths(CgHttpRequest* request, WHttpEventStream& s) {
+    size_t n = cg_http_request_getparamcount(request, "path");
+    for (size_t i = 0; i < n; ++i) {
+        const char* p = cg_http_request_getparamat(request, "path", i);
+        if (!p || !wHttpWatchPathWellFormed(p) ||
+            !wHttpGetSchemaObj(p, nullptr, 0, nullptr, 0, nullptr))
+            return false;
+        s.paths.emplace_back(p);
+    }
+    return true;
+}
+
+void takeResume(CgHttpRequest* request, WHttpEventStream& s) {
+    const char* last = cg_http_request_getheader(request, "Last-Event-ID");
+    if (!last)
+        return;
+    s.resumeAfter = wHttpParseLastEventId(last);
+    s.resumeUnreadable = !s.resumeAfter;
+}
+
+// Who the stream belongs to: the session the request was admitted with.
+void takeOwner(CgHttpRequest* request, WHttpEventStream& s) {
+    WHttpReqCtx* ctx = wHttpReqCtx(request);
+    WHttpSessionRef& o = s.owner;
+    o.user = ctx ? ctx->userName : "";
+    o.sessionID = ctx ? ctx->sessionID : "";
+    o.group = ctx ? ctx->group : 0;
+    o.remote = cg_http_request_getremoteaddress(request);
+    o.local = cg_http_request_getlocaladdress(request);
+    std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
+    if (const WHttpAccount* a = accounts->find(o.user.c_str()))
+        o.shadow = a->shadow;
+}
+
+}  // namespace
+
+int wHttpEventsHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    auto stream = std::make_shared<WHttpEventStream>();
+    if (!takePaths(request, *stream)) {
+        answer(request, 400, "Invalid object");
+        return 0;
+    }
+    takeResume(request, *stream);
+    takeOwner(request, *stream);
+    if (wHttpEventsReserve(stream) != WHttpEventAdmit::Yes) {
+        answer(request, 503, "Too many event streams");
+        return 0;
+    }
+    CgHttpResponse* head = cg_http_response_new();
+    cg_http_response_setstatuscode(head, 200);
+    cg_http_response_setheader(head, "Content-Type", "text/event-stream");
+    cg_http_response_setheader(head, "Cache-Control", "no-cache");
+    stream->out = cg_http_request_openstream(request, head, CgHttpStreamLimits{},
+                                             [] { wHttpEventsClosed(); });
+    cg_http_response_delete(head);
+    if (!stream->out) {
+        wHttpEventsAbandon(stream);
+        return 0;
+    }
+    wHttpEventsOpened(stream);
+    return 1;
+}

@@ -1,0 +1,62 @@
+// A client of the daemon's event streams for the end-to-end tests: opens
+// GET /api/v1/Events over TLS, reads the answer's head, takes the chunks
+// apart and hands out the events one by one as they arrive.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client.h"
+#include "raw_conn.h"
+
+namespace e2e {
+
+struct Event {
+    std::string id, name, data;  // data: the JSON text of the "data:" line
+    bool keepAlive = false;      // a comment line
+};
+
+class EventStream {
+  public:
+    EventStream() = default;
+    ~EventStream();
+    EventStream(const EventStream&) = delete;
+    EventStream& operator=(const EventStream&) = delete;
+
+    // Sends the request (query without "?", extra header lines) with the
+    // session's cookie and reads the answer's head.
+    bool open(int port, const Session& s, const std::string& query = "",
+              const std::vector<std::string>& headers = {});
+    long status() const { return status_; }
+    const std::string& head() const { return head_; }
+    // The body of an answer that is no stream (read to its end).
+    std::string body();
+
+    // The next event within `timeoutMs`; keep-alive comments only when asked.
+    std::optional<Event> next(int timeoutMs, bool keepAlives = false);
+    // Events until one satisfies `match` (those before it in `skipped`).
+    std::optional<Event> waitFor(const std::function<bool(const Event&)>& match, int timeoutMs,
+                                 std::vector<Event>* skipped = nullptr);
+    // Whether the daemon has closed the stream (the last chunk or the
+    // connection); reads on for up to `timeoutMs` to learn it.
+    bool closedWithin(int timeoutMs);
+    // Stops reading: the connection stays open, its bytes pile up.
+    RawConn& conn() { return conn_; }
+    void close();
+
+  private:
+    bool fill(int timeoutMs);
+    bool unchunk();
+
+    RawConn conn_;
+    long status_ = 0;
+    std::string head_, raw_, text_, all_, path_;
+    bool chunked_ = false, ended_ = false, closed_ = false;
+};
+
+// The first JSON member `key` of an event's data as text ("" when absent).
+std::string eventMember(const Event& e, const std::string& key);
+
+}  // namespace e2e

@@ -1,0 +1,355 @@
+// Event streams end to end: every kind of event from every writer, the
+// paths a stream watches, what a session may see, resumption, the end of a
+// session, the ceilings and a client that does not read.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "client.h"
+#include "event_client.h"
+#include "fixture.h"
+
+using namespace e2e;
+
+namespace {
+
+const int kWait = 20000;  // ms an event may take under a sanitizer on a busy machine
+
+class EventsTest : public DaemonTest {
+  protected:
+    // Opens a stream of the admin session; expects it to be accepted.
+    void open(EventStream& es, const std::string& query = "",
+              const std::vector<std::string>& headers = {}, const Session* as = nullptr) {
+        ASSERT_TRUE(es.open(port, as ? *as : s, query, headers));
+        ASSERT_EQ(200, es.status()) << es.head() << es.body();
+    }
+    // The next event of `name` for `path`, skipping any other.
+    static Event expect(EventStream& es, const std::string& name, const std::string& path) {
+        std::optional<Event> e = es.waitFor(
+            [&](const Event& x) { return x.name == name && eventMember(x, "path") == path; },
+            kWait);
+        EXPECT_TRUE(e) << "no " << name << " of " << path;
+        return e ? *e : Event{};
+    }
+};
+
+TEST_F(EventsTest, AnswerHeadMethodListAndRefusals) {
+    start();
+    EventStream es;
+    open(es);
+    EXPECT_NE(std::string::npos, es.head().find("Content-Type: text/event-stream"));
+    EXPECT_NE(std::string::npos, es.head().find("Cache-Control: no-cache"));
+    // The row comes last in the method list: the others keep their places.
+    Reply list = get("MethodList");
+    EXPECT_NE(std::string::npos, list.body.find("\"\\/api\\/v1\\/FOTA\", \"\\/api\\/v1\\/Events\" ]"))
+        << list.body;
+    // Nothing but GET; a write method needs no key to be refused as such.
+    for (const char* method : {"POST", "PUT", "DELETE"}) {
+        Reply r = Client(port).request(method, "Events", "", &s);
+        EXPECT_EQ("Invalid method", operStatus(r)) << method;
+    }
+    // No session: the same refusal as every URI.
+    EventStream anonymous;
+    ASSERT_TRUE(anonymous.open(port, Session{}));
+    EXPECT_EQ(401, anonymous.status());
+    Session forgedSession{"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA", 1};
+    EventStream forged;
+    ASSERT_TRUE(forged.open(port, forgedSession));
+    Reply asAnyUri = Client(port).request("GET", "MethodList", "", &forgedSession);
+    EXPECT_EQ(asAnyUri.status, forged.status());
+    EXPECT_EQ(asAnyUri.body, forged.body());
+    // Paths that are no object of the API are refused before a stream opens.
+    for (const char* bad : {"Device", "Device.Foo.", "Device.WiFi", "Device..", "X.WiFi.",
+                            "Device.WiFi.%0A", "Device.%C3%A9.", "Device.NAT.PortMapping.1"}) {
+        EventStream refused;
+        ASSERT_TRUE(refused.open(port, s, std::string("path=") + bad));
+        EXPECT_EQ(400, refused.status()) << bad;
+        EXPECT_NE(std::string::npos, refused.body().find("Invalid object")) << bad;
+    }
+}
+
+TEST_F(EventsTest, RestWritesGiveChangeAddAndDeleteInOrder) {
+    start();
+    EventStream es;
+    open(es);
+    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
+    Event change = expect(es, "change", "Device.WiFi.SSID.1.");
+    EXPECT_EQ("home-net", eventMember({"", "", eventMember(change, "Object")}, "SSID"));
+    // The same value again changes nothing and sends nothing.
+    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
+    Reply added = write("POST", "TR181/Value/Device.NAT.PortMapping.",
+                        "{\"ExternalPort\":2222,\"InternalPort\":22}");
+    ASSERT_EQ(200, added.status);
+    std::optional<Event> add = es.next(kWait);
+    ASSERT_TRUE(add);
+    ASSERT_EQ("add", add->name) << add->data;
+    std::string row = eventMember(*add, "path");
+    EXPECT_EQ(0u, row.rfind("Device.NAT.PortMapping.", 0));
+    // Ids grow by one per change of the device.
+    EXPECT_EQ(std::stoull(change.id) + 1, std::stoull(add->id));
+    // A POST adds the row, then writes its values: the values' change
+    // follows, and the object an event carries is the row as it is now.
+    std::optional<Event> values = es.next(kWait);
+    ASSERT_TRUE(values);
+    EXPECT_EQ("change", values->name);
+    EXPECT_EQ(row, eventMember(*values, "path"));
+    EXPECT_NE(std::string::npos, values->data.find("\"ExternalPort\":2222")) << values->data;
+    ASSERT_EQ(200, write("DELETE", "TR181/Value/" + row, "").status);
+    std::optional<Event> del = es.next(kWait);
+    ASSERT_TRUE(del);
+    EXPECT_EQ("delete", del->name);
+    EXPECT_EQ("{\"path\":\"" + row + "\"}", del->data);
+    EXPECT_EQ(std::stoull(values->id) + 1, std::stoull(del->id));
+}
+
+TEST_F(EventsTest, BatchGivesOneEventPerChangedObject) {
+    start();
+    EventStream es;
+    open(es);
+    std::string batch = R"({"MultiObjects":true,"TR181_Objects":[
+        {"object_path":"Device.WiFi.SSID.1.","SSID":"batch-one"},
+        {"object_path":"Device.WiFi.SSID.2.","SSID":"batch-two"},
+        {"object_path":"Device.WiFi.SSID.1.","SSID":"batch-one"}]})";
+    ASSERT_EQ(200, write("PUT", "TR181/Value/MultiObjects", batch).status);
+    std::optional<Event> first = es.next(kWait), second = es.next(kWait);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ("Device.WiFi.SSID.1.", eventMember(*first, "path"));
+    EXPECT_EQ("Device.WiFi.SSID.2.", eventMember(*second, "path"));
+    // The third element changed nothing, and the batch's apply neither.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.DeviceInfo.", "{\"ProvisioningCode\":\"x1\"}"}));
+    std::optional<Event> next = es.next(kWait);
+    ASSERT_TRUE(next);
+    EXPECT_EQ("Device.DeviceInfo.", eventMember(*next, "path")) << next->data;
+}
+
+TEST_F(EventsTest, AnotherProcessAndPathFilters) {
+    start();
+    EventStream all, nat, two;
+    open(all);
+    open(nat, "path=Device.NAT.");
+    open(two, "path=Device.WiFi.SSID.2.&path=Device.NAT.PortMapping.");
+    // wcfgctl writes the same store from a process of its own.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"from-cli\"}"}));
+    ASSERT_EQ(0, root.wcfgctl({"add", "Device.NAT.PortMapping.", "{\"ExternalPort\":8080}"}));
+    Event e1 = expect(all, "change", "Device.WiFi.SSID.2.");
+    EXPECT_NE(std::string::npos, e1.data.find("from-cli"));
+    std::optional<Event> a = all.next(kWait);
+    ASSERT_TRUE(a);
+    EXPECT_EQ("add", a->name);
+    std::optional<Event> n = nat.next(kWait);
+    ASSERT_TRUE(n);
+    EXPECT_EQ(a->id, n->id) << "the NAT stream sees only the NAT change";
+    std::optional<Event> t1 = two.next(kWait), t2 = two.next(kWait);
+    ASSERT_TRUE(t1 && t2);
+    EXPECT_EQ(e1.id, t1->id);
+    EXPECT_EQ(a->id, t2->id);
+    // "Device.WiFi.SSID.1." does not cover instance 10 and the like.
+    EventStream one;
+    open(one, "path=Device.WiFi.SSID.1.");
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"other\"}"}));
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"mine\"}"}));
+    std::optional<Event> mine = one.next(kWait);
+    ASSERT_TRUE(mine);
+    EXPECT_EQ("Device.WiFi.SSID.1.", eventMember(*mine, "path"));
+}
+
+TEST_F(EventsTest, AccountEventsCarryNoSecretAndUserSessionsReadAsAUser) {
+    start();
+    Session user;
+    ASSERT_EQ(200, Client(port).login("user", "user1234", &user).status);
+    EventStream admin, asUser;
+    open(admin, "path=Device.X_OLVEX_LoginCfg.");
+    open(asUser, "", {}, &user);
+    // A password change: the account's event, and never its secret.
+    ASSERT_EQ(0, root.wcfgctl({"passwd", "admin", "N3wSecret!pw"}));
+    std::optional<Event> e = admin.next(kWait);
+    ASSERT_TRUE(e);
+    EXPECT_EQ("change", e->name);
+    std::optional<Event> u = asUser.next(kWait);
+    ASSERT_TRUE(u);
+    EXPECT_EQ(e->id, u->id);
+    for (const Event* x : {&*e, &*u}) {
+        EXPECT_EQ(std::string::npos, x->data.find("shadow")) << x->data;
+        EXPECT_EQ(std::string::npos, x->data.find("$6$")) << x->data;
+        EXPECT_EQ(std::string::npos, x->data.find("N3wSecret")) << x->data;
+        EXPECT_EQ(std::string::npos, x->data.find("\"Password\"")) << x->data;
+    }
+    // What the event shows is what a GET of the path shows the same session.
+    std::string path = eventMember(*u, "path");
+    Reply read = Client(port).request("GET", "TR181/Value/" + path, "", &user);
+    std::string object = eventMember({"", "", read.body}, "Object");
+    EXPECT_EQ(object, eventMember(*u, "Object"));
+}
+
+TEST_F(EventsTest, ResumptionKeptAndTooOld) {
+    // Every writer keeps 8 entries: the daemon and the wcfgctl runs alike.
+    setenv("WHTTPD_JOURNAL_KEEP", "8", 1);
+    struct Unset {
+        ~Unset() { unsetenv("WHTTPD_JOURNAL_KEEP"); }
+    } unset;
+    start();
+    std::string last;
+    {
+        EventStream es;
+        open(es);
+        ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"r0\"}"}));
+        std::optional<Event> e = es.next(kWait);
+        ASSERT_TRUE(e);
+        last = e->id;
+    }
+    // Missed while no stream was open, and delivered first on resumption.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"r1\"}"}));
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"r2\"}"}));
+    {
+        EventStream es;
+        open(es, "", {"Last-Event-ID: " + last});
+        std::optional<Event> a = es.next(kWait), b = es.next(kWait);
+        ASSERT_TRUE(a && b);
+        EXPECT_EQ(std::stoull(last) + 1, std::stoull(a->id));
+        EXPECT_EQ("Device.WiFi.SSID.1.", eventMember(*a, "path"));
+        EXPECT_EQ("Device.WiFi.SSID.2.", eventMember(*b, "path"));
+    }
+    // More changes than are kept: a resync instead, then the stream goes on.
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.",
+                                   "{\"SSID\":\"n" + std::to_string(i) + "\"}"}));
+    for (const std::string& id : {last, std::string("99999999"), std::string("x1")}) {
+        EventStream es;
+        open(es, "", {"Last-Event-ID: " + id});
+        std::optional<Event> r = es.next(kWait);
+        ASSERT_TRUE(r) << id;
+        EXPECT_EQ("resync", r->name) << id;
+        ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"" + id + "\"}"}));
+        std::optional<Event> after = es.next(kWait);
+        ASSERT_TRUE(after) << id;
+        EXPECT_EQ(std::stoull(r->id) + 1, std::stoull(after->id)) << id;
+    }
+}
+
+TEST_F(EventsTest, SessionEndsEndTheStream) {
+    start();
+    Session user, other;
+    ASSERT_EQ(200, Client(port).login("user", "user1234", &user).status);
+    EventStream byLogout, ofUser;
+    open(byLogout);
+    open(ofUser, "", {}, &user);
+    ASSERT_EQ(200, write("POST", "UserLogout", "").status);
+    std::optional<Event> end = byLogout.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    ASSERT_TRUE(end);
+    EXPECT_EQ("logout", eventMember(*end, "reason"));
+    EXPECT_TRUE(byLogout.closedWithin(kWait));
+    // Failed logins that lock the user end its streams, as its next request
+    // would be refused.
+    for (int i = 0; i < 3; ++i)
+        Client(port).login("user", "wrong", nullptr);
+    end = ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    ASSERT_TRUE(end);
+    EXPECT_EQ("account locked", eventMember(*end, "reason"));
+    EXPECT_TRUE(ofUser.closedWithin(kWait));
+}
+
+TEST_F(EventsTest, AccountDisabledOrPasswordChangedEndsItsStreams) {
+    start();
+    Session user;
+    ASSERT_EQ(200, Client(port).login("user", "user1234", &user).status);
+    EventStream admin, ofUser;
+    open(admin);
+    open(ofUser, "", {}, &user);
+    ASSERT_EQ(0, root.wcfgctl({"passwd", "user", "An0ther!pw1"}));
+    std::optional<Event> end =
+        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    ASSERT_TRUE(end);
+    EXPECT_EQ("password changed", eventMember(*end, "reason"));
+    Session again;
+    ASSERT_EQ(200, Client(port).login("user", "An0ther!pw1", &again).status);
+    EventStream reopened;
+    open(reopened, "", {}, &again);
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.",
+                               "{\"Enabled\":false}"}));
+    end = reopened.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    ASSERT_TRUE(end);
+    EXPECT_EQ("account disabled", eventMember(*end, "reason"));
+    // The admin's stream saw both changes and goes on.
+    expect(admin, "change", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.");
+    EXPECT_FALSE(admin.closedWithin(200));
+}
+
+TEST_F(EventsTest, AStreamDoesNotKeepItsSessionAliveAndEndsAtTimeOut) {
+    Uptime clock(root);
+    ASSERT_EQ(0, setMaxLoginAccounts(root, 0));
+    port = startDaemon(d, root, &clock);
+    ASSERT_NE(0, port);
+    ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
+    EventStream es;
+    open(es);
+    // Events flow, and keep-alives too, but the session's idle time runs on.
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"t1\"}"}));
+    ASSERT_TRUE(es.next(kWait));
+    clock.advance(301);
+    std::optional<Event> end = es.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    ASSERT_TRUE(end);
+    EXPECT_EQ("timeout", eventMember(*end, "reason"));
+    EXPECT_TRUE(es.closedWithin(kWait));
+    EXPECT_EQ("Timeout", operStatus(get("TR181/Value/Device.DeviceInfo.")));
+}
+
+TEST_F(EventsTest, CeilingsPerSessionAndInAll) {
+    d.setEnv("WHTTPD_HTTP_LIMITS", "events_per_session=2,events_total=3");
+    start();
+    Session other;
+    ASSERT_EQ(200, Client(port).login("user", "user1234", &other).status);
+    EventStream a, b, c, d2, e;
+    open(a);
+    open(b);
+    ASSERT_TRUE(c.open(port, s));
+    EXPECT_EQ(503, c.status());
+    EXPECT_NE(std::string::npos, c.head().find("Retry-After:"));
+    open(d2, "", {}, &other);
+    ASSERT_TRUE(e.open(port, other));
+    EXPECT_EQ(503, e.status());
+    // Nothing else is disturbed: reads, writes and the open streams go on.
+    EXPECT_EQ(200, get("TR181/Value/Device.DeviceInfo.").status);
+    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"cap\"}").status);
+    for (EventStream* es : {&a, &b, &d2})
+        expect(*es, "change", "Device.WiFi.SSID.1.");
+    // A closed stream gives its place back.
+    b.close();
+    EventStream f;
+    bool opened = false;
+    for (int i = 0; i < 100 && !opened; ++i) {
+        EventStream tryAgain;
+        ASSERT_TRUE(tryAgain.open(port, s));
+        opened = tryAgain.status() == 200;
+        if (!opened)
+            sleepMs(50);
+    }
+    EXPECT_TRUE(opened);
+}
+
+TEST_F(EventsTest, KeepAlivesWhileNothingHappens) {
+    d.setEnv("WHTTPD_HTTP_LIMITS", "events_keepalive_ms=100");
+    start();
+    EventStream es;
+    open(es);
+    for (int i = 0; i < 3; ++i) {
+        std::optional<Event> k = es.next(kWait, true);
+        ASSERT_TRUE(k);
+        EXPECT_TRUE(k->keepAlive);
+    }
+}
+
+TEST_F(EventsTest, DaemonStopEndsTheStream) {
+    start();
+    EventStream es;
+    open(es);
+    std::thread stopper([&] { EXPECT_EQ(0, d.stop()); });
+    std::optional<Event> end = es.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    stopper.join();
+    port = 0;
+    ASSERT_TRUE(end);
+    EXPECT_EQ("shutdown", eventMember(*end, "reason"));
+}
+
+}  // namespace
