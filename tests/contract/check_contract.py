@@ -9,7 +9,9 @@ key with a query, "FOTA?action=online", is its own URI, chosen when the
 request's target begins with it, as the daemon routes), the response for the
 status (or "default"), the media type for the Content-Type, and validates the
 body with a JSON Schema Draft 2020-12 validator that resolves the document's
-"#/components/..." references.
+"#/components/..." references.  A server-sent event stream (a media type
+with "x-events") is checked event by event: each needs a numeric id, a name
+that "x-events" lists and data that fits that name's schema.
 
 Fails on an answer that does not validate and on an exchange whose path,
 method, status or Content-Type the document does not describe; reports how
@@ -38,7 +40,7 @@ DEFAULT_DOC = os.path.join(HERE, "..", "..", "docs", "openapi.yaml")
 METHOD_LIST = json.dumps(["/api/v1/" + u for u in (
     "UserLogin", "UserLogout", "MethodList", "Reboot", "MeshReboot", "MeshResetAllSetting",
     "UserUpdate", "APPUICustomization", "TR181/Value/", "TR181/Value/MultiObjects",
-    "TR181/SupportedDM/", "FOTA?action=online", "FOTA")])
+    "TR181/SupportedDM/", "FOTA?action=online", "FOTA", "Events")])
 METHODS = ("get", "put", "post", "delete", "options", "head", "patch", "trace")
 
 
@@ -150,6 +152,8 @@ class Contract:
         media = content.get(ctype)
         if media is None:
             return opname, "Content-Type %r is not described for status %s" % (ctype, status)
+        if "x-events" in media:
+            return opname, self.check_events(media["x-events"], body)
         schema = media.get("schema")
         if schema is None:
             return opname, None
@@ -166,6 +170,38 @@ class Contract:
             where = "/".join(str(p) for p in best.absolute_path) or "(body)"
             return opname, "status %s: at %s: %s" % (status, where, best.message[:300])
         return opname, None
+
+
+    def check_events(self, kinds, body):
+        """A server-sent event stream: every event has a numeric id, a name
+        the document lists and one data line that fits that name's schema;
+        comment lines (keep-alives) may come between."""
+        for block in body.split("\n\n"):
+            lines = [l for l in block.split("\n") if l and not l.startswith(":")]
+            if not lines:
+                continue
+            fields = {}
+            for line in lines:
+                name, sep, value = line.partition(": ")
+                if not sep or name in fields:
+                    return "event line %r is not one field of its own" % line[:80]
+                fields[name] = value
+            if set(fields) != {"id", "event", "data"}:
+                return "event %r does not have exactly id, event and data" % block[:120]
+            if not fields["id"].isdigit():
+                return "event id %r is no number" % fields["id"]
+            schema = kinds.get(fields["event"])
+            if schema is None:
+                return "event %r is not described" % fields["event"]
+            try:
+                value = json.loads(fields["data"])
+            except ValueError as e:
+                return "event data is no JSON: %s" % e
+            errs = list(self.validator(schema).iter_errors(value))
+            if errs:
+                best = jsonschema.exceptions.best_match(errs)
+                return "%s event: %s" % (fields["event"], best.message[:300])
+        return None
 
 
 def load_records(dirs):
@@ -234,8 +270,24 @@ def self_test(contract):
          "body": "Service Unavailable\n"},
         {"method": "GET", "path": base + "/NoSuchUri", "status": 200,
          "content_type": "application/json", "body": '{"oper_status": "Invalid URI"}'},
+        {"method": "GET", "path": base + "/Events?path=Device.NAT.", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'id: 4\nevent: add\ndata: {"path":"Device.NAT.PortMapping.2.","Object":{"Enable":false}}\n\n'
+                 ': keep-alive\n\nid: 5\nevent: delete\ndata: {"path":"Device.NAT.PortMapping.2."}\n\n'
+                 'id: 5\nevent: end\ndata: {"reason":"logout"}\n\n'},
     ]
     bad = [
+        # an event name the document does not know, a data member too many,
+        # an event without its id
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'id: 4\nevent: changed\ndata: {"path":"Device.NAT.","Object":{}}\n\n'},
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'id: 4\nevent: delete\ndata: {"path":"Device.NAT.","Object":{}}\n\n'},
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'event: end\ndata: {"reason":"logout"}\n\n'},
         # the key as text
         {"method": "POST", "path": base + "/UserLogin", "status": 200,
          "content_type": "application/json",

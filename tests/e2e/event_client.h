@@ -28,7 +28,7 @@ class EventStream {
     // Sends the request (query without "?", extra header lines) with the
     // session's cookie and reads the answer's head.
     bool open(int port, const Session& s, const std::string& query = "",
-              const std::vector<std::string>& headers = {});
+              const std::vector<std::string>& headers = {}, int rcvbuf = 0);
     long status() const { return status_; }
     const std::string& head() const { return head_; }
     // The body of an answer that is no stream (read to its end).

@@ -340,6 +340,146 @@ TEST_F(EventsTest, KeepAlivesWhileNothingHappens) {
     }
 }
 
+// The platform's own services: nobody reads the hosts, yet a host that
+// joins or leaves is announced.
+TEST_F(EventsTest, HostsJoiningAndLeavingWithoutAnyRead) {
+    start();
+    EventStream es;
+    open(es, "path=Device.Hosts.");
+    std::string leases = root.read("/var/dnsmasq/dnsmasq.leases");
+    std::ofstream(root.path("/var/dnsmasq/dnsmasq.leases"))
+        << leases << "0 86400 02:cc:00:00:00:99 192.168.1.99 new-laptop *\n";
+    std::vector<Event> before;
+    std::optional<Event> joined = es.waitFor(
+        [](const Event& e) {
+            return e.name == "add" && e.data.find("02:CC:00:00:00:99") != std::string::npos;
+        },
+        kWait, &before);
+    ASSERT_TRUE(joined) << (before.empty() ? "no event" : before[0].name + " " + before[0].data);
+    std::string host = eventMember(*joined, "path");
+    EXPECT_EQ(0u, host.rfind("Device.Hosts.Host.", 0)) << host;
+    EXPECT_NE(std::string::npos, joined->data.find("new-laptop"));
+    std::ofstream(root.path("/var/dnsmasq/dnsmasq.leases")) << leases;
+    Event left = expect(es, "change", host);
+    EXPECT_NE(std::string::npos, left.data.find("\"Active\":false")) << left.data;
+}
+
+TEST_F(EventsTest, WpsSessionStatusFromStartToOutcome) {
+    start();
+    knob("wifi.wps.walk_seconds", "30");
+    knob("wifi.wps.outcome", "success");
+    EventStream es;
+    open(es, "path=Device.WiFi.AccessPoint.1.WPS.");
+    Reply pressed = write("PUT", "TR181/Value/Device.WiFi.AccessPoint.1.WPS.",
+                          R"({"X_OlVEX_TriggerWPSPushButton":true})");
+    ASSERT_EQ("Success", operStatus(pressed));
+    std::optional<Event> done = es.waitFor(
+        [](const Event& e) { return e.data.find("NoError, WPS ok!") != std::string::npos; },
+        kWait);
+    ASSERT_TRUE(done);
+    EXPECT_EQ("Device.WiFi.AccessPoint.1.WPS.", eventMember(*done, "path"));
+}
+
+TEST_F(EventsTest, FirmwareCheckStatus) {
+    Cloud cloud;
+    ASSERT_TRUE(cloud.start(root)) << cloud.err();
+    start();
+    EventStream es;
+    open(es, "path=Device.X_OLVEX_PeriodicOnlineFWUpgrade.");
+    ASSERT_EQ("WCFG_SUCCESS", operStatus(get("FOTA")));
+    std::optional<Event> e = es.waitFor(
+        [](const Event& x) { return x.data.find("\"LastFWUpdateStatus\":15") != std::string::npos; },
+        kWait);
+    ASSERT_TRUE(e);
+    EXPECT_NE(std::string::npos, e->data.find("\"NewFWAvailable\":true")) << e->data;
+}
+
+// A batch of `n` writes that each change the device's information: n events
+// of about a kilobyte and a half each.
+std::string provisioningBatch(int n, const std::string& tag) {
+    std::string body = R"({"MultiObjects":true,"TR181_Objects":[)";
+    for (int i = 0; i < n; ++i)
+        body += std::string(i ? "," : "") +
+                R"({"object_path":"Device.DeviceInfo.","ProvisioningCode":")" + tag +
+                std::to_string(i) + "\"}";
+    return body + "]}";
+}
+
+// Reads `es` until `n` events of the device's information have come; their
+// ids in order, and whether a resync came among them.  Run beside the
+// writes, on a thread of its own.
+std::vector<unsigned long long> readChanges(EventStream& es, size_t n, bool* resync) {
+    std::vector<unsigned long long> ids;
+    while (ids.size() < n) {
+        std::optional<Event> e = es.next(kWait);
+        if (!e)
+            break;
+        if (e->name == "resync")
+            *resync = true;
+        else if (eventMember(*e, "path") == "Device.DeviceInfo.")
+            ids.push_back(std::stoull(e->id));
+    }
+    return ids;
+}
+
+// A client that stops reading loses its queue for one resync; the writer and
+// another stream go on as if it were not there.
+TEST_F(EventsTest, ASlowReaderGetsAResyncAndTheOthersEverything) {
+    start();
+    EventStream slow, steady;
+    ASSERT_TRUE(slow.open(port, s, "path=Device.DeviceInfo.", {}, 4096));
+    ASSERT_EQ(200, slow.status());
+    open(steady, "path=Device.DeviceInfo.");
+    const int kBatches = 5, kPerBatch = 200;
+    bool steadyResync = false;
+    std::vector<unsigned long long> all;
+    std::thread reader([&] { all = readChanges(steady, kBatches * kPerBatch, &steadyResync); });
+    for (int b = 0; b < kBatches; ++b)
+        EXPECT_EQ(200, write("PUT", "TR181/Value/MultiObjects",
+                             provisioningBatch(kPerBatch, "s" + std::to_string(b)))
+                           .status);
+    reader.join();
+    ASSERT_EQ(static_cast<size_t>(kBatches * kPerBatch), all.size());
+    EXPECT_FALSE(steadyResync);
+    for (size_t i = 1; i < all.size(); ++i)
+        ASSERT_EQ(all[i - 1] + 1, all[i]);
+    // The slow one now reads: what it kept, one resync, and on.
+    std::vector<Event> before;
+    std::optional<Event> resync =
+        slow.waitFor([](const Event& e) { return e.name == "resync"; }, kWait, &before);
+    ASSERT_TRUE(resync) << before.size() << " events, the last "
+                        << (before.empty() ? 0 : before.back().data.size()) << " bytes";
+    EXPECT_EQ("overflow", eventMember(*resync, "reason"));
+    EXPECT_LT(before.size(), all.size());
+    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.DeviceInfo.",
+                         R"({"ProvisioningCode":"after"})").status);
+    std::optional<Event> after = slow.waitFor(
+        [](const Event& e) { return e.data.find("\"after\"") != std::string::npos; }, kWait);
+    EXPECT_TRUE(after);
+}
+
+TEST_F(EventsTest, AClientThatNeverReadsIsClosedAtTheWriteDeadline) {
+    d.setEnv("WHTTPD_HTTP_LIMITS", "write_ms=1500");
+    start();
+    EventStream never, steady;
+    ASSERT_TRUE(never.open(port, s, "path=Device.DeviceInfo.", {}, 4096));
+    ASSERT_EQ(200, never.status());
+    open(steady, "path=Device.DeviceInfo.");
+    bool resync = false;
+    size_t got = 0;
+    std::thread reader([&] { got = readChanges(steady, 1000, &resync).size(); });
+    for (int b = 0; b < 5; ++b)
+        EXPECT_EQ(200, write("PUT", "TR181/Value/MultiObjects",
+                             provisioningBatch(200, "n" + std::to_string(b)))
+                           .status);
+    reader.join();
+    EXPECT_EQ(1000u, got);
+    EXPECT_FALSE(resync);
+    EXPECT_TRUE(never.conn().peerGoneWithin(kWait));
+    // The place it held is free again, and the session goes on.
+    EXPECT_EQ(200, get("TR181/Value/Device.DeviceInfo.").status);
+}
+
 TEST_F(EventsTest, DaemonStopEndsTheStream) {
     start();
     EventStream es;

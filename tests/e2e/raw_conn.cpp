@@ -124,6 +124,11 @@ std::string RawConn::readUntilClose(int timeoutMs, bool* closed) {
     return got;
 }
 
+bool RawConn::peerGoneWithin(int timeoutMs) {
+    pollfd p{fd_, POLLRDHUP, 0};
+    return fd_ >= 0 && poll(&p, 1, timeoutMs) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
+}
+
 bool RawConn::closedWithin(int timeoutMs) {
     bool closed = false;
     readUntilClose(timeoutMs, &closed);

@@ -30,6 +30,9 @@ class RawConn {
     // Waits up to `timeoutMs` for bytes, then takes whatever has arrived
     // without waiting further; `closed` tells whether the peer closed.
     std::string readSome(int timeoutMs, bool* closed = nullptr);
+    // Whether the peer closed or reset the connection within `timeoutMs`,
+    // learnt without reading anything that waits in it.
+    bool peerGoneWithin(int timeoutMs);
     // Whether the daemon closed the (silent, plain) connection within `timeoutMs`.
     bool closedWithin(int timeoutMs);
     void close();

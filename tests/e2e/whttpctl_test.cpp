@@ -36,6 +36,7 @@
 #include "fixture.h"
 #include "harness.h"
 #include "platform/json_util.h"
+#include "relay.h"
 
 namespace {
 
@@ -81,10 +82,19 @@ std::string member(const std::string& json, const std::string& name) {
 // Runs whttpctl with `args` in `dir` (its state below it), `input` on its
 // standard input and umask 0, so that every mode bit it sets is its own.
 // Killed after `limitMs`: a hang shows as -1000, never as a stuck test.
+std::atomic<int> gRunSerial{0};
+
+// The number the latest run took, and where a run's standard output goes.
+int nextRun() {
+    return gRunSerial.load();
+}
+std::string runOutput(const std::string& dir, int run) {
+    return dir + "/run" + std::to_string(run) + ".out";
+}
+
 Outcome runCtl(const std::string& dir, const std::vector<std::string>& args,
                const std::string& input = "", int limitMs = 60000) {
-    static std::atomic<int> serial{0};
-    std::string base = dir + "/run" + std::to_string(++serial);
+    std::string base = dir + "/run" + std::to_string(++gRunSerial);
     spit(base + ".in", input);
     pid_t parent = getpid();
     pid_t pid = fork();
@@ -940,4 +950,55 @@ TEST_F(Whttpctl, CharactersATerminalActsOnArePrintedEscaped) {
     EXPECT_EQ(2, r.status);
     EXPECT_EQ("whttpctl: a path holds letters, digits, '.', '_' and '-' only: Device.?2J?X.?\n",
               r.err);
+}
+
+// watch prints each event once, follows a dropped connection from the last
+// event it saw, and ends with status 0 when the session ends.
+TEST_F(Whttpctl, WatchResumesAfterADroppedConnectionAndEndsWithTheSession) {
+    start();
+    e2e::Relay relay(port);
+    std::string viaRelay = "https://127.0.0.1:" + std::to_string(relay.port());
+    auto ctlVia = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"--url", viaRelay, "--insecure", "--compact"});
+        return runCtl(home, args);
+    };
+    ASSERT_EQ(0, ctlVia({"login", "admin", "1234abcd"}).status);
+    Outcome watch;
+    int watchRun = nextRun() + 1;  // the run number the watch will get
+    std::thread watcher([&] { watch = ctlVia({"watch", "Device.WiFi.SSID."}); });
+    // The device's changes, made by another client; each waits until the
+    // watch has shown it.
+    auto shown = [&](const std::string& text, int tries = 1000) {
+        for (int i = 0; i < tries; ++i) {
+            if (slurp(runOutput(home, watchRun)).find(text) != std::string::npos)
+                return true;
+            e2e::sleepMs(20);
+        }
+        return false;
+    };
+    // Until the stream is open, changes go unseen: change until one shows.
+    bool open = false;
+    for (int i = 0; i < 100 && !open; ++i) {
+        ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.",
+                                   "{\"SSID\":\"first" + std::to_string(i) + "\"}"}));
+        open = shown("\"first" + std::to_string(i) + "\"", 25);
+    }
+    ASSERT_TRUE(open);
+    relay.dropAll();
+    ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"while-away\"}"}));
+    EXPECT_TRUE(shown("while-away"));
+    Outcome logout = ctlVia({"logout"});
+    EXPECT_EQ(0, logout.status) << logout.err;
+    watcher.join();
+    EXPECT_EQ(0, watch.status) << watch.err;
+    EXPECT_EQ(1u, e2e::countOf(watch.out, "while-away")) << watch.out;
+    EXPECT_NE(std::string::npos, watch.out.find(R"("event":"end","data":{"reason":"logout"})"))
+        << watch.out;
+    EXPECT_NE(std::string::npos, watch.err.find("the event stream broke")) << watch.err;
+    // A path that is no object of the device: refused, not watched.
+    ASSERT_EQ(0, ctl({"login", "admin", "1234abcd"}).status);
+    Outcome bad = ctl({"watch", "Device.NoSuchThing."});
+    EXPECT_EQ(1, bad.status);
+    EXPECT_NE(std::string::npos, bad.err.find("Invalid object")) << bad.err;
+    EXPECT_EQ(2, ctl({"watch", "Device.WiFi"}).status);
 }

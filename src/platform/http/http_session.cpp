@@ -25,6 +25,10 @@ namespace {
 
 // The first read of a request; later reads take what the parser needs.
 constexpr size_t kFirstRead = 4096;
+// The kernel's send buffer of a stream's socket, and what one write of a
+// stream takes from its queue.
+constexpr int kStreamSendBuffer = 32 * 1024;
+constexpr size_t kStreamWriteBytes = 16 * 1024;
 
 std::chrono::milliseconds ms(int v) {
     return std::chrono::milliseconds(v > 0 ? v : 1);
@@ -276,6 +280,11 @@ void HttpSession::onListenerDone() {
 // that the client has gone; a client that sends anything is done with it.
 void HttpSession::startStreaming() {
     enter(Phase::Streaming);
+    // A stream lives long and its client may stop reading: the kernel keeps
+    // a small fixed buffer for it instead of one that grows to megabytes,
+    // and the stream's own queue says how far behind the client may fall.
+    boost::system::error_code ec;
+    lowest().socket().set_option(net::socket_base::send_buffer_size(kStreamSendBuffer), ec);
     if (!writeBusy_)
         disarm();
     tls_->async_read_some(net::buffer(streamProbe_),
@@ -291,8 +300,8 @@ void HttpSession::onStreamRead(boost::system::error_code, size_t) {
 }
 
 void HttpSession::flush() {
-    if (stream_ && phase_ != Phase::Closing)
-        stream_->takeInto(out_);
+    if (stream_ && phase_ != Phase::Closing && out_.empty() && !writeBusy_)
+        stream_->takeInto(out_, kStreamWriteBytes);
     if (writeBusy_ || out_.empty() || phase_ == Phase::Closing)
         return;
     writing_.clear();
@@ -406,7 +415,15 @@ void HttpSession::onDeadline(uint64_t generation) {
         arm(Clock::now() + std::chrono::seconds(1));
         return;
     }
-    if (phase_ == Phase::Handling || phase_ == Phase::Streaming)
+    if (phase_ == Phase::Handling || phase_ == Phase::Streaming) {
         failed_ = true;
+        // A write that the client did not take in time: what waits in the
+        // kernel for it is thrown away with a reset, instead of keeping the
+        // socket and its buffer alive behind a close the client never reads.
+        if (writeBusy_) {
+            boost::system::error_code ec;
+            lowest().socket().set_option(net::socket_base::linger(true, 0), ec);
+        }
+    }
     closeNow();
 }

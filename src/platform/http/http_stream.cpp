@@ -2,6 +2,7 @@
 #include "platform/http/http_stream.h"
 
 #include <boost/asio/post.hpp>
+#include <algorithm>
 #include <cstdio>
 
 #include "platform/http/http_session.h"
@@ -44,10 +45,11 @@ CgHttpPush CgHttpStream::push(std::string_view data) {
         return CgHttpPush::Closed;
     if (holding_)
         return CgHttpPush::Dropped;
-    if (queue_.size() >= limits_.maxPieces || queuedBytes_ + data.size() > limits_.maxBytes)
+    std::string piece = frame(data);
+    if (queue_.size() >= limits_.maxPieces || queuedBytes_ + piece.size() > limits_.maxBytes)
         return CgHttpPush::Full;
-    queue_.push_back(frame(data));
-    queuedBytes_ += data.size();
+    queuedBytes_ += piece.size();
+    queue_.push_back(std::move(piece));
     kick();
     return CgHttpPush::Queued;
 }
@@ -58,7 +60,7 @@ void CgHttpStream::replace(std::string_view data) {
         return;
     queue_.clear();
     queue_.push_back(frame(data));
-    queuedBytes_ = data.size();
+    queuedBytes_ = queue_.back().size();
     holding_ = true;
     kick();
 }
@@ -67,10 +69,14 @@ void CgHttpStream::end(std::string_view data) {
     std::lock_guard<std::mutex> lock(m_);
     if (closed_ || ended_)
         return;
+    // The end goes out whatever the limits say.
     if (!data.empty())
         queue_.push_back(frame(data));
     if (chunked_)
         queue_.push_back("0\r\n\r\n");
+    queuedBytes_ = 0;
+    for (const std::string& piece : queue_)
+        queuedBytes_ += piece.size();
     ended_ = true;
     kick();
 }
@@ -80,13 +86,19 @@ bool CgHttpStream::closed() const {
     return closed_;
 }
 
-void CgHttpStream::takeInto(std::deque<std::string>& out) {
+void CgHttpStream::takeInto(std::deque<std::string>& out, size_t maxBytes) {
     std::lock_guard<std::mutex> lock(m_);
     kicked_ = false;
-    for (std::string& piece : queue_)
-        out.push_back(std::move(piece));
-    queue_.clear();
-    queuedBytes_ = 0;
+    size_t taken = 0;
+    while (!queue_.empty() && (taken == 0 || taken + queue_.front().size() <= maxBytes)) {
+        taken += queue_.front().size();
+        queuedBytes_ -= queue_.front().size();
+        out.push_back(std::move(queue_.front()));
+        queue_.pop_front();
+    }
+    // What is left waits for the next write, which asks again.
+    if (!queue_.empty())
+        kicked_ = true;
     holding_ = false;
 }
 

@@ -30,10 +30,11 @@ struct CgHttpStream {
     void end(std::string_view data);
     bool closed() const;
 
-    // Connection side (its network thread): moves the queued pieces, framed,
-    // to the end of `out`; whether the stream has ended and nothing of it
-    // waits any more.
-    void takeInto(std::deque<std::string>& out);
+    // Connection side (its network thread): moves queued pieces, framed, to
+    // the end of `out`, up to about `maxBytes` (at least one), so that a
+    // write stuck at a client that does not read holds little besides the
+    // queue; whether the stream has ended and nothing of it waits any more.
+    void takeInto(std::deque<std::string>& out, size_t maxBytes);
     bool finished() const;
     // The connection has closed (any reason): runs the close callback once.
     void markClosed();
@@ -50,7 +51,7 @@ struct CgHttpStream {
 
     mutable std::mutex m_;
     std::deque<std::string> queue_;
-    size_t queuedBytes_ = 0;
+    size_t queuedBytes_ = 0;  // of the pieces that count against the limits
     bool holding_ = false;  // a replacement waits to be taken: pushes are dropped
     bool kicked_ = false;   // the connection has been told that pieces wait
     bool ended_ = false;

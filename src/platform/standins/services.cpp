@@ -1,5 +1,6 @@
 // The stand-in services that work by themselves, started once in the process
-// that serves the bus (the daemon): the bandwidth monitor, which rewrites
+// that serves the bus (the daemon): the host service's watch of the home
+// network (hosts_watch.cpp) and the bandwidth monitor, which rewrites
 // "/tmp/bwm_result" every 5 platform seconds with rates that move a little
 // (knob "bwm.frozen" "true" keeps the file as it is).  It is stopped and
 // joined when the process exits, before the statics it uses go away.
@@ -77,6 +78,7 @@ void startServices() {
         knob("bwm.frozen", "false");
         gMonitor->thread = std::thread(bandwidthMonitor);
         atexit(stopServices);
+        startHostsWatch();
     });
 }
 

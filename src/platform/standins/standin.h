@@ -29,9 +29,17 @@ int handleRequest(uint32_t type, const char* payload);
 // returns a newly allocated reply (free()) or nullptr.
 void* wifiServiceReply(const void* request, size_t length);
 
+// A WPS session of interface `ifName` began: the data model's running status
+// becomes "Requested", and the outcome once `walkMs` have passed.
+void wpsSessionStarted(const std::string& ifName, const std::string& outcome, long walkMs);
+
 // Starts the stand-in services that run by themselves (the bandwidth
 // monitor), once per process.
 void startServices();
+
+// Follows the files of the home network and rebuilds the host table when
+// they change (hosts_watch.cpp); started with the services.
+void startHostsWatch();
 
 // Rebuilds the host table from the leases, the association lists and the
 // host-probe database (a read of Device.Hosts. with update runs it).

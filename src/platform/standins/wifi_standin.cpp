@@ -134,9 +134,13 @@ void* wifiServiceReply(const void* request, size_t length) {
         return makeReply(req, -5, nullptr);
     std::lock_guard<std::mutex> lock(gWpsMutex);
     switch (req.type) {
-        case kWpsStart:
-            gSessions[ifName] = WpsSession{Clock::now(), knob("wifi.wps.outcome", "timeout")};
+        case kWpsStart: {
+            WpsSession session{Clock::now(), knob("wifi.wps.outcome", "timeout")};
+            gSessions[ifName] = session;
+            wpsSessionStarted(ifName, session.outcome,
+                              knobNumber("wifi.wps.walk_seconds", 120) * platformSecondMs());
             return statusReply(req, 1);
+        }
         case kWpsSet:
             return makeReply(req, 1, nullptr);
         case kWpsStatus:

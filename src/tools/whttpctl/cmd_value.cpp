@@ -15,6 +15,8 @@ namespace {
 
 constexpr size_t kMaxBatchFile = 1 << 20;
 
+}  // namespace
+
 // A TR-181 object path as it may stand in the URI: "Device." first, then
 // names, instance numbers and dots only.  Anything else (a '?', '&', '#',
 // '/', '%' or white space) would change what the request means.
@@ -27,6 +29,8 @@ int checkPath(const std::string& path) {
     }
     return kOk;
 }
+
+namespace {
 
 // `text` as a JSON object, or a one-line error.
 int parseObject(const std::string& text, JsonPtr& out) {

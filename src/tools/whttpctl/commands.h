@@ -2,6 +2,8 @@
 // to them.  Each returns the process's exit status.
 #pragma once
 
+#include <string>
+
 #include "cli.h"
 
 namespace whttpctl {
@@ -19,6 +21,12 @@ int cmdDel(Context& ctx);
 int cmdBatch(Context& ctx);
 int cmdSchema(Context& ctx);
 int cmdMethods(Context& ctx);
+
+// Whether `path` may stand in a request: kOk, or the usage error printed.
+int checkPath(const std::string& path);
+
+// Following the device's changes: cmd_watch.cpp
+int cmdWatch(Context& ctx);
 
 // Device actions and firmware: cmd_device.cpp
 int cmdReboot(Context& ctx);

@@ -39,6 +39,10 @@ const char* kHelp =
     "  mesh-reboot [--device ID]      restart the mesh, this device (controller) or one agent\n"
     "  mesh-reset [--device ID]       reset the settings of the mesh, likewise\n"
     "  fota check | fota upgrade      look for newer firmware; download and install it\n"
+    "  watch [PATH...]                print the device's changes as they happen (below the\n"
+    "                                 PATHs, ending in '.'), one JSON document per event;\n"
+    "                                 a dropped connection resumes where it left off; ends\n"
+    "                                 with status 0 when the session ends\n"
     "  discover [ADDRESS] [--port N] [--wait MS]\n"
     "                                 list the devices that answer the discovery datagram\n"
     "                                 (default: the LAN broadcast, port 263, 1000 ms); to\n"
@@ -75,6 +79,7 @@ const Command kCommands[] = {
     {"mesh-reset", 0, 0, true, cmdMeshReset},
     {"fota", 1, 1, true, cmdFota},
     {"discover", 0, 1, false, cmdDiscover},
+    {"watch", 0, 64, true, cmdWatch},
 };
 
 const Command* findCommand(const std::string& name) {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -150,6 +151,68 @@ bool Transport::send(const std::string& method, const std::string& target, const
         return false;
     }
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &out.status);
+    return true;
+}
+
+namespace {
+
+struct StreamSink {
+    CURL* curl;
+    const std::function<bool(const char*, size_t)>* onData;
+    Response* out;
+};
+
+// The body goes to the stream's reader while the answer is 200, else it is
+// kept (bounded) as any answer.
+size_t onStreamBody(char* data, size_t size, size_t n, void* user) {
+    auto* sink = static_cast<StreamSink*>(user);
+    long status = 0;
+    curl_easy_getinfo(sink->curl, CURLINFO_RESPONSE_CODE, &status);
+    if (status != 200)
+        return onBody(data, size, n, sink->out);
+    return (*sink->onData)(data, size * n) ? size * n : 0;
+}
+
+}  // namespace
+
+bool Transport::stream(const std::string& target, const std::string& cookie,
+                       const std::vector<std::string>& headers, long silenceMs,
+                       const std::function<bool(const char*, size_t)>& onData, Response& out,
+                       std::string& error) {
+    if (!curl_) {
+        error = "cannot initialise libcurl";
+        return false;
+    }
+    RequestBounds bounds;
+    bounds.totalMs = 0;  // as long as the stream lasts
+    configure(bounds);
+    CURL* c = curl_.get();
+    out = Response{};
+    std::string url = base_ + "/api/v1/" + target;
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    // Keep-alives come every 15 s: a longer silence is a dead connection.
+    curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, std::max(1L, silenceMs / 1000));
+    SlistPtr list;
+    for (const std::string& h : headers)
+        list.reset(curl_slist_append(list.release(), h.c_str()));
+    curl_easy_setopt(c, CURLOPT_HTTPHEADER, list.get());
+    std::string cookieText = "Session=" + cookie;
+    if (!cookie.empty())
+        curl_easy_setopt(c, CURLOPT_COOKIE, cookieText.c_str());
+    StreamSink sink{c, &onData, &out};
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, onStreamBody);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &sink);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &out);
+    char message[CURL_ERROR_SIZE] = "";
+    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, message);
+    CURLcode rc = curl_easy_perform(c);
+    curl_easy_setopt(c, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &out.status);
+    if (rc != CURLE_OK && rc != CURLE_WRITE_ERROR) {
+        error = message[0] ? message : curl_easy_strerror(rc);
+        return false;
+    }
     return true;
 }
 

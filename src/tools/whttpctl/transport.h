@@ -4,8 +4,10 @@
 
 #include <curl/curl.h>
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace whttpctl {
 
@@ -34,6 +36,16 @@ class Transport {
     bool send(const std::string& method, const std::string& target, const std::string& body,
               const std::string& cookie, const RequestBounds& bounds, Response& out,
               std::string& error);
+    // Opens GET baseUrl/api/v1/TARGET as an event stream and hands each piece
+    // of its body to `onData` while it lasts (a stream that answers 200); an
+    // answer of any other status is kept whole in `out`.  `onData` returns
+    // false to stop.  The transfer ends with the connection; a silence
+    // longer than `silenceMs` ends it too.  False with `error` when the
+    // connection failed or broke.
+    bool stream(const std::string& target, const std::string& cookie,
+                const std::vector<std::string>& headers, long silenceMs,
+                const std::function<bool(const char*, size_t)>& onData, Response& out,
+                std::string& error);
     // `text` escaped for a query value.
     std::string escape(const std::string& text);
 
