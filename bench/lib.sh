@@ -1,5 +1,6 @@
 # Shared by the load benchmarks: a fresh device root without a session limit
-# and the daemon started in it.  Sets root, port and pid; the EXIT trap stops
+# and the daemon started in it (BENCH_LIMITS: more of WHTTPD_HTTP_LIMITS;
+# BENCH_SECOND_MS: the platform second, 10 ms unless given).  Sets root, port and pid; the EXIT trap stops
 # the daemon and removes the root.
 root=$(mktemp -d /tmp/whttpd-bench-XXXXXX)
 pid=
@@ -10,7 +11,7 @@ build/wcfgctl init >/dev/null
 build/wcfgctl set Device.X_OLVEX_LoginCfg. '{"MaximumLoginAccountNumber":0}' >/dev/null
 # The load comes from one address with more connections than a LAN client
 # opens (the default ceiling per address is 16).
-WHTTPD_HTTP_LIMITS=per_address=128 WHTTPD_SECOND_MS=10 build/whttpd_rest -s $port >/dev/null 2>&1 &
+WHTTPD_HTTP_LIMITS=per_address=128${BENCH_LIMITS:+,$BENCH_LIMITS} WHTTPD_SECOND_MS=${BENCH_SECOND_MS:-10} build/whttpd_rest -s $port >/dev/null 2>&1 &
 pid=$!
 until (exec 3<>/dev/tcp/127.0.0.1/$port) 2>/dev/null; do sleep 0.05; done
 sleep 0.5

@@ -1,7 +1,7 @@
 // Whole requests through the daemon's listener, in process, against a real
 // store in a device root of its own: the login and account bodies, the
 // value handlers' bodies (one object, batches, adds) and paths, the schema
-// and method list.  The first input byte picks the method and whether the
+// and method list, the event stream's paths and Last-Event-ID.  The first input byte picks the method and whether the
 // request carries the fuzzer's session cookie and key; the rest is the
 // target below "/api/v1/", a newline, and the body.
 //
@@ -19,29 +19,39 @@
 #include "platform/http/cg_http_internal.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
+#include "rest/events/event_hub.h"
 #include "rest/whttpd_rest.h"
 
 namespace http = boost::beast::http;
 
 namespace {
 
+// A connection that takes answers, but cannot carry an event stream: an
+// Events request runs its checks and gives its place back.
 struct Capture : HttpOutput {
     std::string bytes;
     void send(std::string b) override { bytes += b; }
     bool failed() const override { return false; }
+    std::shared_ptr<CgHttpStream> openStream(std::string head, const CgHttpStreamLimits&, bool,
+                                             std::function<void()>) override {
+        bytes += head;
+        return nullptr;
+    }
 };
 
 std::string gSession;
 long gKey = 0;
 
 std::string run(const char* method, const std::string& target, const std::string& body,
-                bool withSession) {
+                bool withSession, const std::string& lastEventId = "") {
     http::request<http::string_body> msg;
     msg.method_string(method);
     msg.target(target);
     msg.version(11);
     if (withSession && !gSession.empty())
         msg.set(http::field::cookie, "Session=" + gSession);
+    if (!lastEventId.empty())
+        msg.set("Last-Event-ID", lastEventId);
     msg.body() = body;
     msg.prepare_payload();
     CgHttpRequest r;
@@ -87,6 +97,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (root.empty() || !wHttpSchemaLoad())
         abort();
     wHttpRestInit();
+    wHttpEventsStart(WHttpEventLimits{});
     wcfg_msg_eidInit(WCFG_EID_WHTTPD, "wHttpd_rest");
     login();
     return 0;
@@ -108,7 +119,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (withKey)
         target += (target.find('?') == std::string::npos ? "?" : "&") + std::string("sessionkey=") +
                   std::to_string(gKey);
-    std::string answer = run(method, target, body, withSession);
+    // An event stream takes no body: the body's text is its Last-Event-ID.
+    bool events = target.find("Events") != std::string::npos;
+    std::string lastEventId =
+        events && body.find_first_of(std::string("\r\n\0", 3)) == std::string::npos ? body : "";
+    std::string answer = run(method, target, body, withSession, lastEventId);
     fuzzRequireUtf8(bodyOf(answer));
     // An account change is undone, so that the next inputs still get in.
     if (target.find("UserUpdate") != std::string::npos &&

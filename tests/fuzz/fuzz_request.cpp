@@ -1,15 +1,19 @@
 // Raw bytes from the network as the HTTP adapter takes them: the parser with
 // the daemon's limits, then the request record the listener sees (target,
 // query parameters, cookies, headers, body), the TR181 path and
-// "first_level_only", and the body check of the value handlers.
+// "first_level_only", the body check of the value handlers, and an event
+// stream's watched paths and Last-Event-ID.
 #include <boost/beast/http.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "datamodel/path_parse.h"
 #include "fuzz_common.h"
 #include "platform/http/cg_http_internal.h"
 #include "platform/json_util.h"
+#include "rest/events/event_text.h"
 
 namespace http = boost::beast::http;
 
@@ -33,6 +37,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     cg_http_request_getcookie(&r, "Session");
     cg_http_request_getcookie(&r, "Session");  // parsed once, found again
     cg_http_request_getheader(&r, "Content-Length");
+    // An event stream's watched paths and the id it resumes from.
+    std::vector<std::string> watched;
+    for (size_t i = 0, n = cg_http_request_getparamcount(&r, "path"); i < n; ++i) {
+        const char* p = cg_http_request_getparamat(&r, "path", i);
+        if (wHttpWatchPathWellFormed(p)) {
+            fuzzRequireUtf8(p);
+            watched.emplace_back(p);
+        }
+    }
+    wHttpPathWatched(watched, r.uri);
+    if (const char* last = cg_http_request_getheader(&r, "Last-Event-ID"))
+        wHttpParseLastEventId(last);
     char path[256] = "";
     int firstLevelOnly = 0;
     if (wHttpParseTR181Path(&r, path, &firstLevelOnly) == 0)

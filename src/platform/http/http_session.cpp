@@ -285,6 +285,9 @@ void HttpSession::startStreaming() {
     // and the stream's own queue says how far behind the client may fall.
     boost::system::error_code ec;
     lowest().socket().set_option(net::socket_base::send_buffer_size(kStreamSendBuffer), ec);
+    // Nothing more is read but a probe: the request's buffer goes.
+    buffer_.consume(buffer_.size());
+    buffer_.shrink_to_fit();
     if (!writeBusy_)
         disarm();
     tls_->async_read_some(net::buffer(streamProbe_),
