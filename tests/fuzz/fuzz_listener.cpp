@@ -10,6 +10,7 @@
 #include <boost/beast/http.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -98,6 +99,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         abort();
     wHttpRestInit();
     wHttpEventsStart(WHttpEventLimits{});
+    // Its threads end before the store they follow goes away.
+    atexit(wHttpEventsStop);
     wcfg_msg_eidInit(WCFG_EID_WHTTPD, "wHttpd_rest");
     login();
     return 0;
