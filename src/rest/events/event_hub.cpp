@@ -32,7 +32,6 @@ using Clock = std::chrono::steady_clock;
 
 // Journal entries read per query.
 constexpr int kJournalBatch = 512;
-const CgHttpStreamLimits kQueue{256, 256 * 1024};
 
 // A stream as the hub keeps it.  The flags are read by request threads
 // (admission) while the hub thread sets them; the rest is the hub thread's.
