@@ -2,8 +2,10 @@
 # The daemon beside nginx in one run on this machine: GET of one object
 # (Device.DeviceInfo.) from the daemon against nginx serving the same JSON as
 # a static file with the same certificate, both over HTTPS with keep-alive
-# connections driven by wrk; then the whole Device. subtree from the daemon,
-# and the daemon's resident memory.
+# connections driven by wrk; the server CPU time per new TLS connection
+# (Connection: close) of both; then the whole Device. subtree from the
+# daemon, its memory (resident, and anonymous: what no other process can
+# share) idle and after the load, and its start-up to the first HTTPS answer.
 #   bench/compare.sh [CONNECTIONS [SECONDS]]     (default 32 connections, 10 s)
 # Installs wrk and nginx from Debian's packages when they are missing, and
 # builds build/ (g++, RelWithDebInfo).
@@ -28,6 +30,8 @@ scripts/build build g++ >/dev/null
 
 . bench/lib.sh
 idle_rss=$(awk '/VmRSS/ {print $2}' /proc/$pid/status)
+anon() { awk '/^Anonymous:/ {print $2}' /proc/$1/smaps_rollup; }
+idle_anon=$(anon $pid)
 api=https://127.0.0.1:$port/api/v1
 object=TR181/Value/Device.DeviceInfo.
 
@@ -86,6 +90,26 @@ ms() {
                            printf "%.2f", n }'
 }
 peak() { awk '/VmHWM/ {print $2}' /proc/$pid/status; }
+# CPU time (ms) of processes, user and system.
+cpu() {
+    local total=0 p
+    for p in "$@"; do
+        total=$(( total + $(awk '{print $14 + $15}' /proc/$p/stat) ))
+    done
+    echo $(( total * 1000 / $(getconf CLK_TCK) ))
+}
+# Server CPU per new TLS connection: wrk with Connection: close opens one
+# connection per request; the server's CPU time over the run divided by the
+# requests done.
+perconn() {
+    local url=$1 c0 c1 out n
+    shift
+    c0=$(cpu "$@")
+    out=$(wrk -t2 -c8 -d"${secs}s" -H "$cookie" -H "Connection: close" "$url")
+    c1=$(cpu "$@")
+    n=$(printf '%s' "$out" | awk '/requests in/ {print $1}')
+    awk -v c=$((c1 - c0)) -v n="$n" 'BEGIN { printf "%.3f", n ? c / n : 0 }'
+}
 
 # The two servers take turns, twice, so that a change in the machine's load
 # falls on both: req/s and p50 are the means of the two turns, p99 the worse.
@@ -102,6 +126,9 @@ read -r n2 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
 read -r d_rps d_p50 d_p99 < <(both $d1 $d2)
 read -r n_rps n_p50 n_p99 < <(both $n1 $n2)
 secs=$full
+nworkers=$(ps --ppid $npid -o pid= | tr '\n' ' ')
+d_conn=$(perconn "$api/$object" $pid)
+n_conn=$(perconn "https://127.0.0.1:$nport/object.json" $npid $nworkers)
 read -r t1_rps t1_p50 t1_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" 1)
 read -r t_rps t_p50 t_p99 < <(run "$api/TR181/Value/Device.?first_level_only=false" "$conns")
 
@@ -112,4 +139,14 @@ printf '  %-34s %10s %9s %9s\n' "nginx (static file)" "$n_rps" "$n_p50" "$n_p99"
 printf '  %-34s %10s\n' "ratio whttpd/nginx" "$(awk -v a="$d_rps" -v b="$n_rps" 'BEGIN {printf "%.3f", a / b}')"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, 1 conn" "$t1_rps" "$t1_p50" "$t1_p99"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, $conns conn" "$t_rps" "$t_p50" "$t_p99"
-echo "  whttpd_rest RSS: idle ${idle_rss} kB, peak $(peak) kB"
+printf '  %-34s %10s ms %s\n' "server CPU per TLS connection" "$d_conn" "(whttpd_rest)"
+printf '  %-34s %10s ms %s\n' "" "$n_conn" "(nginx)"
+sleep 1
+echo "  whttpd_rest RSS: idle ${idle_rss} kB, peak $(peak) kB; anonymous: idle ${idle_anon} kB, after the load $(anon $pid) kB"
+# Start-up with the certificate in place: exec to the first HTTPS answer.
+kill -TERM $pid && wait $pid || true
+t0=$(date +%s%N)
+WHTTPD_SECOND_MS=10 build/whttpd_rest -s $port >/dev/null 2>&1 &
+pid=$!
+until curl -ksS -o /dev/null "$api/MethodList" 2>/dev/null; do sleep 0.002; done
+echo "  whttpd_rest start-up to the first HTTPS answer: $(( ($(date +%s%N) - t0) / 1000000 )) ms"

@@ -43,3 +43,15 @@ void wHttpEndRead(void) {
     for (auto release : releases)
         release();
 }
+
+namespace {
+thread_local bool tAskServices = true;
+}
+
+void wHttpSetReadsAskServices(bool ask) {
+    tAskServices = ask;
+}
+
+bool wHttpReadsAskServices(void) {
+    return tAskServices;
+}

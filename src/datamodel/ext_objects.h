@@ -35,3 +35,10 @@ const VxExtObjRow& vxExtObjRow(int row);
 void wHttpAtReadEnd(void (*release)(void));
 // Ends the current value GET of this thread: runs what was asked for.
 void wHttpEndRead(void);
+
+// Whether reads of this thread may ask the device's other services (the
+// Wi-Fi service's live WPS status), as a client's GET does; when not, they
+// show what the configuration holds, which those services keep in step.
+// The event hub reads so, so that a silent service never holds up a stream.
+void wHttpSetReadsAskServices(bool ask);
+bool wHttpReadsAskServices(void);

@@ -87,6 +87,20 @@ int wHttpDelTR181ObjGeneric(const char* path) {
     return wcfgFeObjJsonDel(oid, &iid, nullptr);
 }
 
+namespace {
+
+// A write through an extended object whose path names no stored object (a
+// view the daemon computes): the store's journal names only the objects
+// behind it, so the change is recorded under the view's own path too.
+int noteView(int ret, int kind, const char* path) {
+    objIndex_t iid;
+    if (ret == WCFG_SUCCESS && wcfgFeObjNameToObjId(path, &iid) < 0)
+        wcfgFeNoteChange(kind, path);
+    return ret;
+}
+
+}  // namespace
+
 int wHttpGetSingleTR181Obj(const char* path, const char* className, json_object** out) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() TR181ClassName=%s\n", __func__, className);
     int row = vxExtObjFind(className);
@@ -106,7 +120,7 @@ int wHttpSetSingleTR181Obj(const char* path, const char* className, json_object*
     const VxExtObjRow& ext = vxExtObjRow(row);
     if (!ext.set)
         return WCFG_INVALID_OBJECT;
-    return ext.set(path, row, values, apply);
+    return noteView(ext.set(path, row, values, apply), 1, path);
 }
 
 int wHttpAddSingleTR181Obj(char* path, const char* className, json_object* values, size_t size) {
@@ -116,7 +130,7 @@ int wHttpAddSingleTR181Obj(char* path, const char* className, json_object* value
     const VxExtObjRow& ext = vxExtObjRow(row);
     if (!ext.add)
         return WCFG_INVALID_OBJECT;
-    return ext.add(path, row, values);
+    return noteView(ext.add(path, row, values), 2, path);
 }
 
 int wHttpDelSingleTR181Obj(const char* path, const char* className) {
@@ -126,5 +140,5 @@ int wHttpDelSingleTR181Obj(const char* path, const char* className) {
     const VxExtObjRow& ext = vxExtObjRow(row);
     if (!ext.del)
         return WCFG_INVALID_OBJECT;
-    return ext.del(path, row);
+    return noteView(ext.del(path, row), 3, path);
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "platform/platform.h"
+#include "datamodel/ext_objects.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
@@ -190,6 +191,8 @@ int vxWifi_AP_WPS_Get(const char* path, int /*row*/, json_object** out) {
         WLOG(WLOG_DEBUG, VX_SRC, "[%s()] TriggerWPSPushButton not Enter\n", __func__);
         return WCFG_SUCCESS;
     }
+    if (!wHttpReadsAskServices())
+        return WCFG_SUCCESS;  // the running status as the Wi-Fi service stored it
     WLOG(WLOG_DEBUG, VX_SRC, "[%s()] TriggerWPSPushButton Enter\n", __func__);
     std::string ifName = interfaceOf(path);
     if (gWpsIsOk.load()) {

@@ -164,8 +164,8 @@ TEST_F(EventsTest, AccountEventsCarryNoSecretAndUserSessionsReadAsAUser) {
     EventStream admin, asUser;
     open(admin, "path=Device.X_OLVEX_LoginCfg.");
     open(asUser, "", {}, &user);
-    // A password change: the account's event, and never its secret.
-    ASSERT_EQ(0, root.wcfgctl({"passwd", "admin", "N3wSecret!pw"}));
+    // A password change of another account: its event, never its secret.
+    ASSERT_EQ(0, root.wcfgctl({"passwd", "supervisor", "N3wSecret!pw"}));
     std::optional<Event> e = admin.next(kWait);
     ASSERT_TRUE(e);
     EXPECT_EQ("change", e->name);

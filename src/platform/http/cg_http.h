@@ -62,7 +62,9 @@ const char* cg_http_request_getmethod(CgHttpRequest* request);
 // A query parameter by name (percent-decoded; the first of repeated names);
 // nullptr when absent.
 const char* cg_http_request_getparam(CgHttpRequest* request, const char* name);
-// Every value of a repeated query parameter, in order (percent-decoded).
+// Every value of a repeated query parameter, in order (percent-decoded); a
+// value whose decoding holds a NUL byte is given as nullptr, so that no
+// reader takes a part of it for the whole.
 size_t cg_http_request_getparamcount(CgHttpRequest* request, const char* name);
 const char* cg_http_request_getparamat(CgHttpRequest* request, const char* name, size_t index);
 // A header value by name (case-insensitive); nullptr when absent.

@@ -48,7 +48,7 @@ const char* cg_http_request_getparamat(CgHttpRequest* r, const char* name, size_
         return nullptr;
     for (const auto& [k, v] : r->params)
         if (k == name && index-- == 0)
-            return v.c_str();
+            return v.find('\0') == std::string::npos ? v.c_str() : nullptr;
     return nullptr;
 }
 

@@ -50,12 +50,28 @@ struct Watcher {
 // Never destroyed: the exit handler still reaches it.
 Watcher* const gWatcher = new Watcher;
 
+void addWatch(size_t i) {
+    const uint32_t mask = IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE | IN_DELETE;
+    gWatcher->wd[i] =
+        inotify_add_watch(gWatcher->inotifyFd, platformPath(kWatched[i].dir).c_str(), mask);
+}
+
+// Whether an event may concern the hosts.  A queue that overflowed lost
+// events, and a directory that went away lost its watch (it is watched
+// again): either way the hosts are read again rather than risk a change
+// going unseen.
 bool relevant(const inotify_event& ev) {
+    if (ev.mask & IN_Q_OVERFLOW)
+        return true;
     for (size_t i = 0; i < std::size(kWatched); ++i) {
-        if (ev.wd != gWatcher->wd[i] || ev.len == 0)
+        if (ev.wd != gWatcher->wd[i])
             continue;
+        if (ev.mask & IN_IGNORED) {
+            addWatch(i);
+            return true;
+        }
         for (const char* name : kWatched[i].names)
-            if (name && !strcmp(ev.name, name))
+            if (ev.len && name && !strcmp(ev.name, name))
                 return true;
     }
     return false;
@@ -123,10 +139,8 @@ void startHostsWatch() {
         gWatcher->stopFd = eventfd(0, EFD_CLOEXEC);
         if (gWatcher->inotifyFd < 0 || gWatcher->stopFd < 0)
             return;
-        const uint32_t mask = IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE | IN_DELETE;
         for (size_t i = 0; i < std::size(kWatched); ++i)
-            gWatcher->wd[i] =
-                inotify_add_watch(gWatcher->inotifyFd, platformPath(kWatched[i].dir).c_str(), mask);
+            addWatch(i);
         gWatcher->thread = std::thread(watchLoop);
         atexit(stopWatch);
     });

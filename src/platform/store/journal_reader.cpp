@@ -13,11 +13,18 @@ bool JournalReader::ready() {
     return db_->open(storeDatabaseFile());
 }
 
-bool JournalReader::since(uint64_t after, int limit, std::vector<JournalEntry>& out) {
+bool JournalReader::since(uint64_t after, int limit, std::vector<JournalEntry>& out,
+                          uint64_t* oldest, uint64_t* latest) {
     if (!ready() || !db_->beginRead())
         return false;
-    bool ok = db_->journalSince(after, limit, out);
+    uint64_t first = 0, last = 0;
+    bool ok = (!oldest && !latest) || db_->journalBounds(first, last);
+    ok = ok && db_->journalSince(after, limit, out);
     db_->rollback();
+    if (oldest)
+        *oldest = first;
+    if (latest)
+        *latest = last;
     return ok;
 }
 

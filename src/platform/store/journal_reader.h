@@ -15,8 +15,11 @@ namespace wcfg {
 class JournalReader {
   public:
     // Up to `limit` entries after `after`, oldest first; false when the
-    // database cannot be read.
-    bool since(uint64_t after, int limit, std::vector<JournalEntry>& out);
+    // database cannot be read.  With `oldest` and `latest`, the bounds of the
+    // journal as of the same read (so that a reader tells whether entries
+    // after `after` were trimmed before it got to them).
+    bool since(uint64_t after, int limit, std::vector<JournalEntry>& out,
+               uint64_t* oldest = nullptr, uint64_t* latest = nullptr);
     // The oldest entry kept (latest + 1 when none is) and the latest number.
     bool bounds(uint64_t& oldest, uint64_t& latest);
 

@@ -606,6 +606,13 @@ int Store::del(int32_t oid, objIndex_t* iid, const WriteMode& mode) {
     return WCFG_SUCCESS;
 }
 
+int Store::noteChange(JournalKind kind, const std::string& path) {
+    Write w(*this);
+    if (!w.ok() || !journal(kind, path) || !w.commit(false))
+        return WCFG_INTERNAL_ERROR;
+    return WCFG_SUCCESS;
+}
+
 int Store::resetToDefaults() {
     {
         Write w(*this);

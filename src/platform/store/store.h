@@ -61,6 +61,9 @@ class Store {
     // Deletes an instance; tables without "create" only by the device's own
     // writes (mode.readOnly).
     int del(int32_t oid, objIndex_t* iid, const WriteMode& mode = WriteMode{});
+    // A journal entry of its own, for a change the store does not hold (a
+    // computed view); followers hear of it like any other.
+    int noteChange(JournalKind kind, const std::string& path);
     // Replaces the whole configuration with the defaults.
     int resetToDefaults();
     // The version of the configuration this thread reads: it changes with

@@ -95,6 +95,10 @@ int wcfgFeObjJsonDel(int32_t oid, objIndex_t* iid, void* reserved);
 // any process: a reader that keeps something derived from the configuration
 // knows from it when to derive again.
 uint64_t wcfgFeDataVersion(void);
+// Records in the change journal a change that the store cannot see itself:
+// a view of the configuration that a program computes (kind: 1 changed,
+// 2 added, 3 deleted, as wcfg::JournalKind).  0, or WCFG_INTERNAL_ERROR.
+int wcfgFeNoteChange(int kind, const char* path);
 
 // Sends a request by type (reboot, reset, image check, upgrade) with an
 // optional payload (the image path).

@@ -64,3 +64,9 @@ int wcfgFeObjJsonDel(int32_t oid, objIndex_t* iid, void* /*reserved*/) {
 uint64_t wcfgFeDataVersion(void) {
     return wcfg::Store::instance().version();
 }
+
+int wcfgFeNoteChange(int kind, const char* path) {
+    if (!path || kind < 1 || kind > 3)
+        return WCFG_INVALID_ARGUMENTS;
+    return wcfg::Store::instance().noteChange(static_cast<wcfg::JournalKind>(kind), path);
+}

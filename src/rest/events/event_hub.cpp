@@ -10,6 +10,7 @@
 // callback take nothing but that lock.
 #include "rest/events/event_hub.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -18,11 +19,13 @@
 #include <thread>
 
 #include "auth/login_auth.h"
+#include "datamodel/ext_objects.h"
 #include "auth/session_events.h"
 #include "platform/log.h"
 #include "platform/platform.h"
 #include "platform/store/journal_reader.h"
 #include "platform/store/store.h"
+#include "platform/store/wcfg.h"
 #include "rest/events/event_render.h"
 #include "rest/events/event_text.h"
 
@@ -75,8 +78,13 @@ class Hub {
     void run();
     Work waitForWork();
     Clock::time_point nextKeepAlive() const;
-    bool readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out);
-    void deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to);
+    bool readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out,
+                     uint64_t* oldest = nullptr, uint64_t* latest = nullptr);
+    bool readNew(std::vector<wcfg::JournalEntry>& entries);
+    void resyncAll(const std::vector<EntryPtr>& streams, const char* reason);
+    void deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
+                 bool live);
+    std::string frameFor(const wcfg::JournalEntry& j, int group, bool live);
     void startStream(const EntryPtr& e);
     void endStreams(const Work& w);
     void keepAlive(const std::vector<EntryPtr>& streams);
@@ -96,6 +104,8 @@ class Hub {
     uint64_t seq_ = 0;  // the last journal entry read; written by the hub under m_
     std::thread hub_, follower_;
     wcfg::JournalReader journal_;  // the hub thread's
+    // What the live streams were last told of each computed view, per group.
+    std::map<std::pair<std::string, int>, std::string> lastView_;
 };
 
 Hub& hub() {
@@ -260,43 +270,79 @@ Hub::Work Hub::waitForWork() {
 
 void Hub::run() {
     platformBlockStopSignals();
+    // The hub reads what the configuration holds and never waits for a
+    // service of the device: a silent one would hold up every stream.
+    wHttpSetReadsAskServices(false);
     for (;;) {
         Work w = waitForWork();
         if (w.stopping)
             return shutdownStreams();
-        if (w.moved) {
-            std::vector<wcfg::JournalEntry> entries;
-            uint64_t after;
-            {
-                std::lock_guard<std::mutex> lock(m_);
-                after = seq_;
-            }
-            if (readJournal(after, entries) && !entries.empty()) {
-                {
-                    std::lock_guard<std::mutex> lock(m_);
-                    seq_ = entries.back().seq;
-                }
-                std::vector<EntryPtr> live;
-                for (const EntryPtr& e : w.streams)
-                    if (e->started && !e->ended)
-                        live.push_back(e);
-                deliver(entries, live);
-            }
+        std::vector<wcfg::JournalEntry> entries;
+        bool lost = w.moved && !readNew(entries);
+        // A session that ended before these entries were written hears none
+        // of them: the ends noted by now and the session checks come first
+        // (the accounts are read after the journal, so they are as new).
+        {
+            std::lock_guard<std::mutex> lock(m_);
+            for (Ending& x : endings_)
+                w.endings.push_back(std::move(x));
+            endings_.clear();
         }
+        endStreams(w);
+        std::vector<EntryPtr> live;
+        for (const EntryPtr& e : w.streams)
+            if (e->started && !e->ended)
+                live.push_back(e);
+        if (lost)
+            resyncAll(live, "events lost");
+        deliver(entries, live, true);
         for (const EntryPtr& e : w.streams)
             if (e->ready && !e->started && !e->ended)
                 startStream(e);
-        endStreams(w);
         keepAlive(w.streams);
         prune();
     }
 }
 
-// Every entry after `after` there is now.
-bool Hub::readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out) {
-    for (;;) {
+// The entries written since the last read, and the new last number; false
+// when entries were trimmed before the hub read them (the hub fell behind by
+// more than the journal keeps).
+bool Hub::readNew(std::vector<wcfg::JournalEntry>& entries) {
+    uint64_t after;
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        after = seq_;
+    }
+    uint64_t oldest = 0, latest = 0;
+    if (!readJournal(after, entries, &oldest, &latest))
+        return true;
+    uint64_t last = entries.empty() ? std::max(after, latest) : entries.back().seq;
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        seq_ = last;
+    }
+    return !(latest > after && oldest > after + 1);
+}
+
+void Hub::resyncAll(const std::vector<EntryPtr>& streams, const char* reason) {
+    uint64_t id;
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        id = seq_;
+    }
+    std::string frame = wHttpEventFrame(id, "resync", wHttpEventReasonData(reason));
+    for (const EntryPtr& e : streams)
+        send(*e, id, frame);
+}
+
+// Every entry after `after` there is now; the journal's bounds as of the
+// first read.
+bool Hub::readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out, uint64_t* oldest,
+                      uint64_t* latest) {
+    for (bool first = true;; first = false) {
         size_t had = out.size();
-        if (!journal_.since(after, kJournalBatch, out)) {
+        if (!journal_.since(after, kJournalBatch, out, first ? oldest : nullptr,
+                            first ? latest : nullptr)) {
             WLOG(WLOG_ERR, WHTTPD_SRC, "event hub: the change journal cannot be read\n");
             return false;
         }
@@ -319,7 +365,8 @@ const char* eventName(wcfg::JournalKind kind) {
 
 // Each entry once for each login group that watches it: the object is read
 // as that group would read it.
-void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to) {
+void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
+                  bool live) {
     for (const wcfg::JournalEntry& j : entries) {
         if (j.kind == wcfg::JournalKind::Reset) {
             std::string frame =
@@ -335,43 +382,59 @@ void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vec
                 continue;
             int group = e->s->owner.group;
             auto it = byGroup.find(group);
-            if (it == byGroup.end()) {
-                std::string data = j.kind == wcfg::JournalKind::Delete
-                                       ? wHttpEventPathData(j.path)
-                                       : wHttpEventObjectData(j.path, group);
-                std::string frame = data.empty() ? "" : wHttpEventFrame(j.seq, eventName(j.kind), data);
-                it = byGroup.emplace(group, std::move(frame)).first;
-            }
+            if (it == byGroup.end())
+                it = byGroup.emplace(group, frameFor(j, group, live)).first;
             if (!it->second.empty())
                 send(*e, j.seq, it->second);
         }
     }
 }
 
+// The frame of an entry for a login group: "" when the group cannot read
+// the object now.  A computed view is recorded whenever it is written, also
+// when that changes nothing it shows: the live streams hear of it only when
+// it reads differently from what they were last told.
+std::string Hub::frameFor(const wcfg::JournalEntry& j, int group, bool live) {
+    if (j.kind == wcfg::JournalKind::Delete)
+        return wHttpEventFrame(j.seq, "delete", wHttpEventPathData(j.path));
+    std::string data = wHttpEventObjectData(j.path, group);
+    if (data.empty())
+        return "";
+    objIndex_t iid;
+    if (live && j.kind == wcfg::JournalKind::Change && wcfgFeObjNameToObjId(j.path.c_str(), &iid) < 0) {
+        std::string& last = lastView_[{j.path, group}];
+        if (last == data)
+            return "";
+        last = data;
+    }
+    return wHttpEventFrame(j.seq, eventName(j.kind), data);
+}
+
 // A new stream: the entries it resumes after, or a resync when they are no
 // longer kept; then it follows the journal with the others.
 void Hub::startStream(const EntryPtr& e) {
-    uint64_t oldest = 0, latest = 0, now;
+    uint64_t now;
     {
         std::lock_guard<std::mutex> lock(m_);
         now = seq_;
     }
     const WHttpEventStream& s = *e->s;
-    if (s.resumeAfter || s.resumeUnreadable) {
-        bool kept = !s.resumeUnreadable && journal_.bounds(oldest, latest) &&
-                    *s.resumeAfter + 1 >= oldest && *s.resumeAfter <= latest;
-        if (kept) {
-            e->from = *s.resumeAfter;
-        } else {
-            e->from = now;
-            send(*e, now, wHttpEventFrame(now, "resync", wHttpEventReasonData("events lost")));
-        }
-    }
+    bool resuming = s.resumeAfter || s.resumeUnreadable;
+    if (resuming)
+        e->from = s.resumeUnreadable ? now : *s.resumeAfter;
+    // The backlog and the journal's bounds in one read: entries trimmed in
+    // between would otherwise go missing unnoticed.
     std::vector<wcfg::JournalEntry> backlog;
-    if (e->from < now && readJournal(e->from, backlog)) {
-        std::erase_if(backlog, [&](const wcfg::JournalEntry& j) { return j.seq > now; });
-        deliver(backlog, {e});
+    uint64_t oldest = 0, latest = 0;
+    bool read = readJournal(std::min(e->from, now), backlog, &oldest, &latest);
+    bool kept = read && !s.resumeUnreadable && e->from + 1 >= oldest && e->from <= latest;
+    if (resuming && !kept) {
+        e->from = now;
+        backlog.clear();
+        send(*e, now, wHttpEventFrame(now, "resync", wHttpEventReasonData("events lost")));
     }
+    std::erase_if(backlog, [&](const wcfg::JournalEntry& j) { return j.seq > now; });
+    deliver(backlog, {e}, false);
     e->from = std::max(e->from, now);
     e->started = true;
     e->lastWrite = Clock::now();
@@ -422,7 +485,7 @@ bool Hub::endingNoted(const WHttpSessionRef& owner) {
 // entry gone), checked every cycle.
 void Hub::endStreams(const Work& w) {
     for (const EntryPtr& e : w.streams) {
-        if (!e->started || e->ended)
+        if (!e->ready || e->ended)
             continue;
         const Ending* told = nullptr;
         for (const Ending& x : w.endings)

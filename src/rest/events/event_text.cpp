@@ -37,20 +37,24 @@ bool wHttpWatchPathWellFormed(std::string_view path) {
     constexpr std::string_view kRoot = "Device.";
     if (path.size() > 255 || path.substr(0, kRoot.size()) != kRoot)
         return false;
-    size_t segment = 0;  // characters in the current segment
-    for (size_t i = kRoot.size(); i < path.size(); ++i) {
+    size_t start = kRoot.size();  // of the current segment
+    bool digits = true;           // so far, the segment is a number
+    for (size_t i = start; i < path.size(); ++i) {
         unsigned char c = static_cast<unsigned char>(path[i]);
         if (c == '.') {
-            if (segment == 0)
+            // An instance number is written as the device writes it: a
+            // leading zero would name the instance, yet match no change.
+            if (i == start || (digits && path[start] == '0'))
                 return false;
-            segment = 0;
+            start = i + 1;
+            digits = true;
         } else if (isalnum(c) || c == '_' || c == '-') {
-            ++segment;
+            digits = digits && isdigit(c);
         } else {
             return false;
         }
     }
-    return segment == 0;
+    return start == path.size();
 }
 
 bool wHttpPathWatched(const std::vector<std::string>& watched, std::string_view path) {

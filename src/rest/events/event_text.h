@@ -21,8 +21,8 @@ extern const char kWHttpKeepAliveFrame[];
 std::optional<uint64_t> wHttpParseLastEventId(std::string_view text);
 
 // Whether `path` may be watched as it is written: "Device." and then name
-// segments of letters, digits, '_' and '-' (instance numbers included), each
-// ending in '.', at most 255 characters.  Whether the data model has such an
+// segments of letters, digits, '_' and '-' (instance numbers included, with
+// no leading zero), each ending in '.', at most 255 characters.  Whether the data model has such an
 // object is checked apart.
 bool wHttpWatchPathWellFormed(std::string_view path);
 // Whether an object path lies in one of the watched subtrees (all of them
