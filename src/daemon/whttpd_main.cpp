@@ -106,6 +106,7 @@ CgHttpServer* openHttpsServer(int port) {
         }
     }
     cg_http_server_setlistener(server, wHttpRequestReceived_RESTfulAPI);
+    cg_http_server_setquick(server, wHttpRequestIsQuick);
     return server;
 }
 

@@ -10,6 +10,7 @@
 #include "datamodel/obj_by_path.h"
 #include "datamodel/path_parse.h"
 #include "datamodel/return_codes.h"
+#include "datamodel/value_cache.h"
 #include "platform/json_util.h"
 #include "platform/platform.h"
 #include "platform/store/wcfg.h"
@@ -102,10 +103,18 @@ void applyBatch(json_object* list) {
 
 int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
-    json_object* doc = json_object_new_object();
     char path[256] = "";
     int firstLevelOnly = 1;
     int ret = wHttpParseTR181Path(request, path, &firstLevelOnly);
+    // The same answer as the last read of the path, while nothing it shows
+    // can have changed.
+    WHttpValueStamp stamp = wHttpValueStampNow();
+    std::string text;
+    if (ret == 0 && wHttpValueCacheFind(path, firstLevelOnly, stamp, text)) {
+        wHttpJsonTextResponse_restapi(request, std::move(text), chunked);
+        return 1;
+    }
+    json_object* doc = json_object_new_object();
     wHttpSetRequestedPath(doc, path);
     json_object* answer = nullptr;
     if (ret == 0) {
@@ -121,7 +130,11 @@ int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
             json_object_put(answer);
         wHttpSetOperStatus(doc, "Invalid object");
     }
-    send(request, doc, chunked, 0);
+    text = wHttpAnswerText(doc);
+    json_object_put(doc);
+    if (path[0])
+        wHttpValueCacheKeep(path, firstLevelOnly, stamp, text);
+    wHttpJsonTextResponse_restapi(request, std::move(text), chunked);
     // The next request on this thread loads and refreshes what it reads again.
     wHttpEndRead();
     return 1;

@@ -3,6 +3,8 @@
 #include "extobj/whttpd_extobj.h"
 
 #include <atomic>
+#include <cstring>
+#include <string>
 
 #include "datamodel/oid_names.h"
 #include "platform/store/wcfg.h"
@@ -27,7 +29,20 @@ const VxExtObjRow gVxExtObjTable[] = {
 
 namespace {
 std::atomic<int> gOperationMode{0};
+
+const char* const kReadsThatWait[] = {"Device.Hosts.", "Device.Hosts.Host.i.",
+                                      "Device.DeviceInfo.WanInfo.",
+                                      "Device.WiFi.AccessPoint.i.WPS."};
 }  // namespace
+
+// The class itself, or, for a table, its instances.
+bool vxExtObjReadMayWait(const char* className) {
+    std::string table = std::string(className) + "i.";
+    for (const char* waits : kReadsThatWait)
+        if (table == waits || !strcmp(className, waits))
+            return true;
+    return false;
+}
 
 void vxExtObjRegister(void) {
     vxExtObjSetTable(gVxExtObjTable);

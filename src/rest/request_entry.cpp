@@ -38,12 +38,16 @@ bool modifying(uint8_t method) {
     return method & (kWHttpPut | kWHttpPost | kWHttpDelete);
 }
 
-const WHttpUriRow* findRow(const char* name) {
+}  // namespace
+
+const WHttpUriRow* wHttpFindUriRow(const char* name) {
     for (const WHttpUriRow* row = gRestUriTable; row->name; ++row)
         if (strncmp(name, row->name, strlen(row->name)) == 0)
             return row;
     return nullptr;
 }
+
+namespace {
 
 // Whether the request's "sessionkey" is its session's key.
 bool keyHeld(CgHttpRequest* request) {
@@ -116,7 +120,7 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "use restApiHandler_v1\n");
     const char* name = uri + 8;
     uint8_t method = methodBit(cg_http_request_getmethod(request));
-    const WHttpUriRow* row = findRow(name);
+    const WHttpUriRow* row = wHttpFindUriRow(name);
     WcfgCallerScope caller(WCFG_CALLER_NONE);
     if (!admitted(ctx, name, row, method))
         return;

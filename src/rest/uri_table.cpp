@@ -27,32 +27,38 @@ constexpr WHttpAccess kRead = WHttpAccess::SessionRead;
 constexpr WHttpOtherMethod kNone = WHttpOtherMethod::Unanswered;
 constexpr WHttpOtherMethod kBadMethod = WHttpOtherMethod::InvalidMethod;
 constexpr WHttpOtherMethod kBadKey = WHttpOtherMethod::InvalidKey;
+constexpr WHttpQuick kWorker = WHttpQuick::No;
+constexpr WHttpQuick kQuick = WHttpQuick::Yes;
+constexpr WHttpQuick kQuickRead = WHttpQuick::ValueRead;
 
 }  // namespace
 
 // Rows are matched by prefix, first row first, so their order matters; it is
 // also the order of the method list.
 const WHttpUriRow gRestUriTable[] = {
-    // name                  handler                                methods access  lock  other
-    {"UserLogin", wHttpUserLoginHandle, kAny, kOpen, false, kNone},
-    {"UserLogout", wHttpUserLogoutHandle, kAny, kSession, false, kNone},
-    {"MethodList", wHttpGetMethodListHandle, kGet, kSession, false, kNone},
-    {"Reboot", wHttpRebootHandle, kAction, kDevice, false, kBadKey},
-    {"MeshReboot", wHttpMeshRebootHandle, kAction, kDevice, false, kBadKey},
-    {"MeshResetAllSetting", wHttpMeshResetAllSettingHandle, kAction, kDevice, false, kBadKey},
-    {"UserUpdate", wHttpUserUpdateHandle, kAny, kSession, false, kNone},
-    {"APPUICustomization", wHttpAPPUICustomization, kGet, kSession, false, kNone},
-    {"TR181/Value/", wHttpTR181ValueHandle, kValue, kSession, true, kBadMethod},
+    // name                  handler                      methods access  lock  other  GET
+    {"UserLogin", wHttpUserLoginHandle, kAny, kOpen, false, kNone, kWorker},
+    {"UserLogout", wHttpUserLogoutHandle, kAny, kSession, false, kNone, kWorker},
+    {"MethodList", wHttpGetMethodListHandle, kGet, kSession, false, kNone, kQuick},
+    {"Reboot", wHttpRebootHandle, kAction, kDevice, false, kBadKey, kWorker},
+    {"MeshReboot", wHttpMeshRebootHandle, kAction, kDevice, false, kBadKey, kWorker},
+    {"MeshResetAllSetting", wHttpMeshResetAllSettingHandle, kAction, kDevice, false, kBadKey,
+     kWorker},
+    {"UserUpdate", wHttpUserUpdateHandle, kAny, kSession, false, kNone, kWorker},
+    {"APPUICustomization", wHttpAPPUICustomization, kGet, kSession, false, kNone, kQuick},
+    {"TR181/Value/", wHttpTR181ValueHandle, kValue, kSession, true, kBadMethod, kQuickRead},
     // Never reached: "TR181/Value/" is a prefix of it; same handler.
-    {"TR181/Value/MultiObjects", wHttpTR181ValueHandle, kValue, kSession, true, kBadMethod},
-    {"TR181/SupportedDM/", wHttpTR181SupportedDMHandle, kAny, kSession, false, kNone},
+    {"TR181/Value/MultiObjects", wHttpTR181ValueHandle, kValue, kSession, true, kBadMethod,
+     kWorker},
+    {"TR181/SupportedDM/", wHttpTR181SupportedDMHandle, kAny, kSession, false, kNone, kWorker},
     // Before "FOTA", of which it is an extension.
-    {"FOTA?action=online", wHttpOnlineFirmwareUpgradeHandle_FOTA, kAny, kSession, false, kNone},
-    {"FOTA", wHttpOnlineFirmwareUpgradeCheck_FOTA, kAny, kSession, false, kNone},
+    {"FOTA?action=online", wHttpOnlineFirmwareUpgradeHandle_FOTA, kAny, kSession, false, kNone,
+     kWorker},
+    {"FOTA", wHttpOnlineFirmwareUpgradeCheck_FOTA, kAny, kSession, false, kNone, kWorker},
     // A stream of the device's changes; after the rows above, whose order
     // clients know from the method list.
-    {"Events", wHttpEventsHandle, kGet, kRead, false, kBadMethod},
-    {nullptr, nullptr, 0, kOpen, false, kNone},
+    {"Events", wHttpEventsHandle, kGet, kRead, false, kBadMethod, kQuick},
+    {nullptr, nullptr, 0, kOpen, false, kNone, kWorker},
 };
 
 json_object* wHttpMethodList(void) {

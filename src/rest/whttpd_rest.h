@@ -43,6 +43,14 @@ enum class WHttpOtherMethod : uint8_t {
     InvalidKey,     // 403 "Invalid SessionKey"
 };
 
+// Whether a GET of the row is answered on the network thread that read it
+// (it only computes its answer), or goes to a worker.
+enum class WHttpQuick : uint8_t {
+    No,
+    Yes,
+    ValueRead,  // a value GET of one object or table, unless its read may wait
+};
+
 struct WHttpUriRow {
     const char* name;  // matched as a prefix of what follows "/api/v1/"
     WHttpUriHandler handler;
@@ -52,10 +60,15 @@ struct WHttpUriRow {
     // answer sent after its release.
     bool dataModelLock;
     WHttpOtherMethod otherMethod;
+    WHttpQuick quickGet;
 };
 
 // The URI table, first row first, ended by a row without a name.
 extern const WHttpUriRow gRestUriTable[];
+
+// The row of a name (what follows "/api/v1/"): the first whose name it
+// begins with, or nullptr.
+const WHttpUriRow* wHttpFindUriRow(const char* name);
 
 // The method list: "/api/v1/<row>" for every row, in table order.
 json_object* wHttpMethodList(void);
@@ -64,6 +77,8 @@ int wHttpGetMethodListHandle(CgHttpRequest* request, uint8_t chunked, int spare)
 
 // Request listener of the HTTPS server.
 void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request);
+// The server's choice of requests it answers on its network threads.
+bool wHttpRequestIsQuick(CgHttpRequest* request);
 
 // Connects the layers below at start-up: the session key renewal of the
 // response writer, the login answer's method list and the extended objects.

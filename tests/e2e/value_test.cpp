@@ -2,6 +2,8 @@
 // router: reads, writes, batches, adds, deletes, the schema and the method
 // list, with the real daemon, store and HTTPS client.
 #include <gtest/gtest.h>
+
+#include <csignal>
 #include <json-c/json.h>
 
 #include <memory>
@@ -323,4 +325,40 @@ TEST_F(Value, PathsAtTheLengthLimitAnswerAndTheDaemonLives) {
     EXPECT_EQ(200, batch.status);
     EXPECT_EQ("Success", operStatus(batch));
     EXPECT_EQ("Success", operStatus(get("Device.DeviceInfo.")));
+}
+
+// A read answered again unchanged must never hide a change: after each write
+// by another process, a toggled output form and a second of uptime, the
+// next read shows the new state.
+TEST_F(Value, RepeatedReadsShowEveryChangeAtOnce) {
+    for (int i = 0; i < 20; ++i) {
+        std::string code = "cache-" + std::to_string(i);
+        get("Device.DeviceInfo.");  // read once more before the change
+        ASSERT_EQ(0, root_->wcfgctl({"set", "Device.DeviceInfo.",
+                                     "{\"ProvisioningCode\":\"" + code + "\"}"}));
+        EXPECT_NE(std::string::npos, get("Device.DeviceInfo.").body.find(code)) << i;
+    }
+    // The compact form (SIGUSR2) is a form of its own.
+    std::string spaced = get("Device.DeviceInfo.").body;
+    daemon_->signal(SIGUSR2);
+    std::string compact;
+    for (int i = 0; i < 100 && compact.find("\":\"") == std::string::npos; ++i) {
+        e2e::sleepMs(10);
+        compact = get("Device.DeviceInfo.").body;
+    }
+    EXPECT_NE(std::string::npos, compact.find("\"oper_status\":\"Success\"")) << compact;
+    daemon_->signal(SIGUSR2);
+    for (int i = 0; i < 100 && get("Device.DeviceInfo.").body.find("\": \"") == std::string::npos; ++i)
+        e2e::sleepMs(10);
+    // The uptime it shows moves on with the clock.
+    auto upTime = [&] {
+        Doc d(get("Device.DeviceInfo.").body);
+        return atol(str(d.get("Object"), "UpTime").c_str());
+    };
+    long before = upTime(), after = before;
+    for (int i = 0; i < 300 && after == before; ++i) {
+        e2e::sleepMs(10);
+        after = upTime();
+    }
+    EXPECT_GT(after, before);
 }

@@ -52,6 +52,13 @@ void cg_http_server_setlimits(CgHttpServer* server, const CgHttpLimits& limits);
 bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, int reserved,
                          bool ssl, const CgHttpSslSettings* settings);
 void cg_http_server_setlistener(CgHttpServer* server, CG_HTTP_LISTENER listener);
+// Requests that `quick` accepts run the listener on the network thread that
+// read them, without the hand-over to a worker and back: for requests that
+// only compute their answer (never wait for a lock held long, a file, a
+// process or another service), so that no other connection of that thread
+// waits behind them.  Set before the server starts.
+typedef bool (*CG_HTTP_QUICK)(CgHttpRequest* request);
+void cg_http_server_setquick(CgHttpServer* server, CG_HTTP_QUICK quick);
 bool cg_http_server_start(CgHttpServer* server);
 bool cg_http_server_stop(CgHttpServer* server);
 void cg_http_server_delete(CgHttpServer* server);

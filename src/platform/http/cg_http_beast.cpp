@@ -162,6 +162,11 @@ void cg_http_server_setlistener(CgHttpServer* server, CG_HTTP_LISTENER listener)
         server->state->listener = listener;
 }
 
+void cg_http_server_setquick(CgHttpServer* server, CG_HTTP_QUICK quick) {
+    if (server && !server->state->running)
+        server->state->quick = quick;
+}
+
 bool cg_http_server_start(CgHttpServer* server) {
     if (!server || !server->state->acceptor || server->state->running)
         return false;

@@ -217,6 +217,8 @@ void HttpSession::dispatch() {
     cgHttpRequestInit(*req_, parser_->release(), remote_, local_, localPort_);
     req_->output = this;
     parser_.reset();
+    if (st_->quick && st_->quick(req_.get()))
+        return runInline();
     if (!st_->pool->submit([self = shared_from_this()] { self->runListener(); })) {
         req_.reset();
         refuse(http::status::service_unavailable);
@@ -231,10 +233,25 @@ void HttpSession::runListener() {
         net::post(ex_, [self = shared_from_this()] { self->onListenerDone(); });
 }
 
-// On a worker thread: the bytes go to the strand, which writes them.
+// On the strand: a quick request's listener runs here and now.
+void HttpSession::runInline() {
+    if (st_->running && st_->listener) {
+        inline_ = true;
+        st_->listener(req_.get());
+        inline_ = false;
+    }
+    onListenerDone();
+}
+
+// On a worker thread: the bytes go to the strand, which writes them (on the
+// strand itself, for a quick request, at once).
 void HttpSession::send(std::string bytes) {
     if (!st_->running)
         return;
+    if (inline_) {
+        out_.push_back(std::move(bytes));
+        return flush();
+    }
     net::post(ex_, [self = shared_from_this(), b = std::move(bytes)]() mutable {
         self->out_.push_back(std::move(b));
         self->flush();
@@ -250,13 +267,19 @@ std::shared_ptr<CgHttpStream> HttpSession::openStream(std::string head,
         return nullptr;
     auto stream = std::make_shared<CgHttpStream>(ex_, weak_from_this(), limits, chunked,
                                                  std::move(onClose));
-    net::post(ex_, [self = shared_from_this(), stream, h = std::move(head)]() mutable {
+    auto begin = [self = shared_from_this(), stream, h = std::move(head)]() mutable {
         if (self->phase_ == Phase::Closing)
             return stream->markClosed();
         self->stream_ = stream;
         self->out_.push_back(std::move(h));
         self->flush();
-    });
+    };
+    // A quick listener is on the strand: the stream must be the
+    // connection's before the listener's end is looked at.
+    if (inline_)
+        begin();
+    else
+        net::post(ex_, std::move(begin));
     return stream;
 }
 

@@ -33,6 +33,7 @@ struct HttpServerState {
     CgHttpLimits limits;
     boost::asio::ssl::context sslCtx{boost::asio::ssl::context::tls_server};
     CG_HTTP_LISTENER listener = nullptr;
+    CG_HTTP_QUICK quick = nullptr;
     std::atomic<bool> running{false};
     ConnRegistry conns;
     std::atomic<uint64_t> nextId{1};
@@ -83,6 +84,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void onRead(boost::system::error_code ec);
     void dispatch();
     void runListener();
+    void runInline();
     void onListenerDone();
     void flush();
     void onWritten(boost::system::error_code ec);
@@ -118,6 +120,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     bool listenerDone_ = false;
     bool closeAfterWrite_ = false;
     std::atomic<bool> failed_{false};
+    // The listener runs on this connection's strand right now (a quick
+    // request): what it sends goes straight to the queue.
+    bool inline_ = false;
     // The stream the listener opened (set on the strand), and a small buffer
     // for what a streaming client sends: nothing but its close is expected.
     std::shared_ptr<CgHttpStream> stream_;

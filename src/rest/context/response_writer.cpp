@@ -62,33 +62,34 @@ void wHttpToggleCompactOutput(void) {
     gCompactOutput.fetch_xor(1);
 }
 
-void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
-                               uint8_t chunked, uint8_t renewSessionKey) {
-    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+std::string wHttpAnswerText(json_object* doc) {
+    json_object* object = nullptr;
+    if (wHttpHtmlEncodeSwitch() == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
+        wHttpHtmlEncode(object);
+    if (!doc)
+        return "";
+    return gCompactOutput.load() ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
+                                 : json_object_to_json_string(doc);
+}
+
+uint32_t wHttpAnswerForm(void) {
+    return static_cast<uint32_t>(gCompactOutput.load()) << 8 | wHttpHtmlEncodeSwitch();
+}
+
+namespace {
+
+// Headers, the status a bad image sets, and the hand-over (or the hold of a
+// write's answer until its lock is released).
+void answerText(CgHttpRequest* request, CgHttpResponse* response, std::string text,
+                uint8_t chunked) {
     if (!response) {
         response = cg_http_response_new();
         cg_http_response_setstatuscode(response, 200);
     }
     cg_http_response_setheader(response, "Cache-Control", "no-cache");
     cg_http_response_setheader(response, "Content-Type", "application/json");
-    json_object* object = nullptr;
-    if (wHttpHtmlEncodeSwitch() == 1 && doc && json_object_object_get_ex(doc, "Object", &object))
-        wHttpHtmlEncode(object);
-    WHttpKeyRenewer renew = gKeyRenewer.load();
-    if (renewSessionKey && renew && isModifying(cg_http_request_getmethod(request))) {
-        if (!doc)
-            doc = json_object_new_object();
-        if (json_object_is_type(doc, json_type_object))
-            json_object_object_add(doc, "sessionkey", json_object_new_int(renew(request)));
-    }
-    std::string text;
-    if (doc)
-        text = gCompactOutput.load() ? json_object_to_json_string_ext(doc, JSON_C_TO_STRING_PLAIN)
-                                     : json_object_to_json_string(doc);
     if (text.find("WCFG_INVALID_IMAGE") != std::string::npos)
         cg_http_response_setstatuscode(response, 400);
-    if (doc)
-        json_object_put(doc);
     WHttpAnswer answer{response, std::move(text), chunked != 0};
     WHttpReqCtx* ctx = wHttpReqCtx(request);
     if (ctx && ctx->heldAnswer && !ctx->heldAnswer->response) {
@@ -96,6 +97,28 @@ void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response,
         return;
     }
     wHttpPostAnswer(request, answer);
+}
+
+}  // namespace
+
+void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
+                               uint8_t chunked, uint8_t renewSessionKey) {
+    WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
+    WHttpKeyRenewer renew = gKeyRenewer.load();
+    if (renewSessionKey && renew && isModifying(cg_http_request_getmethod(request))) {
+        if (!doc)
+            doc = json_object_new_object();
+        if (json_object_is_type(doc, json_type_object))
+            json_object_object_add(doc, "sessionkey", json_object_new_int(renew(request)));
+    }
+    std::string text = wHttpAnswerText(doc);
+    if (doc)
+        json_object_put(doc);
+    answerText(request, response, std::move(text), chunked);
+}
+
+void wHttpJsonTextResponse_restapi(CgHttpRequest* request, std::string text, uint8_t chunked) {
+    answerText(request, nullptr, std::move(text), chunked);
 }
 
 void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer) {

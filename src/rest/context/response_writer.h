@@ -6,6 +6,7 @@
 #include <json-c/json.h>
 
 #include <cstdint>
+#include <string>
 
 #include "platform/http/cg_http.h"
 #include "rest/context/request_context.h"
@@ -22,6 +23,14 @@ void wHttpSetMethodList(json_object* doc, json_object* value);
 // chunked body.  Takes ownership of `response` (may be null) and `doc`.
 void wHttpJsonResponse_restapi(CgHttpRequest* request, CgHttpResponse* response, json_object* doc,
                                uint8_t chunked, uint8_t renewSessionKey);
+// The text of an answer document as the writer sends it (HTML encoding of
+// "Object" when on, compact or spaced): the document is changed by it.
+std::string wHttpAnswerText(json_object* doc);
+// What the text of an answer depends on besides its document: the output
+// switches (compact, HTML encoding), as one number.
+uint32_t wHttpAnswerForm(void);
+// Answers a text that wHttpAnswerText made (of a read: no key renewal).
+void wHttpJsonTextResponse_restapi(CgHttpRequest* request, std::string text, uint8_t chunked);
 // Hands a built answer to the connection and frees its response.
 void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer);
 // Hands the answer held for the request (if any) to the connection now.
