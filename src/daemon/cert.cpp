@@ -19,41 +19,60 @@ bool fileExists(const std::string& path) {
 
 // Compares the outputs of two commands block by block while either has data
 // left; 1 when they agree to the end of both.
-int compareOutputs(const char* cmdA, const char* cmdB) {
-    FILE* a = popen(cmdA, "r");
-    if (!a)
+int compareOutputs(FILE* a, FILE* b) {
+    if (!a || !b)
         return 0;
-    FILE* b = popen(cmdB, "r");
-    if (!b) {
-        pclose(a);
-        return 0;
-    }
-    int same = 1;
     while (!feof(a) || !feof(b)) {
         char bufA[256] = {0}, bufB[256] = {0};
         size_t na = fread(bufA, 1, sizeof bufA, a);
         size_t nb = fread(bufB, 1, sizeof bufB, b);
-        if (na != nb || na == 0 || memcmp(bufA, bufB, na) != 0) {
-            same = 0;
-            break;
-        }
+        if (na != nb || na == 0 || memcmp(bufA, bufB, na) != 0)
+            return 0;
     }
-    pclose(a);
-    pclose(b);
-    return same;
+    return 1;
 }
+
+// The check's four tools, started together so that they run side by side;
+// every pipe started is closed.  None of them verifies a certificate, so
+// none loads the system's store of trusted ones (most of each run's time).
+class ToolPipes {
+  public:
+    explicit ToolPipes(const char* const (&cmds)[4]) {
+        const char* saved = getenv("SSL_CERT_FILE");
+        std::string keep = saved ? saved : "";
+        setenv("SSL_CERT_FILE", "/dev/null", 1);
+        for (int i = 0; i < 4; ++i)
+            pipes_[i] = popen(cmds[i], "r");
+        if (saved)
+            setenv("SSL_CERT_FILE", keep.c_str(), 1);
+        else
+            unsetenv("SSL_CERT_FILE");
+    }
+    ~ToolPipes() {
+        for (FILE* f : pipes_)
+            if (f)
+                pclose(f);
+    }
+    ToolPipes(const ToolPipes&) = delete;
+    ToolPipes& operator=(const ToolPipes&) = delete;
+    FILE* operator[](int i) const { return pipes_[i]; }
+
+  private:
+    FILE* pipes_[4] = {};
+};
 
 }  // namespace
 
 int wHttpCheckCertKeyPair(const char* certPath, const char* keyPath) {
-    char cmdA[512], cmdB[512];
-    snprintf(cmdA, sizeof cmdA, "openssl x509 -noout -modulus -in %s", certPath);
-    snprintf(cmdB, sizeof cmdB, "openssl rsa -noout -modulus -in %s", keyPath);
-    if (!compareOutputs(cmdA, cmdB))
-        return 0;
-    snprintf(cmdA, sizeof cmdA, "openssl x509 -in %s -noout -pubkey", certPath);
-    snprintf(cmdB, sizeof cmdB, "openssl rsa -in %s -pubout", keyPath);
-    return compareOutputs(cmdA, cmdB);
+    char cmds[4][512];
+    snprintf(cmds[0], sizeof cmds[0], "openssl x509 -noout -modulus -in %s", certPath);
+    snprintf(cmds[1], sizeof cmds[1], "openssl rsa -noout -modulus -in %s", keyPath);
+    snprintf(cmds[2], sizeof cmds[2], "openssl x509 -in %s -noout -pubkey", certPath);
+    snprintf(cmds[3], sizeof cmds[3], "openssl rsa -in %s -pubout", keyPath);
+    const char* const list[4] = {cmds[0], cmds[1], cmds[2], cmds[3]};
+    ToolPipes tools(list);
+    // The moduli first, then the public keys.
+    return compareOutputs(tools[0], tools[1]) && compareOutputs(tools[2], tools[3]) ? 1 : 0;
 }
 
 int wHttpCompanionScriptRunning(void) {
