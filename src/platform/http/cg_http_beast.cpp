@@ -112,6 +112,12 @@ bool configureTls(HttpServerState& st, const CgHttpSslSettings* settings) {
     ctx.use_private_key_file(settings->keyFile, ssl::context::pem, ec);
     // An idle connection gives its TLS buffers back.
     SSL_CTX_set_mode(ctx.native_handle(), SSL_MODE_RELEASE_BUFFERS);
+    // Resumption is by tickets, which the client keeps: no session is stored
+    // here (nor looked up, nor swept from a cache every so many handshakes).
+    SSL_CTX_set_session_cache_mode(ctx.native_handle(), SSL_SESS_CACHE_OFF);
+    // One ticket per handshake (OpenSSL sends two): enough for a client to
+    // come back once, and each costs the handshake an encryption.
+    SSL_CTX_set_num_tickets(ctx.native_handle(), 1);
     return !ec;
 }
 

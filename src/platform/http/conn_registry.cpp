@@ -101,16 +101,17 @@ void ConnRegistry::setClosing(uint64_t id) {
         markClosing(it->second);
 }
 
-void ConnRegistry::remove(uint64_t id) {
+bool ConnRegistry::remove(uint64_t id) {
     std::lock_guard<std::mutex> lock(m_);
     auto it = conns_.find(id);
     if (it == conns_.end())
-        return;
+        return false;
     markClosing(it->second);
     auto a = perAddress_.find(it->second.address);
     if (a != perAddress_.end() && --a->second.all <= 0)
         perAddress_.erase(a);
     conns_.erase(it);
+    return conns_.empty();
 }
 
 int ConnRegistry::count() const {

@@ -37,7 +37,8 @@ class ConnRegistry {
     // The connection is closing: it no longer counts against the ceilings
     // (its socket does, up to a quarter over the total ceiling).
     void setClosing(uint64_t id);
-    void remove(uint64_t id);
+    // Forgets a connection; true when it was the last one.
+    bool remove(uint64_t id);
     int count() const;
     // The evict callbacks of every connection (to close all at shutdown).
     std::vector<Evict> everyEvict() const;

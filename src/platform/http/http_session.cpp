@@ -11,6 +11,8 @@
 // be told to make room for a new one (see conn_registry.h).
 #include "platform/http/http_session.h"
 
+#include <malloc.h>
+
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/detect_ssl.hpp>
@@ -74,7 +76,10 @@ HttpSession::HttpSession(std::shared_ptr<HttpServerState> st, net::ip::tcp::sock
 HttpSession::~HttpSession() {
     if (stream_)
         stream_->markClosed();
-    st_->conns.remove(id_);
+    // The last connection gone, what the load took from the system goes
+    // back to it (the allocator keeps freed memory of every thread else).
+    if (st_->conns.remove(id_))
+        malloc_trim(0);
 }
 
 beast::tcp_stream& HttpSession::lowest() {
@@ -382,9 +387,13 @@ void HttpSession::refuse(http::status status) {
     flush();
 }
 
+// Every answer carries its own end (a length, or the last chunk), so the
+// close needs no answer from the client: ours goes out and the connection
+// closes, without waiting for the client's (as a web server does).
 void HttpSession::shutdown() {
     enter(Phase::Closing);
     arm(Clock::now() + std::chrono::seconds(2));
+    SSL_set_shutdown(tls_->native_handle(), SSL_RECEIVED_SHUTDOWN);
     tls_->async_shutdown(
         [self = shared_from_this()](boost::system::error_code) { self->closeNow(); });
 }
