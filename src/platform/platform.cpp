@@ -2,6 +2,8 @@
 // the levelled log and the vxUtil helpers.
 #include "platform/platform.h"
 
+#include "platform/console.h"
+
 #include <crypt.h>
 #include <fcntl.h>
 #include <json-c/json.h>
@@ -205,8 +207,9 @@ int wos_formsys(int flags, const char* cmd) {
 }
 
 void wos_pk(const char* fmt, ...) {
-    // One write(2) per print: request threads print at once without queueing
-    // on the stdio lock, and every line still goes out whole and at once.
+    // Formatted here, written by the console's thread (console.h): every
+    // line goes out whole and in order, and a request thread does not wait
+    // for the console.
     char text[1024];
     va_list ap;
     va_start(ap, fmt);
@@ -223,14 +226,7 @@ void wos_pk(const char* fmt, ...) {
         va_end(ap);
         out = big.c_str();
     }
-    for (size_t done = 0; done < static_cast<size_t>(n);) {
-        ssize_t w = write(STDOUT_FILENO, out + done, static_cast<size_t>(n) - done);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            break;
-        done += static_cast<size_t>(w);
-    }
+    consoleWrite(out, static_cast<size_t>(n));
 }
 
 void wos_strlcpy(char* dst, const char* src, size_t size) {

@@ -12,10 +12,12 @@
 #include "platform/http/http_session.h"
 
 #include <malloc.h>
+#include <sys/socket.h>
+
+#include <cerrno>
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/beast/core/detect_ssl.hpp>
 #include <sstream>
 
 namespace net = boost::asio;
@@ -82,8 +84,8 @@ HttpSession::~HttpSession() {
         malloc_trim(0);
 }
 
-beast::tcp_stream& HttpSession::lowest() {
-    return tls_ ? beast::get_lowest_layer(*tls_) : *tcp_;
+net::ip::tcp::socket& HttpSession::lowest() {
+    return tls_ ? tls_->socket() : *tcp_;
 }
 
 void HttpSession::start() {
@@ -97,9 +99,8 @@ void HttpSession::start() {
     net::dispatch(ex_, [self = shared_from_this()] {
         self->enter(Phase::Handshake);
         self->arm(Clock::now() + ms(self->st_->limits.handshakeTimeoutMs));
-        beast::async_detect_ssl(
-            *self->tcp_, self->buffer_,
-            [self](boost::system::error_code ec, bool tls) { self->onDetect(ec, tls); });
+        self->tcp_->async_wait(net::ip::tcp::socket::wait_read,
+                               [self](boost::system::error_code ec) { self->onFirstByte(ec); });
     });
 }
 
@@ -114,25 +115,35 @@ void HttpSession::evict(bool force) {
     });
 }
 
-void HttpSession::onDetect(boost::system::error_code ec, bool tls) {
+// The first byte, looked at and left where it is: a TLS connection begins
+// with a handshake record (22); anything else, or nothing, is closed without
+// an answer.
+void HttpSession::onFirstByte(boost::system::error_code ec) {
     if (phase_ == Phase::Closing)
         return;
-    if (ec || !tls)  // silent until the deadline, gone, or not TLS at all
+    unsigned char first = 0;
+    ssize_t n = ec ? -1 : recv(tcp_->native_handle(), &first, 1, MSG_PEEK | MSG_DONTWAIT);
+    // The reactor may call a socket ready that has nothing yet: wait on.
+    if (n < 0 && !ec && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return tcp_->async_wait(net::ip::tcp::socket::wait_read,
+                                [self = shared_from_this()](boost::system::error_code e) {
+                                    self->onFirstByte(e);
+                                });
+    if (n != 1 || first != 22)
         return closeNow();
-    tls_.emplace(std::move(*tcp_), st_->sslCtx);
+    tls_.emplace(std::move(*tcp_), st_->sslCtx.native_handle());
     tcp_.reset();
-    tls_->async_handshake(net::ssl::stream_base::server, buffer_.data(),
-                          [self = shared_from_this()](boost::system::error_code e, size_t used) {
-                              self->onHandshake(e, used);
-                          });
+    if (!tls_->ok())
+        return closeNow();
+    tls_->async_handshake(
+        [self = shared_from_this()](boost::system::error_code e, size_t) { self->onHandshake(e); });
 }
 
-void HttpSession::onHandshake(boost::system::error_code ec, size_t used) {
+void HttpSession::onHandshake(boost::system::error_code ec) {
     if (phase_ == Phase::Closing)
         return;
     if (ec)
         return closeNow();
-    buffer_.consume(used);
     readRequest();
 }
 
@@ -312,7 +323,7 @@ void HttpSession::startStreaming() {
     // a small fixed buffer for it instead of one that grows to megabytes,
     // and the stream's own queue says how far behind the client may fall.
     boost::system::error_code ec;
-    lowest().socket().set_option(net::socket_base::send_buffer_size(kStreamSendBuffer), ec);
+    lowest().set_option(net::socket_base::send_buffer_size(kStreamSendBuffer), ec);
     // Nothing more is read but a probe: the request's buffer goes.
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();
@@ -395,7 +406,7 @@ void HttpSession::shutdown() {
     arm(Clock::now() + std::chrono::seconds(2));
     SSL_set_shutdown(tls_->native_handle(), SSL_RECEIVED_SHUTDOWN);
     tls_->async_shutdown(
-        [self = shared_from_this()](boost::system::error_code) { self->closeNow(); });
+        [self = shared_from_this()](boost::system::error_code, size_t) { self->closeNow(); });
 }
 
 void HttpSession::closeNow() {
@@ -406,8 +417,8 @@ void HttpSession::closeNow() {
         stream_->markClosed();
     disarm();
     boost::system::error_code ec;
-    lowest().socket().shutdown(net::ip::tcp::socket::shutdown_both, ec);
-    lowest().close();
+    lowest().shutdown(net::ip::tcp::socket::shutdown_both, ec);
+    lowest().close(ec);
 }
 
 void HttpSession::enter(Phase phase) {
@@ -445,8 +456,8 @@ void HttpSession::onDeadline(uint64_t generation) {
         // not end within a grace second, the connection closes.
         timedOut_ = true;
         boost::system::error_code ec;
-        lowest().socket().shutdown(net::ip::tcp::socket::shutdown_receive, ec);
-        lowest().cancel();
+        lowest().shutdown(net::ip::tcp::socket::shutdown_receive, ec);
+        lowest().cancel(ec);
         arm(Clock::now() + std::chrono::seconds(1));
         return;
     }
@@ -457,7 +468,7 @@ void HttpSession::onDeadline(uint64_t generation) {
         // socket and its buffer alive behind a close the client never reads.
         if (writeBusy_) {
             boost::system::error_code ec;
-            lowest().socket().set_option(net::socket_base::linger(true, 0), ec);
+            lowest().set_option(net::socket_base::linger(true, 0), ec);
         }
     }
     closeNow();

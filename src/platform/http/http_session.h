@@ -7,11 +7,10 @@
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -24,6 +23,7 @@
 #include "platform/http/cg_http_internal.h"
 #include "platform/http/conn_registry.h"
 #include "platform/http/http_stream.h"
+#include "platform/http/tls_stream.h"
 #include "platform/http/worker_pool.h"
 
 // What the connections of one server share.  The io_context comes last so
@@ -70,12 +70,11 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void streamReady();
 
   private:
-    using Tls = boost::beast::ssl_stream<boost::beast::tcp_stream>;
     // Streaming: the listener has returned and left an open-ended answer.
     enum class Phase { Handshake, Waiting, Reading, Handling, Streaming, Closing };
 
-    void onDetect(boost::system::error_code ec, bool tls);
-    void onHandshake(boost::system::error_code ec, size_t used);
+    void onFirstByte(boost::system::error_code ec);
+    void onHandshake(boost::system::error_code ec);
     void readRequest();
     void onFirstBytes(boost::system::error_code ec, size_t n);
     void readRest();
@@ -98,13 +97,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void disarm();
     void onDeadline(uint64_t generation);
     void enter(Phase phase);
-    boost::beast::tcp_stream& lowest();
+    boost::asio::ip::tcp::socket& lowest();
 
     std::shared_ptr<HttpServerState> st_;
     uint64_t id_;
     boost::asio::any_io_executor ex_;
-    std::optional<boost::beast::tcp_stream> tcp_;  // until TLS takes it over
-    std::optional<Tls> tls_;
+    std::optional<boost::asio::ip::tcp::socket> tcp_;  // until TLS takes it over
+    std::optional<TlsStream> tls_;
     boost::asio::steady_timer deadline_;
     uint64_t deadlineGeneration_ = 0;
     Phase phase_ = Phase::Handshake;
