@@ -49,7 +49,7 @@ const WHttpUriRow* findRow(const char* name) {
 bool keyHeld(CgHttpRequest* request) {
     const char* key = cg_http_request_getparam(request, "sessionkey");
     WHttpReqCtx* ctx = wHttpReqCtx(request);
-    return key && ctx && checkSessionKey(ctx, atoi(key)) == 1;
+    return key && ctx && checkSessionKey(ctx, platformParseInt(key)) == 1;
 }
 
 // The login state and key checks; false when the request was answered.

@@ -141,12 +141,21 @@ DeviceRoot::~DeviceRoot() {
 int DeviceRoot::wcfgctl(const std::vector<std::string>& args, std::string* out) const {
     std::vector<std::string> argv{WCFGCTL_BIN};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::string o = dir_ + "/.wcfgctl.out", e = dir_ + "/.wcfgctl.err";
+    return run(argv, out);
+}
+
+int DeviceRoot::run(const std::vector<std::string>& argv, std::string* out) const {
+    std::string o = dir_ + "/.run.out", e = dir_ + "/.run.err";
     pid_t pid = spawn(argv, dir_, o, e);
     int rc = waitStatus(pid, 60000);
     if (out)
         *out = slurp(o);
     return rc;
+}
+
+std::string peerProgram(const std::string& name, const std::string& own) {
+    const char* dir = getenv("WHTTPD_PEER_BINDIR");
+    return dir && *dir ? std::string(dir) + "/" + name : own;
 }
 
 std::string DeviceRoot::read(const std::string& abs) const {

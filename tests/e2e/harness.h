@@ -19,6 +19,8 @@ class DeviceRoot {
     std::string path(const std::string& abs) const { return dir_ + abs; }
     // Runs wcfgctl in this root; returns its exit status, output in `out`.
     int wcfgctl(const std::vector<std::string>& args, std::string* out = nullptr) const;
+    // Runs the program argv[0] in this root; its exit status, output in `out`.
+    int run(const std::vector<std::string>& argv, std::string* out = nullptr) const;
     std::string read(const std::string& abs) const;
     bool exists(const std::string& abs) const;
 
@@ -90,6 +92,10 @@ struct Reply {
 // source address.
 Reply https(const std::string& method, const std::string& url, const std::string& body = "",
             const std::vector<std::string>& headers = {}, const std::string& local = "");
+
+// The program `name` of the build that WHTTPD_PEER_BINDIR names (another
+// CPU's build, talking to this one's daemon), or `own` without it.
+std::string peerProgram(const std::string& name, const std::string& own);
 
 // A TCP port that is free on loopback now.
 int freePort();
