@@ -39,7 +39,8 @@ class Daemon {
     void setEnv(const std::string& name, const std::string& value) {
         env_.emplace_back(name, value);
     }
-    // Waits until the daemon accepts connections on `port`.
+    // Waits until the daemon accepts connections on `port`, its bus endpoint
+    // is bound and its discovery port taken.
     bool waitReady(int port, int timeoutMs = 30000);
     // Sends a signal; waits for the exit and returns the exit status.
     int stop(int sig = 15, int timeoutMs = 20000);
@@ -56,8 +57,11 @@ class Daemon {
     bool waitForOutput(const std::string& text, int timeoutMs = 10000) const;
 
   private:
+    bool busBound() const;
+
     pid_t pid_ = -1;
     int discoveryPort_ = 0;
+    std::string rootDir_;
     std::string outFile_, errFile_;
     std::vector<std::pair<std::string, std::string>> env_;
 };
@@ -99,6 +103,8 @@ std::string peerProgram(const std::string& name, const std::string& own);
 
 // A TCP port that is free on loopback now.
 int freePort();
+// Whether some IPv4 socket holds UDP `port`.
+bool udpPortTaken(int port);
 // A UDP port that is free on loopback now.
 int freeUdpPort();
 
