@@ -37,10 +37,9 @@ TEST(Bus, HeaderTravelsInNetworkByteOrder) {
     unsigned char m[sizeof h];
     memcpy(m, &h, sizeof h);
     wcfg::headerToWire(m, sizeof m);
-    const unsigned char expected[] = {0x01, 0x02, 0x03, 0x04, 0x0a, 0x0b, 0x0c, 0x0d,
-                                      1,    78,   0x11, 0x22, 0,    0,    0,    0x10,
-                                      0x55, 0x66, 0x77, 0x88, 0xff, 0xff, 0xff, 0xfe,
-                                      'w',  'l',  '0',  0};
+    const unsigned char expected[] = {0x01, 0x02, 0x03, 0x04, 0x0a, 0x0b, 0x0c, 0x0d, 1,    78,
+                                      0x11, 0x22, 0,    0,    0,    0x10, 0x55, 0x66, 0x77, 0x88,
+                                      0xff, 0xff, 0xff, 0xfe, 'w',  'l',  '0',  0};
     EXPECT_EQ(0, memcmp(expected, m, sizeof expected));
     wcfg::headerFromWire(m, sizeof m);
     EXPECT_EQ(0, memcmp(&h, m, sizeof h));

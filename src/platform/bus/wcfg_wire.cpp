@@ -42,11 +42,13 @@ void convert(void* msg, size_t length, C32 c32, C16 c16) {
 }  // namespace
 
 void headerToWire(void* msg, size_t length) {
-    convert(msg, length, [](uint32_t v) { return htonl(v); }, [](uint16_t v) { return htons(v); });
+    convert(
+        msg, length, [](uint32_t v) { return htonl(v); }, [](uint16_t v) { return htons(v); });
 }
 
 void headerFromWire(void* msg, size_t length) {
-    convert(msg, length, [](uint32_t v) { return ntohl(v); }, [](uint16_t v) { return ntohs(v); });
+    convert(
+        msg, length, [](uint32_t v) { return ntohl(v); }, [](uint16_t v) { return ntohs(v); });
 }
 
 }  // namespace wcfg
