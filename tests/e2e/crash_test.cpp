@@ -323,12 +323,12 @@ TEST(StoreCrash, KillNineDuringWritesLosesNothing) {
     DaemonWriter writer(root, port, model);
     std::thread b([&] { writer.run(stop); });
 
-    // The daemon is killed and started again, again and again.
+    // The daemon is killed and started again, again and again: a number of
+    // times, not for a time (a slow CPU restarts fewer times in a second).
     std::mt19937 rng(3);
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     int restarts = 0;
     bool up = true;
-    while (up && std::chrono::steady_clock::now() < end) {
+    while (up && restarts < 8) {
         e2e::sleepMs(std::uniform_int_distribution<int>(300, 900)(rng));
         d.signal(SIGKILL);
         d.wait(5000);
@@ -339,7 +339,6 @@ TEST(StoreCrash, KillNineDuringWritesLosesNothing) {
     a.join();
     b.join();
     ASSERT_TRUE(up) << d.out() << d.err();
-    EXPECT_GE(restarts, 5);
 
     json_object* all = readTable(root);
     ASSERT_NE(nullptr, all);
