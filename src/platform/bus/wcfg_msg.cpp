@@ -136,14 +136,15 @@ int wcfg_msg_serverRecv(void** msg, int timeoutMs, const char* /*file*/, int /*l
             continue;
         if (n < static_cast<ssize_t>(sizeof(uint32_t)))
             return -1;
-        // A message shorter than a header is read as one padded with zeros.
+        // A message shorter than a header is read as one padded with zeros;
+        // of it, the fields it holds whole are converted, as its sender did.
         size_t size = std::max(static_cast<size_t>(n), sizeof(wcfgMsgHdr_t));
         void* out = malloc(size);
         if (!out)
             return -1;
         memset(out, 0, sizeof(wcfgMsgHdr_t));
         memcpy(out, buf.data(), n);
-        wcfg::headerFromWire(out, size);
+        wcfg::headerFromWire(out, static_cast<size_t>(n));
         *msg = out;
         return 0;
     }
