@@ -42,9 +42,17 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # Tools the daemon runs: openssl (certificate checks), unzip (firmware images).
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, openssl, unzip")
+if(CMAKE_CROSSCOMPILING)
+    # dpkg-shlibdeps reads the libraries' symbol files from the dpkg database,
+    # which holds the machine's architecture only: a cross build names the
+    # libraries it links by their Debian 12 packages.
+    string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", libc6 (>= 2.36), libcrypt1, libcurl4, "
+           "libatomic1, libgcc-s1, libjson-c5, libsqlite3-0, libssl3, libstdc++6")
+else()
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_SOURCE_DIR}/packaging/debian/postinst
     ${CMAKE_SOURCE_DIR}/packaging/debian/prerm

@@ -146,7 +146,8 @@ char* jsonGetPassword(json_object* account) {
 int authLoginBody(CgHttpRequest* request, const char* user, const char* hash) {
     const char* body = cg_http_request_getcontent(request);
     const char* length = cg_http_request_getheader(request, "Content-Length");
-    if (!body || !length || atoi(length) == 0 || cg_http_request_getcontentlength(request) == 0)
+    if (!body || !length || platformParseInt(length) == 0 ||
+        cg_http_request_getcontentlength(request) == 0)
         return 3;
     JsonPtr local;
     json_object* doc = loginBody(request, local);

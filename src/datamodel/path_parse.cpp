@@ -60,7 +60,7 @@ int wHttpParseTR181Path(CgHttpRequest* request, char* path, int* firstLevelOnly)
 
 int wHttpParseTR181ObjectText(const char* contentLength, const char* body, json_object** out) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", "wHttpParseTR181Object");
-    if (!contentLength || atoi(contentLength) == 0 || !body || !strcmp(body, "[]") ||
+    if (!contentLength || platformParseInt(contentLength) == 0 || !body || !strcmp(body, "[]") ||
         !strcmp(body, "{}") || !strcmp(body, "undefined"))
         return WCFG_INVALID_FORMAT;
     json_object* value = jsonParseUtf8(body);

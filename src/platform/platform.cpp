@@ -14,7 +14,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -236,6 +238,16 @@ void wos_strlcpy(char* dst, const char* src, size_t size) {
     if (n)
         memcpy(dst, src, n);
     dst[n] = '\0';
+}
+
+// Times and file offsets are 64-bit on every CPU (the build asks for them on
+// 32-bit ones): a router sold today still runs after January 2038.
+static_assert(sizeof(time_t) == 8, "time_t must be 64-bit (_TIME_BITS=64)");
+static_assert(sizeof(off_t) == 8, "off_t must be 64-bit (_FILE_OFFSET_BITS=64)");
+
+int platformParseInt(const char* text) {
+    long long v = strtoll(text, nullptr, 10);
+    return static_cast<int>(std::clamp<long long>(v, INT_MIN, INT_MAX));
 }
 
 long platformSecondMs() {

@@ -49,6 +49,11 @@ void wos_pk(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Copies at most size-1 bytes of `src` (nullptr counts as "") and always
 // terminates `dst`; the copy is cut, never overrun.
 void wos_strlcpy(char* dst, const char* src, size_t size);
+// atoi() with its overflow defined, and the same on every CPU: the decimal
+// number at the start of `text` (after blanks, with a sign), clamped to the
+// range of int.  (atoi's overflow is undefined; glibc's wraps on 64-bit CPUs
+// and saturates on 32-bit ones.)
+int platformParseInt(const char* text);
 // Milliseconds in a platform second (WHTTPD_SECOND_MS, default 1000): the
 // virtual router's waits and walk times are counted in platform seconds.
 long platformSecondMs();

@@ -57,10 +57,11 @@ void setOptions(CURL* curl, const char* url, Sink* sink, const FotaLimits& limit
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.maxBytes));
-    // Whole transfer: never under ten real seconds, however short a platform
-    // second is.
+    // Whole transfer and connection (with its TLS handshake): never under ten
+    // real seconds, however short a platform second is; a slow CPU needs
+    // real time for the handshake.
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, std::max(10000L, limits.maxSeconds * second));
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, kConnectSeconds * second);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, std::max(10000L, kConnectSeconds * second));
     // curl counts the low-speed time in whole seconds.
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
                      std::max(1L, (kLowSpeedSeconds * second + 999) / 1000));

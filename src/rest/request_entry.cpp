@@ -53,7 +53,7 @@ namespace {
 bool keyHeld(CgHttpRequest* request) {
     const char* key = cg_http_request_getparam(request, "sessionkey");
     WHttpReqCtx* ctx = wHttpReqCtx(request);
-    return key && ctx && checkSessionKey(ctx, atoi(key)) == 1;
+    return key && ctx && checkSessionKey(ctx, platformParseInt(key)) == 1;
 }
 
 // The login state and key checks; false when the request was answered.

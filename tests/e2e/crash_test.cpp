@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <signal.h>
+#include <cstdlib>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -67,7 +68,12 @@ bool wcfgctl(const DeviceRoot& root, const std::vector<std::string>& args, std::
         av.push_back(const_cast<char*>(a.c_str()));
     av.push_back(nullptr);
     std::string rootEnv = "WHTTPD_ROOT=" + root.dir();
-    char* envp[] = {const_cast<char*>(rootEnv.c_str()), const_cast<char*>("WLOG_LEVEL=3"), nullptr};
+    // Under an emulator (scripts/cross) the program finds its CPU's libraries
+    // through QEMU_LD_PREFIX.
+    const char* prefix = getenv("QEMU_LD_PREFIX");
+    std::string prefixEnv = std::string("QEMU_LD_PREFIX=") + (prefix ? prefix : "");
+    char* envp[] = {const_cast<char*>(rootEnv.c_str()), const_cast<char*>("WLOG_LEVEL=3"),
+                    prefix ? const_cast<char*>(prefixEnv.c_str()) : nullptr, nullptr};
     int fds[2];
     // Close-on-exec: a daemon started meanwhile by another thread must not
     // keep the pipe open (the read below would never end).
@@ -175,6 +181,8 @@ void wcfgctlWriter(const DeviceRoot& root, Model& model, std::atomic<bool>& stop
         if (op == 9) {
             // Adds whose answer was lost may have stayed: take them away.
             json_object* all = readTable(root);
+            if (!all)
+                continue;
             json_object_object_foreach(all, path, inst) {
                 std::string tag = text(inst, "Description");
                 std::lock_guard<std::mutex> l(model.m);
@@ -315,12 +323,12 @@ TEST(StoreCrash, KillNineDuringWritesLosesNothing) {
     DaemonWriter writer(root, port, model);
     std::thread b([&] { writer.run(stop); });
 
-    // The daemon is killed and started again, again and again.
+    // The daemon is killed and started again, again and again: a number of
+    // times, not for a time (a slow CPU restarts fewer times in a second).
     std::mt19937 rng(3);
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     int restarts = 0;
     bool up = true;
-    while (up && std::chrono::steady_clock::now() < end) {
+    while (up && restarts < 8) {
         e2e::sleepMs(std::uniform_int_distribution<int>(300, 900)(rng));
         d.signal(SIGKILL);
         d.wait(5000);
@@ -331,7 +339,6 @@ TEST(StoreCrash, KillNineDuringWritesLosesNothing) {
     a.join();
     b.join();
     ASSERT_TRUE(up) << d.out() << d.err();
-    EXPECT_GE(restarts, 5);
 
     json_object* all = readTable(root);
     ASSERT_NE(nullptr, all);

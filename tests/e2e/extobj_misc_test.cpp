@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "client.h"
@@ -219,8 +220,12 @@ TEST_F(ExtObj, WanInfoOfARouter) {
     EXPECT_EQ("\"\"", member(r.body, "IPAddress"));
     EXPECT_EQ("1000", member(r.body, "PhyRate"));
 
-    // A short bandwidth file: the missing rate reads 0.
-    writeRootFile(root, "/tmp/bwm_result", std::string("\x10\x27\0\0", 4));
+    // A short bandwidth file: the missing rate reads 0.  The monitor writes
+    // its rates in the device's own byte order.
+    const int32_t rx = 10000;
+    std::string shortFile(sizeof rx, '\0');
+    memcpy(shortFile.data(), &rx, sizeof rx);
+    writeRootFile(root, "/tmp/bwm_result", shortFile);
     r = get(wan);
     EXPECT_EQ("10000", member(r.body, "RxRate")) << r.body;
     EXPECT_EQ("0", member(r.body, "TxRate"));

@@ -7,16 +7,20 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 #include <thread>
+
+#include "platform/bus/wcfg_msg.h"
 
 namespace e2e {
 
@@ -142,12 +146,21 @@ DeviceRoot::~DeviceRoot() {
 int DeviceRoot::wcfgctl(const std::vector<std::string>& args, std::string* out) const {
     std::vector<std::string> argv{WCFGCTL_BIN};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::string o = dir_ + "/.wcfgctl.out", e = dir_ + "/.wcfgctl.err";
+    return run(argv, out);
+}
+
+int DeviceRoot::run(const std::vector<std::string>& argv, std::string* out) const {
+    std::string o = dir_ + "/.run.out", e = dir_ + "/.run.err";
     pid_t pid = spawn(argv, dir_, o, e);
     int rc = waitStatus(pid, 60000);
     if (out)
         *out = slurp(o);
     return rc;
+}
+
+std::string peerProgram(const std::string& name, const std::string& own) {
+    const char* dir = getenv("WHTTPD_PEER_BINDIR");
+    return dir && *dir ? std::string(dir) + "/" + name : own;
 }
 
 std::string DeviceRoot::read(const std::string& abs) const {
@@ -179,6 +192,7 @@ bool Daemon::start(const DeviceRoot& root, const std::vector<std::string>& args)
         discoveryPort_ = freeUdpPort();
         env.emplace_back("WHTTPD_DISCOVERY_PORT", std::to_string(discoveryPort_));
     }
+    rootDir_ = root.dir();
     pid_ = spawn(argv, root.dir(), outFile_, errFile_, env);
     return pid_ > 0;
 }
@@ -198,14 +212,29 @@ bool Daemon::waitReady(int port, int timeoutMs) {
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         bool up = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
         close(fd);
-        if (up && out().find("Initial http with port") != std::string::npos) {
-            // The listener is open; give the receive loop a moment to start.
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        // The listener is open; the bus endpoint and the discovery port come
+        // up after it.
+        if (up && out().find("Initial http with port") != std::string::npos && busBound() &&
+            (discoveryPort_ == 0 || udpPortTaken(discoveryPort_)))
             return true;
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return false;
+}
+
+bool Daemon::busBound() const {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::string path = rootDir_ + "/var/run/wcfg/eid." + std::to_string(WCFG_EID_WHTTPD);
+    if (path.size() >= sizeof a.sun_path)
+        return false;
+    memcpy(a.sun_path, path.c_str(), path.size() + 1);
+    // A datagram socket connects only where a socket is bound (a name left
+    // by an earlier daemon refuses).
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool bound = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    close(fd);
+    return bound;
 }
 
 int Daemon::stop(int sig, int timeoutMs) {
@@ -337,6 +366,23 @@ int freeUdpPort() {
     getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
     close(fd);
     return ntohs(a.sin_port);
+}
+
+// Read from the kernel's table of IPv4 UDP sockets ("sl local_address ...",
+// the address as HEXADDR:HEXPORT): a probe that bound the port itself could
+// take it from the daemon.
+bool udpPortTaken(int port) {
+    char local[16];
+    snprintf(local, sizeof local, ":%04X ", static_cast<unsigned>(port));
+    std::istringstream table(slurp("/proc/net/udp"));
+    std::string line;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, address;
+        if (fields >> slot >> address && (address + " ").find(local) != std::string::npos)
+            return true;
+    }
+    return false;
 }
 
 int freePort() {

@@ -19,6 +19,8 @@ class DeviceRoot {
     std::string path(const std::string& abs) const { return dir_ + abs; }
     // Runs wcfgctl in this root; returns its exit status, output in `out`.
     int wcfgctl(const std::vector<std::string>& args, std::string* out = nullptr) const;
+    // Runs the program argv[0] in this root; its exit status, output in `out`.
+    int run(const std::vector<std::string>& argv, std::string* out = nullptr) const;
     std::string read(const std::string& abs) const;
     bool exists(const std::string& abs) const;
 
@@ -37,7 +39,8 @@ class Daemon {
     void setEnv(const std::string& name, const std::string& value) {
         env_.emplace_back(name, value);
     }
-    // Waits until the daemon accepts connections on `port`.
+    // Waits until the daemon accepts connections on `port`, its bus endpoint
+    // is bound and its discovery port taken.
     bool waitReady(int port, int timeoutMs = 30000);
     // Sends a signal; waits for the exit and returns the exit status.
     int stop(int sig = 15, int timeoutMs = 20000);
@@ -54,8 +57,11 @@ class Daemon {
     bool waitForOutput(const std::string& text, int timeoutMs = 10000) const;
 
   private:
+    bool busBound() const;
+
     pid_t pid_ = -1;
     int discoveryPort_ = 0;
+    std::string rootDir_;
     std::string outFile_, errFile_;
     std::vector<std::pair<std::string, std::string>> env_;
 };
@@ -95,8 +101,14 @@ Reply https(const std::string& method, const std::string& url, const std::string
 void recordExchange(const std::string& method, const std::string& url, const Reply& r,
                     const char* contentType);
 
+// The program `name` of the build that WHTTPD_PEER_BINDIR names (another
+// CPU's build, talking to this one's daemon), or `own` without it.
+std::string peerProgram(const std::string& name, const std::string& own);
+
 // A TCP port that is free on loopback now.
 int freePort();
+// Whether some IPv4 socket holds UDP `port`.
+bool udpPortTaken(int port);
 // A UDP port that is free on loopback now.
 int freeUdpPort();
 

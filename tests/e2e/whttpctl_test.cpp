@@ -761,6 +761,12 @@ class PromptOnPty {
             (void)!read(go[0], &c, 1);  // until it is the foreground job
             rlimit none{0, 0};
             setrlimit(RLIMIT_CORE, &none);
+            // A shell's foreground job starts with the signals' default
+            // actions, even where the test itself runs with some ignored (a
+            // background job of a shell without job control ignores SIGINT
+            // and SIGQUIT).
+            for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP})
+                signal(sig, SIG_DFL);
             dup2(slave_, 0);
             dup2(slave_, 1);
             dup2(slave_, 2);

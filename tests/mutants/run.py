@@ -50,6 +50,7 @@ def main():
     # the functional tests pin down.
     env = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_FILTER="-*Concurrent*")
     test = ("build-mut/tests/unit_tests >build-mut/unit.log 2>&1 && "
+            "build-mut/tests/e2e_wire_tests >build-mut/e2e_wire.log 2>&1 && "
             "build-mut/tests/e2e_tests >build-mut/e2e.log 2>&1")
     if sh(test, work, env) != 0:
         sys.exit(f"the unmutated tree fails its tests: {work}/build-mut/*.log")

@@ -8,6 +8,8 @@
 
 #include "platform/store/wcfg.h"
 #include "platform/bus/wcfg_msg.h"
+#include "platform/bus/wcfg_wire.h"
+#include "platform/standins/knobs.h"
 #include "platform/store/store.h"
 #include "test_root.h"
 
@@ -16,6 +18,71 @@ TEST(Bus, HeaderLayout) {
     EXPECT_EQ(20u, offsetof(wcfgMsgHdr_t, statCode));
     EXPECT_EQ(24u, offsetof(wcfgMsgHdr_t, ifName));
     EXPECT_EQ(60u, sizeof(wcfgMsgHdr_t));
+}
+
+// On the socket every multi-byte field is big-endian, so that processes of
+// any CPU read one another's headers; the endpoint ids and the interface
+// name are bytes and stay as they are.
+TEST(Bus, HeaderTravelsInNetworkByteOrder) {
+    wcfgMsgHdr_t h{};
+    h.type = 0x01020304u;
+    h.oid = 0x0a0b0c0du;
+    h.srcEid = 1;
+    h.dstEid = WCFG_EID_WHTTPD;
+    h.flags = 0x1122u;
+    h.length = 0x10u;
+    h.seq = 0x55667788u;
+    h.statCode = -2;
+    strcpy(h.ifName, "wl0");
+    unsigned char m[sizeof h];
+    memcpy(m, &h, sizeof h);
+    wcfg::headerToWire(m, sizeof m);
+    const unsigned char expected[] = {0x01, 0x02, 0x03, 0x04, 0x0a, 0x0b, 0x0c, 0x0d, 1,    78,
+                                      0x11, 0x22, 0,    0,    0,    0x10, 0x55, 0x66, 0x77, 0x88,
+                                      0xff, 0xff, 0xff, 0xfe, 'w',  'l',  '0',  0};
+    EXPECT_EQ(0, memcmp(expected, m, sizeof expected));
+    wcfg::headerFromWire(m, sizeof m);
+    EXPECT_EQ(0, memcmp(&h, m, sizeof h));
+    // A message shorter than a header: the fields it holds whole.
+    unsigned char shortMsg[6] = {0x80, 0, 0, 0xe7, 7, 8};
+    wcfg::headerFromWire(shortMsg, sizeof shortMsg);
+    uint32_t type;
+    memcpy(&type, shortMsg, sizeof type);
+    EXPECT_EQ(WCFG_MSG_DATA_MODEL_CHANGED, type);
+    EXPECT_EQ(7, shortMsg[4]);
+}
+
+namespace {
+
+// The Wi-Fi stand-in's answer to a WPS request of `type` for "wl1".
+std::string wpsAnswer(uint32_t type) {
+    char buf[sizeof(wcfgMsgHdr_t) + 16] = {};
+    auto* hdr = reinterpret_cast<wcfgMsgHdr_t*>(buf);
+    const char payload[] = "[\"WPSStatus\"]";
+    hdr->type = type;
+    hdr->srcEid = WCFG_EID_WHTTPD;
+    hdr->dstEid = WCFG_EID_WIFI;
+    hdr->length = sizeof payload;
+    strcpy(hdr->ifName, "wl1");
+    memcpy(buf + sizeof(wcfgMsgHdr_t), payload, sizeof payload);
+    void* reply = nullptr;
+    if (wcfg_msg_sendAndGetReply(buf, &reply, 15000) != 0)
+        return "";
+    std::string text = static_cast<char*>(reply) + sizeof(wcfgMsgHdr_t);
+    free(reply);
+    return text;
+}
+
+}  // namespace
+
+// A walk time of 30 days is 2.6e9 ms, beyond a 32-bit long: the session
+// still runs right after its start.
+TEST(Bus, AWpsWalkOfWeeksIsRunningAtItsStart) {
+    unitTestRoot();
+    ASSERT_TRUE(standin::setKnob("wifi.wps.walk_seconds", "2592000"));
+    EXPECT_EQ("{\"WPSStatus\":1}", wpsAnswer(4006));
+    EXPECT_EQ("{\"WPSStatus\":1}", wpsAnswer(4012));
+    ASSERT_TRUE(standin::setKnob("wifi.wps.walk_seconds", ""));
 }
 
 TEST(Bus, NoticeReachesARegisteredEndpointAndWifiStandInAnswers) {

@@ -86,6 +86,18 @@ TEST(SigV4, VerifierAcceptsTheDevicesCopyAndRefusesTampering) {
               verify(deviceQuery(kExampleSignature) + "&response-content-type=x", kExampleTime));
 }
 
+// A URL signed in 2040 (past 2^31 seconds, where a 32-bit time_t ends) is
+// dated, checked and expires as any other.
+TEST(SigV4, DatesBeyond2038) {
+    const time_t when = 2218400000;  // 2040-04-18T22:13:20Z
+    EXPECT_EQ("20400418T221320Z", sigv4::amzDate(when));
+    sigv4::Presigned p = sigv4::presign(kExampleKey, kExampleHost, "/test.txt", when, 3600);
+    EXPECT_NE(std::string::npos, p.query.find("X-Amz-Date=20400418T221320Z")) << p.query;
+    EXPECT_EQ("", sigv4::verify(kExampleKey, kExampleHost, "/test.txt", p.query, when + 3600));
+    EXPECT_EQ("expired",
+              sigv4::verify(kExampleKey, kExampleHost, "/test.txt", p.query, when + 3601));
+}
+
 // The cloud stand-in's meta document, as section by section the device scans it.
 const char* kMeta =
     "{\"meta_file\":\"{\\\"imgurl\\\":\\\"https://127.0.0.1:18443/fw/NX5150/"

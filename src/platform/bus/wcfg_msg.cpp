@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -18,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/bus/wcfg_wire.h"
 #include "platform/platform.h"
 #include "platform/store/wcfg.h"
 #include "platform/store/store.h"
@@ -57,9 +59,13 @@ void ensureDir() {
         wlog_log_f(WLOG_ERR, "wcfg_msg", __LINE__, __func__, "cannot create %s\n", dir.c_str());
 }
 
-// Sends from an unbound socket; -errno on failure.
+// Sends a message whose header is in host order, its header turned into
+// wire order on the way; -errno on failure.
 int sendTo(int fd, const sockaddr_un& addr, const void* msg, size_t len) {
-    ssize_t n = sendto(fd, msg, len, 0, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+    std::vector<char> wire(static_cast<const char*>(msg), static_cast<const char*>(msg) + len);
+    wcfg::headerToWire(wire.data(), wire.size());
+    ssize_t n = sendto(fd, wire.data(), wire.size(), 0, reinterpret_cast<const sockaddr*>(&addr),
+                       sizeof addr);
     return n < 0 ? -errno : 0;
 }
 
@@ -130,12 +136,15 @@ int wcfg_msg_serverRecv(void** msg, int timeoutMs, const char* /*file*/, int /*l
             continue;
         if (n < static_cast<ssize_t>(sizeof(uint32_t)))
             return -1;
-        void* out =
-            malloc(n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)) ? sizeof(wcfgMsgHdr_t) : n);
+        // A message shorter than a header is read as one padded with zeros;
+        // of it, the fields it holds whole are converted, as its sender did.
+        size_t size = std::max(static_cast<size_t>(n), sizeof(wcfgMsgHdr_t));
+        void* out = malloc(size);
         if (!out)
             return -1;
         memset(out, 0, sizeof(wcfgMsgHdr_t));
         memcpy(out, buf.data(), n);
+        wcfg::headerFromWire(out, static_cast<size_t>(n));
         *msg = out;
         return 0;
     }
@@ -222,6 +231,7 @@ int awaitReply(int fd, uint32_t seq, void** reply, int timeoutMs) {
         ssize_t n = recv(fd, buf.data(), buf.size(), 0);
         if (n < static_cast<ssize_t>(sizeof(wcfgMsgHdr_t)))
             continue;
+        wcfg::headerFromWire(buf.data(), static_cast<size_t>(n));
         if (reinterpret_cast<wcfgMsgHdr_t*>(buf.data())->seq != seq)
             continue;
         void* copy = malloc(n + 1);

@@ -8,6 +8,8 @@
 
 #pragma pack(push, 1)
 // Message header; the payload (JSON text with its NUL) follows at offset 60.
+// Programs fill and read it in their own byte order; on the socket its
+// fields are big-endian (wcfg_wire.h), so that processes of any CPU agree.
 struct wcfgMsgHdr_t {
     uint32_t type;
     uint32_t oid;

@@ -59,9 +59,10 @@ int wpsStatus(const std::string& ifName) {
     const WpsSession* s = sessionOf(ifName);
     if (!s)
         return 0;
-    long second = platformSecondMs();
-    long walk = knobNumber("wifi.wps.walk_seconds", 120) * second;
-    long elapsed =
+    // Milliseconds in 64 bits: a walk of weeks overflows a 32-bit long.
+    int64_t second = platformSecondMs();
+    int64_t walk = static_cast<int64_t>(knobNumber("wifi.wps.walk_seconds", 120)) * second;
+    int64_t elapsed =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - s->started).count();
     bool success = s->outcome == "success";
     if (elapsed < walk) {
