@@ -40,8 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // An event stream's watched paths and the id it resumes from.
     std::vector<std::string> watched;
     for (size_t i = 0, n = cg_http_request_getparamcount(&r, "path"); i < n; ++i) {
-        const char* p = cg_http_request_getparamat(&r, "path", i);
-        if (wHttpWatchPathWellFormed(p)) {
+        const char* p = cg_http_request_getparamat(&r, "path", i);  // nullptr: a NUL in it
+        if (p && wHttpWatchPathWellFormed(p)) {
             fuzzRequireUtf8(p);
             watched.emplace_back(p);
         }
