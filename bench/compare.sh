@@ -26,7 +26,7 @@ if [ ${#need[@]} -gt 0 ]; then
 fi
 nginx_bin=$(command -v nginx || echo /usr/sbin/nginx)
 scripts/deps
-scripts/build build g++ >/dev/null
+scripts/build build "" g++ >/dev/null
 
 . bench/lib.sh
 idle_rss=$(awk '/VmRSS/ {print $2}' /proc/$pid/status)

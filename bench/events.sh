@@ -11,7 +11,7 @@ streams=${1:-100}
 writes=${2:-200}
 idle=${3:-30}
 scripts/deps
-scripts/build build g++ >/dev/null
+scripts/build build "" g++ >/dev/null
 # More streams than a router allows by default (64 in all, 4 per session).
 BENCH_LIMITS="events_total=$((streams + 8)),events_per_session=4"
 # Real seconds: the device's own timers and services at their real pace, so

@@ -20,7 +20,7 @@ if [ ${#need[@]} -gt 0 ]; then
         "${need[@]}" >/dev/null
 fi
 scripts/deps
-scripts/build build g++ >/dev/null
+scripts/build build "" g++ >/dev/null
 
 # 59 more end devices beside the default 5 hosts: 64 in the database, with
 # leases; half of them on the gateway's 2.4 GHz Wi-Fi.

@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${1:-5}
 scripts/deps
-scripts/build build g++ >/dev/null
+scripts/build build "" g++ >/dev/null
 root=$(mktemp -d /tmp/whttpd-bench-XXXXXX)
 pid=
 trap '[ -n "$pid" ] && kill -TERM $pid 2>/dev/null && wait $pid; rm -rf "$root"' EXIT

@@ -41,7 +41,7 @@ def main():
     # applied to an older revision as well.
     with open(os.path.join(HERE, "mutants.json")) as f:
         mutants = json.load(f)
-    build = "scripts/build build-mut g++ >/dev/null"
+    build = "scripts/build build-mut \"\" g++ >/dev/null"
     if sh(build, work) != 0:
         sys.exit("the unmutated tree does not build")
     # The unit tests first, then the end-to-end tests, each stopping at its
