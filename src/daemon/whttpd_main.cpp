@@ -1,6 +1,5 @@
 // whttpd_rest: the HTTPS REST API daemon.  Start-up, the message-bus receive
 // loop on the main thread, and shutdown.
-#include <curl/curl.h>
 #include <getopt.h>
 #include <malloc.h>
 #include <syslog.h>
@@ -180,9 +179,6 @@ void serve(const Options& o) {
 int main(int argc, char** argv) {
     platformInit();
     standin::install();
-    // libcurl's global state is set up here, before any thread runs; the
-    // init and cleanup around each firmware transfer then only count.
-    curl_global_init(CURL_GLOBAL_ALL);
     wHttpWaitForCertificate();
     wHttpInstallSignalHandler();
     Options options = parseOptions(argc, argv);

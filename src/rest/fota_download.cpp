@@ -6,7 +6,6 @@
 // time or the roots yet); the image check of the configuration service is
 // what stands between a download and the flash.  Only http and https are
 // followed: a configured or served URL never reaches local files.
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 
 #include "platform/platform.h"
 #include "rest/fota.h"
+#include "rest/fota_curl.h"
 
 namespace {
 
@@ -51,33 +51,34 @@ FILE* openDestination(const std::string& file) {
     return f;
 }
 
-void setOptions(CURL* curl, const char* url, Sink* sink, const FotaLimits& limits) {
+void setOptions(const FotaCurl& api, CURL* curl, const char* url, Sink* sink,
+                const FotaLimits& limits) {
     long second = platformSecondMs();
-    curl_easy_setopt(curl, CURLOPT_URL, url);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, sink);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
-    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.maxBytes));
+    api.easySetopt(curl, CURLOPT_URL, url);
+    api.easySetopt(curl, CURLOPT_WRITEDATA, sink);
+    api.easySetopt(curl, CURLOPT_WRITEFUNCTION, writeToFile);
+    api.easySetopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.maxBytes));
     // Whole transfer and connection (with its TLS handshake): never under ten
     // real seconds, however short a platform second is; a slow CPU needs
     // real time for the handshake.
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, std::max(10000L, limits.maxSeconds * second));
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, std::max(10000L, kConnectSeconds * second));
+    api.easySetopt(curl, CURLOPT_TIMEOUT_MS, std::max(10000L, limits.maxSeconds * second));
+    api.easySetopt(curl, CURLOPT_CONNECTTIMEOUT_MS, std::max(10000L, kConnectSeconds * second));
     // curl counts the low-speed time in whole seconds.
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME,
-                     std::max(1L, (kLowSpeedSeconds * second + 999) / 1000));
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
-    curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
+    api.easySetopt(curl, CURLOPT_LOW_SPEED_TIME,
+                   std::max(1L, (kLowSpeedSeconds * second + 999) / 1000));
+    api.easySetopt(curl, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
+    api.easySetopt(curl, CURLOPT_FAILONERROR, 1L);
     // The peer's certificate is not verified (the cloud's chain is not
     // known to the device), but it must name the host asked: curl's default
     // host-name check stays on.
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    api.easySetopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+    api.easySetopt(curl, CURLOPT_NOSIGNAL, 1L);
+    api.easySetopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
 }
 
-int mapResponse(CURL* curl) {
+int mapResponse(const FotaCurl& api, CURL* curl) {
     long code = 0;
-    if (curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
+    if (api.easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
         WLOG(WLOG_ERR, WHTTPD_SRC,
              "[FOTA] Curl download file from server failed.Curlinfo response code:%ld \n", code);
         return code == 400 ? 400 : -3;
@@ -97,24 +98,22 @@ int wHttpFotaDownload(const char* url, const char* dest, const FotaLimits& limit
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Invalid Request URL or Invalid Destination Path.\n");
         return -1;
     }
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    const FotaCurl* api = wHttpFotaCurl();
+    CURL* curl = api ? api->easyInit() : nullptr;
     if (!curl) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Fail to open curl\n");
-        curl_global_cleanup();
         return -1;
     }
     FILE* out = openDestination(platformPath(dest));
     if (!out) {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Fail to open destination outfile path\n");
-        curl_easy_cleanup(curl);
-        curl_global_cleanup();
+        api->easyCleanup(curl);
         return -1;
     }
     Sink sink{out, limits.maxBytes};
-    setOptions(curl, url, &sink, limits);
+    setOptions(*api, curl, url, &sink, limits);
     WLOG(WLOG_INFO, WHTTPD_SRC, "[FOTA] Curl downloading start.\n");
-    CURLcode res = curl_easy_perform(curl);
+    CURLcode res = api->easyPerform(curl);
     fclose(out);
     int result = -1;
     if (res == CURLE_OK || res == CURLE_HTTP_RETURNED_ERROR) {
@@ -122,11 +121,10 @@ int wHttpFotaDownload(const char* url, const char* dest, const FotaLimits& limit
             WLOG(WLOG_DEBUG, WHTTPD_SRC, "[FOTA] Curl download file success, res = %d\n", res);
         else
             WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Server returned an error code (%d).\n", res);
-        result = mapResponse(curl);
+        result = mapResponse(*api, curl);
     } else {
         WLOG(WLOG_ERR, WHTTPD_SRC, "[FOTA] Curl download file failed, res = %d\n", res);
     }
-    curl_easy_cleanup(curl);
-    curl_global_cleanup();
+    api->easyCleanup(curl);
     return result;
 }
