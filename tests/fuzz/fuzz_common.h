@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 
+#include <filesystem>
 #include <string>
 
 #include "platform/platform.h"
@@ -15,6 +16,12 @@ inline const std::string& fuzzDeviceRoot() {
     static const std::string root = [] {
         char tmpl[] = "/tmp/whttpd-fuzz-XXXXXX";
         std::string dir = mkdtemp(tmpl);
+        // Gone again when the program ends (a crash leaves it to look at).
+        static std::string removeAtExit = dir;
+        atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(removeAtExit, ec);
+        });
         setenv("WHTTPD_ROOT", dir.c_str(), 1);
         setenv("WHTTPD_SECOND_MS", "1", 1);
         setenv("WLOG_LEVEL", "0", 1);

@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 
+#include <filesystem>
 #include <string>
 
 #include "platform/standins/provision.h"
@@ -12,6 +13,12 @@ inline const std::string& unitTestRoot() {
     static const std::string root = [] {
         char tmpl[] = "/tmp/whttpd-unit-XXXXXX";
         std::string dir = mkdtemp(tmpl);
+        // Gone again when the program ends (a crash leaves it to look at).
+        static std::string removeAtExit = dir;
+        atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(removeAtExit, ec);
+        });
         setenv("WHTTPD_ROOT", dir.c_str(), 1);
         std::string err;
         if (!provision::initDeviceRoot("/bin/true", err))
