@@ -144,7 +144,7 @@ printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, $conns conn" "$t_rps"
 printf '  %-34s %10s ms %s\n' "server CPU per TLS connection" "$d_conn" "(whttpd_rest)"
 printf '  %-34s %10s ms %s\n' "" "$n_conn" "(nginx)"
 sleep 1
-echo "  whttpd_rest RSS: idle ${idle_rss} kB, peak $(peak) kB; anonymous: idle ${idle_anon} kB, after the load $(anon $pid) kB"
+echo "  whttpd_rest RSS: idle ${idle_rss} kB, peak $(peak) kB; anonymous: idle ${idle_anon} kB, after the load $(anon $pid) kB; threads after the load $(ls /proc/$pid/task | wc -l)"
 # Start-up with the certificate in place: exec to the first HTTPS answer.
 kill -TERM $pid && wait $pid || true
 t0=$(date +%s%N)

@@ -2,10 +2,13 @@
 #include "platform/http/worker_pool.h"
 
 #include <pthread.h>
+#include <sched.h>
+#include <time.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <list>
 #include <mutex>
 
 namespace {
@@ -73,6 +76,15 @@ struct WorkerPool::State {
     bool stopping = false;
     bool watching = false;  // the watcher is looking at a waiting job
     bool watcher = false;   // the watcher thread runs
+    // Each thread's CPU clock, so that the watcher can tell threads that
+    // compute from threads that wait.
+    struct Slot {
+        clockid_t clock;
+        bool busy = false;
+        int64_t cpuSeen = 0;  // CPU time (ns) when the watcher last looked
+    };
+    std::list<Slot> slots;
+    int cpus = 1;  // the CPUs this process may run on
 };
 
 namespace {
@@ -96,22 +108,53 @@ std::function<void()> nextJob(WorkerPool::State& s, std::unique_lock<std::mutex>
     }
 }
 
+int64_t cpuNanos(clockid_t clock) {
+    timespec t{};
+    if (clock_gettime(clock, &t) != 0)
+        return 0;
+    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
 void workerLoop(std::shared_ptr<WorkerPool::State> s) {
     if (s->config.threadInit)
         s->config.threadInit();
+    clockid_t clock = CLOCK_THREAD_CPUTIME_ID;
+    pthread_getcpuclockid(pthread_self(), &clock);
     std::unique_lock<std::mutex> lock(s->m);
+    auto slot = s->slots.insert(s->slots.end(), WorkerPool::State::Slot{clock});
     --s->starting;
     for (;;) {
         std::function<void()> job = nextJob(*s, lock);
         if (!job)
             break;
+        slot->busy = true;
         lock.unlock();
         job();
         job = nullptr;  // whatever the job holds goes before the next wait
         lock.lock();
+        slot->busy = false;
     }
+    s->slots.erase(slot);  // before the thread (and its clock) is gone
     --s->threads;
     s->gone.notify_all();
+}
+
+// Called with the lock held.
+void noteCpu(WorkerPool::State& s) {
+    for (auto& slot : s.slots)
+        slot.cpuSeen = cpuNanos(slot.clock);
+}
+
+// Whether the busy threads computed through most of `span` on every CPU
+// there is: another thread would only share the CPUs with them (and keep
+// its stack and allocator cache after the rush).  Called with the lock held.
+bool cpusSaturated(WorkerPool::State& s, std::chrono::milliseconds span) {
+    int64_t half = std::chrono::nanoseconds(span).count() / 2;
+    int computing = 0;
+    for (auto& slot : s.slots)
+        if (slot.busy && cpuNanos(slot.clock) - slot.cpuSeen >= half)
+            ++computing;
+    return computing >= s.cpus;
 }
 
 // Starts one more thread; called with the lock held.
@@ -126,9 +169,11 @@ bool addThread(const std::shared_ptr<WorkerPool::State>& s) {
 }
 
 // The watcher: the pool grows only when a job has waited `growAfterMs` with
-// every thread busy, that is when long work holds the threads.  Quick jobs
-// under load are taken by the threads there are, one after another, without
-// a thread (and a wake-up) for each.
+// every thread busy, that is when long work holds the threads, and not when
+// the busy threads were computing on every CPU all along (a rush of large
+// reads): then another thread brings no answer sooner.  Quick jobs under
+// load are taken by the threads there are, one after another, without a
+// thread (and a wake-up) for each.
 void watcherLoop(std::shared_ptr<WorkerPool::State> s) {
     if (s->config.threadInit)
         s->config.threadInit();
@@ -136,11 +181,13 @@ void watcherLoop(std::shared_ptr<WorkerPool::State> s) {
     std::unique_lock<std::mutex> lock(s->m);
     while (!s->stopping) {
         s->watch.wait(lock, [&] { return s->watching || s->stopping; });
+        noteCpu(*s);
         if (s->watch.wait_for(lock, growAfter, [&] { return s->stopping; }))
             break;
         bool noneFree = s->idle + s->starting == 0;
         if (!s->jobs.empty() && noneFree && s->threads < s->config.maxThreads &&
-            std::chrono::steady_clock::now() - s->jobs.front().queued >= growAfter)
+            std::chrono::steady_clock::now() - s->jobs.front().queued >= growAfter &&
+            !cpusSaturated(*s, growAfter))
             addThread(s);
         s->watching = !s->jobs.empty();  // look again while jobs wait
     }
@@ -156,6 +203,9 @@ WorkerPool::WorkerPool(WorkerPoolConfig config) : state_(std::make_shared<State>
     if (config.maxThreads < config.minThreads)
         config.maxThreads = config.minThreads;
     state_->config = std::move(config);
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0)
+        state_->cpus = CPU_COUNT(&set);
     std::lock_guard<std::mutex> lock(state_->m);
     for (int i = 0; i < state_->config.minThreads; ++i)
         addThread(state_);
