@@ -2,7 +2,6 @@
 #include "platform/http/worker_pool.h"
 
 #include <pthread.h>
-#include <sched.h>
 #include <time.h>
 
 #include <chrono>
@@ -84,7 +83,6 @@ struct WorkerPool::State {
         int64_t cpuSeen = 0;  // CPU time (ns) when the watcher last looked
     };
     std::list<Slot> slots;
-    int cpus = 1;  // the CPUs this process may run on
 };
 
 namespace {
@@ -145,16 +143,23 @@ void noteCpu(WorkerPool::State& s) {
         slot.cpuSeen = cpuNanos(slot.clock);
 }
 
-// Whether the busy threads computed through most of `span` on every CPU
-// there is: another thread would only share the CPUs with them (and keep
-// its stack and allocator cache after the rush).  Called with the lock held.
-bool cpusSaturated(WorkerPool::State& s, std::chrono::milliseconds span) {
-    int64_t half = std::chrono::nanoseconds(span).count() / 2;
-    int computing = 0;
-    for (auto& slot : s.slots)
-        if (slot.busy && cpuNanos(slot.clock) - slot.cpuSeen >= half)
-            ++computing;
-    return computing >= s.cpus;
+// Whether every busy thread computed during `span` (used a tenth of it or
+// more on a CPU, however many threads shared the CPUs): none of them waits
+// for anything, so another thread would only share the CPUs with them (and
+// keep its stack and allocator cache after the rush).  A thread that waits
+// (a WPS start, a download, a lock) uses next to none.  Called with the lock
+// held.
+bool busyThreadsCompute(WorkerPool::State& s, std::chrono::milliseconds span) {
+    int64_t tenth = std::chrono::nanoseconds(span).count() / 10;
+    bool anyBusy = false;
+    for (auto& slot : s.slots) {
+        if (!slot.busy)
+            continue;
+        anyBusy = true;
+        if (cpuNanos(slot.clock) - slot.cpuSeen < tenth)
+            return false;
+    }
+    return anyBusy;
 }
 
 // Starts one more thread; called with the lock held.
@@ -170,8 +175,8 @@ bool addThread(const std::shared_ptr<WorkerPool::State>& s) {
 
 // The watcher: the pool grows only when a job has waited `growAfterMs` with
 // every thread busy, that is when long work holds the threads, and not when
-// the busy threads were computing on every CPU all along (a rush of large
-// reads): then another thread brings no answer sooner.  Quick jobs under
+// every busy thread was computing (a rush of large reads): then another
+// thread brings no answer sooner.  Quick jobs under
 // load are taken by the threads there are, one after another, without a
 // thread (and a wake-up) for each.
 void watcherLoop(std::shared_ptr<WorkerPool::State> s) {
@@ -187,7 +192,7 @@ void watcherLoop(std::shared_ptr<WorkerPool::State> s) {
         bool noneFree = s->idle + s->starting == 0;
         if (!s->jobs.empty() && noneFree && s->threads < s->config.maxThreads &&
             std::chrono::steady_clock::now() - s->jobs.front().queued >= growAfter &&
-            !cpusSaturated(*s, growAfter))
+            !busyThreadsCompute(*s, growAfter))
             addThread(s);
         s->watching = !s->jobs.empty();  // look again while jobs wait
     }
@@ -203,9 +208,6 @@ WorkerPool::WorkerPool(WorkerPoolConfig config) : state_(std::make_shared<State>
     if (config.maxThreads < config.minThreads)
         config.maxThreads = config.minThreads;
     state_->config = std::move(config);
-    cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0)
-        state_->cpus = CPU_COUNT(&set);
     std::lock_guard<std::mutex> lock(state_->m);
     for (int i = 0; i < state_->config.minThreads; ++i)
         addThread(state_);

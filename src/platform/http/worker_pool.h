@@ -1,8 +1,8 @@
 // A bounded pool of worker threads with small stacks for the HTTP adapter's
 // request handlers.  It keeps a few threads and grows up to a ceiling when a
 // job has waited a moment with every thread busy, so that long handlers (a WPS start that waits up
-// to 40 s, a firmware download) never starve the quick ones, but not while the busy threads keep
-// every CPU computing (more threads would not answer sooner); threads above the floor leave again
+// to 40 s, a firmware download) never starve the quick ones, but not while every busy thread
+// computes (more threads would not answer sooner); threads above the floor leave again
 // after a spell of idleness.  Jobs beyond the queue's bound are refused: the caller answers "busy"
 // instead of piling up work.
 #pragma once
