@@ -34,9 +34,11 @@ TlsStream::~TlsStream() {
         SSL_free(ssl_);
 }
 
-TlsStream::Step TlsStream::attempt(Kind kind, void* data, size_t size, size_t& n,
-                                   error_code& ec) {
-    if (!ssl_) {
+TlsStream::Step TlsStream::attempt(Kind kind, void* data, size_t size, size_t& n, error_code& ec) {
+    // Once the socket is closed, its descriptor number may already belong to
+    // another connection that OpenSSL (which holds the number) must not
+    // touch: a step that was on its way when the close came fails instead.
+    if (!ssl_ || !socket_.is_open()) {
         ec = net::error::bad_descriptor;
         return Step::Failed;
     }
