@@ -4,11 +4,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace {
 
-const VxExtObjRow kNoRows[] = {{nullptr, nullptr, nullptr, nullptr, nullptr}};
+const VxExtObjRow kNoRows[] = {{nullptr, nullptr, nullptr, nullptr, nullptr, false}};
 std::atomic<const VxExtObjRow*> gTable{kNoRows};
 
 thread_local std::vector<void (*)(void)> tReleases;
@@ -30,6 +31,16 @@ int vxExtObjFind(const char* className) {
 
 const VxExtObjRow& vxExtObjRow(int row) {
     return gTable.load()[row];
+}
+
+int vxExtObjCovering(const char* className) {
+    int row = vxExtObjFind(className);
+    return row >= 0 ? row : vxExtObjFind((std::string(className) + "i.").c_str());
+}
+
+bool vxExtObjReadMayWait(const char* className) {
+    int row = vxExtObjCovering(className);
+    return row >= 0 && vxExtObjRow(row).readWaits;
 }
 
 void wHttpAtReadEnd(void (*release)(void)) {

@@ -20,6 +20,9 @@ struct VxExtObjRow {
     VxSetHandler set;
     VxAddHandler add;
     VxDelHandler del;
+    // A read waits for something outside the process (files and a database
+    // refreshed, a shell tool, another service): never on a network thread.
+    bool readWaits;
 };
 
 // Registers the table (before the server starts); rows are matched by exact
@@ -29,6 +32,13 @@ void vxExtObjSetTable(const VxExtObjRow* table);
 int vxExtObjFind(const char* className);
 // A row found by vxExtObjFind.
 const VxExtObjRow& vxExtObjRow(int row);
+// The row that answers reads of `className`: its own, or for a table the
+// row of its instances; -1 when the configuration answers them alone.
+int vxExtObjCovering(const char* className);
+// Whether a read (first level only) of the class may wait (its covering
+// row's `readWaits`); reads that never wait may be answered on a network
+// thread.
+bool vxExtObjReadMayWait(const char* className);
 
 // Asks for `release` to run on this thread when the current value GET ends
 // (once, however often asked).

@@ -34,8 +34,7 @@ bool mayBeKept(const std::string& path, int firstLevelOnly) {
     char className[256] = "";
     if (!wHttpGetSchemaObj(path.c_str(), className, sizeof className, nullptr, 0, nullptr))
         return true;  // "Invalid object" as long as the schema stands
-    std::string instances = std::string(className) + "i.";
-    return vxExtObjFind(className) < 0 && vxExtObjFind(instances.c_str()) < 0;
+    return vxExtObjCovering(className) < 0;
 }
 
 }  // namespace

@@ -16,12 +16,6 @@ extern const VxExtObjRow gVxExtObjTable[];
 // Registers the table with the data model (at start-up).
 void vxExtObjRegister(void);
 
-// Whether a read (first level only) of the class may wait for something
-// outside the process: the host table's refresh from files and a database,
-// the WAN information's shell tool, the Wi-Fi service's WPS status.  Reads
-// that never wait may be answered on a network thread.
-bool vxExtObjReadMayWait(const char* className);
-
 // The device's operation mode (0 router, else an extender or access point),
 // read from the configuration service at start-up.
 void vxReadOperationMode(void);

@@ -7,7 +7,7 @@
 
 #include "datamodel/path_parse.h"
 #include "datamodel/schema.h"
-#include "extobj/whttpd_extobj.h"
+#include "datamodel/ext_objects.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

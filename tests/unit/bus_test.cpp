@@ -54,19 +54,27 @@ TEST(Bus, HeaderTravelsInNetworkByteOrder) {
 
 namespace {
 
+// A WPS status request of `type` for `ifName` to the Wi-Fi endpoint.
+struct WpsRequest {
+    char buf[sizeof(wcfgMsgHdr_t) + 16] = {};
+    WpsRequest(uint32_t type, const char* ifName) {
+        const char payload[] = "[\"WPSStatus\"]";
+        wcfgMsgHdr_t* h = hdr();
+        h->type = type;
+        h->srcEid = WCFG_EID_WHTTPD;
+        h->dstEid = WCFG_EID_WIFI;
+        h->length = sizeof payload;
+        strcpy(h->ifName, ifName);
+        memcpy(buf + sizeof(wcfgMsgHdr_t), payload, sizeof payload);
+    }
+    wcfgMsgHdr_t* hdr() { return reinterpret_cast<wcfgMsgHdr_t*>(buf); }
+};
+
 // The Wi-Fi stand-in's answer to a WPS request of `type` for "wl1".
 std::string wpsAnswer(uint32_t type) {
-    char buf[sizeof(wcfgMsgHdr_t) + 16] = {};
-    auto* hdr = reinterpret_cast<wcfgMsgHdr_t*>(buf);
-    const char payload[] = "[\"WPSStatus\"]";
-    hdr->type = type;
-    hdr->srcEid = WCFG_EID_WHTTPD;
-    hdr->dstEid = WCFG_EID_WIFI;
-    hdr->length = sizeof payload;
-    strcpy(hdr->ifName, "wl1");
-    memcpy(buf + sizeof(wcfgMsgHdr_t), payload, sizeof payload);
+    WpsRequest request(type, "wl1");
     void* reply = nullptr;
-    if (wcfg_msg_sendAndGetReply(buf, &reply, 15000) != 0)
+    if (wcfg_msg_sendAndGetReply(request.buf, &reply, 15000) != 0)
         return "";
     std::string text = static_cast<char*>(reply) + sizeof(wcfgMsgHdr_t);
     free(reply);
@@ -100,15 +108,9 @@ TEST(Bus, NoticeReachesARegisteredEndpointAndWifiStandInAnswers) {
     EXPECT_EQ(-1, wcfg_msg_serverRecv(&msg, 50, __FILE__, __LINE__));
 
     // Nobody binds endpoint 40: the platform's Wi-Fi stand-in answers.
-    char buf[sizeof(wcfgMsgHdr_t) + 16] = {};
-    auto* hdr = reinterpret_cast<wcfgMsgHdr_t*>(buf);
-    const char payload[] = "[\"WPSStatus\"]";
-    hdr->type = 4006;
-    hdr->srcEid = WCFG_EID_WHTTPD;
-    hdr->dstEid = WCFG_EID_WIFI;
-    hdr->length = sizeof payload;
-    strcpy(hdr->ifName, "wl0");
-    memcpy(buf + sizeof(wcfgMsgHdr_t), payload, sizeof payload);
+    WpsRequest request(4006, "wl0");
+    char* buf = request.buf;
+    wcfgMsgHdr_t* hdr = request.hdr();
     void* reply = nullptr;
     ASSERT_EQ(0, wcfg_msg_sendAndGetReply(buf, &reply, 15000));
     auto* rh = static_cast<wcfgMsgHdr_t*>(reply);
