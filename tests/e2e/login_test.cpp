@@ -176,7 +176,7 @@ TEST(Login, RetriesLockTheUserAndTheLockRunsOut) {
     EXPECT_EQ(401, r.status);
     EXPECT_EQ(kHidden, operStatus(r));
     EXPECT_EQ(2u, locks());
-    EXPECT_NE(std::string::npos, d.out().find("isRestriction: This account is locked"));
+    EXPECT_TRUE(d.waitForOutput("isRestriction: This account is locked"));
     Session admin;
     EXPECT_EQ(200, c.login("admin", "1234abcd", &admin).status);
     // A locked user's session requests are refused as well.

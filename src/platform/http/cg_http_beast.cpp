@@ -1,16 +1,16 @@
 // The HTTP server library over Boost.Beast and OpenSSL: the server, its
 // accept loop and its threads.
 //
-// A few network threads run one io_context for every connection; each
-// connection (http_session.cpp) is a chain of asynchronous operations on a
-// strand of its own, so a silent, slow or half-open client holds a socket
-// and a little memory but no thread.  Complete requests go to a bounded
-// pool of small-stack worker threads that run the listener.
+// A few network threads each run an event loop of their own; the acceptor
+// hands new connections to the loops in turn, and each connection
+// (http_session.cpp) is a chain of asynchronous operations on its loop, so
+// a silent, slow or half-open client holds a socket and a little memory but
+// no thread.  Complete requests go to a bounded pool of small-stack worker
+// threads that run the listener (quick ones run on the loop itself).
 #include <sys/resource.h>
 
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/strand.hpp>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -78,10 +78,11 @@ void onAccept(const std::shared_ptr<HttpServerState>& st, boost::system::error_c
 }
 
 void doAccept(const std::shared_ptr<HttpServerState>& st) {
-    st->acceptor->async_accept(net::make_strand(st->ioc),
-                               [st](boost::system::error_code ec, tcp::socket sock) {
-                                   onAccept(st, ec, std::move(sock));
-                               });
+    // The acceptor's loop picks the next loop under no lock: only it accepts.
+    net::io_context& loop = st->loops[st->nextLoop++ % st->liveLoops]->ioc;
+    st->acceptor->async_accept(loop, [st](boost::system::error_code ec, tcp::socket sock) {
+        onAccept(st, ec, std::move(sock));
+    });
 }
 
 // Every thread of the server: the stop signals go to the main thread, and
@@ -91,9 +92,9 @@ void serverThreadInit() {
     wcfgFeSetCaller(WCFG_CALLER_NONE);
 }
 
-void runIoThread(std::shared_ptr<HttpServerState> st) {
+void runIoThread(std::shared_ptr<HttpServerState> st, HttpIoLoop* loop) {
     serverThreadInit();
-    st->ioc.run();
+    loop->ioc.run();
     std::lock_guard<std::mutex> lock(st->threadsMutex);
     --st->ioThreads;
     st->threadsGone.notify_all();
@@ -143,8 +144,8 @@ bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, i
     net::ip::address addr = net::ip::make_address(bindAddr ? bindAddr : "::", ec);
     if (ec)
         return false;
-    auto strand = net::make_strand(st.ioc);
-    auto acc = std::make_unique<tcp::acceptor>(strand);
+    net::io_context& first = st.loops.front()->ioc;
+    auto acc = std::make_unique<tcp::acceptor>(first);
     tcp::endpoint ep(addr, static_cast<unsigned short>(port));
     acc->open(ep.protocol(), ec);
     if (ec)
@@ -159,7 +160,7 @@ bool cg_http_server_open(CgHttpServer* server, int port, const char* bindAddr, i
     if (ec)
         return false;
     st.acceptor = std::move(acc);
-    st.acceptRetry = std::make_unique<net::steady_timer>(strand);
+    st.acceptRetry = std::make_unique<net::steady_timer>(first);
     return true;
 }
 
@@ -187,18 +188,26 @@ bool cg_http_server_start(CgHttpServer* server) {
     pool.threadInit = serverThreadInit;
     st->pool = std::make_unique<WorkerPool>(pool);
     st->running = true;
-    doAccept(st);
-    int wanted = lim.ioThreads > 0 ? lim.ioThreads : 1;
-    for (int i = 0; i < wanted; ++i) {
+    size_t wanted = lim.ioThreads > 0 ? static_cast<size_t>(lim.ioThreads) : 1;
+    while (st->loops.size() < wanted)
+        st->loops.push_back(std::make_unique<HttpIoLoop>());
+    size_t started = 0;
+    for (; started < st->loops.size(); ++started) {
         std::lock_guard<std::mutex> lock(st->threadsMutex);
         ++st->ioThreads;
-        if (!startSmallStackThread(lim.threadStackBytes, [st] { runIoThread(st); }))
+        HttpIoLoop* loop = st->loops[started].get();
+        if (!startSmallStackThread(lim.threadStackBytes, [st, loop] { runIoThread(st, loop); })) {
             --st->ioThreads;
+            break;
+        }
     }
-    if (st->ioThreads == 0) {
+    if (started == 0) {
         st->running = false;
         return false;
     }
+    // Connections go only to loops whose thread runs.
+    st->liveLoops = started;
+    doAccept(st);
     return true;
 }
 
@@ -218,14 +227,18 @@ bool cg_http_server_stop(CgHttpServer* server) {
     // Listeners under way finish (their answers go nowhere); then the network
     // threads stop and whatever they left queued is run down here.
     st->pool->stop(3000);
-    st->work.reset();
-    st->ioc.stop();
+    for (auto& loop : st->loops) {
+        loop->work.reset();
+        loop->ioc.stop();
+    }
     std::unique_lock<std::mutex> lock(st->threadsMutex);
     st->threadsGone.wait_for(lock, std::chrono::seconds(3), [&] { return st->ioThreads == 0; });
     if (st->ioThreads == 0) {
         lock.unlock();
-        st->ioc.restart();
-        st->ioc.poll();
+        for (auto& loop : st->loops) {
+            loop->ioc.restart();
+            loop->ioc.poll();
+        }
     }
     return true;
 }

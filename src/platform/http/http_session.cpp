@@ -249,7 +249,7 @@ void HttpSession::runListener() {
         net::post(ex_, [self = shared_from_this()] { self->onListenerDone(); });
 }
 
-// On the strand: a quick request's listener runs here and now.
+// On the loop: a quick request's listener runs here and now.
 void HttpSession::runInline() {
     if (st_->running && st_->listener) {
         inline_ = true;
@@ -259,8 +259,8 @@ void HttpSession::runInline() {
     onListenerDone();
 }
 
-// On a worker thread: the bytes go to the strand, which writes them (on the
-// strand itself, for a quick request, at once).
+// On a worker thread: the bytes go to the loop, which writes them (on the
+// loop itself, for a quick request, at once).
 void HttpSession::send(std::string bytes) {
     if (!st_->running)
         return;
@@ -275,7 +275,7 @@ void HttpSession::send(std::string bytes) {
 }
 
 // On a worker thread.  The head goes out first; the stream's pieces follow
-// in the order the strand runs the hand-overs.
+// in the order the loop runs the hand-overs.
 std::shared_ptr<CgHttpStream> HttpSession::openStream(std::string head,
                                                       const CgHttpStreamLimits& limits,
                                                       bool chunked, std::function<void()> onClose) {
@@ -290,7 +290,7 @@ std::shared_ptr<CgHttpStream> HttpSession::openStream(std::string head,
         self->out_.push_back(std::move(h));
         self->flush();
     };
-    // A quick listener is on the strand: the stream must be the
+    // A quick listener is on the loop: the stream must be the
     // connection's before the listener's end is looked at.
     if (inline_)
         begin();

@@ -1,7 +1,8 @@
 // One connection of the HTTP adapter: TLS set-up, reading requests within
 // their limits, handing them to the worker pool, writing the answers the
 // listener posts, and closing.  Every step is an asynchronous operation on
-// the connection's strand; the connection holds no thread while it waits.
+// the connection's loop (one thread); the connection holds no thread while
+// it waits.
 #pragma once
 
 #include <atomic>
@@ -19,6 +20,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/http/cg_http_internal.h"
 #include "platform/http/conn_registry.h"
@@ -26,8 +28,18 @@
 #include "platform/http/tls_stream.h"
 #include "platform/http/worker_pool.h"
 
-// What the connections of one server share.  The io_context comes last so
-// that it goes first: the handlers it still holds release their connections
+// One network thread's event loop.  Each network thread runs a loop of its
+// own, and a connection lives on one loop from accept to close: its
+// operations need no strand, and the threads share no reactor (no lock
+// between them, no wake-up of one by the other).
+struct HttpIoLoop {
+    boost::asio::io_context ioc{1};
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work{
+        ioc.get_executor()};
+};
+
+// What the connections of one server share.  The loops come last so that
+// they go first: the handlers they still hold release their connections
 // while the rest of the state is alive.
 struct HttpServerState {
     CgHttpLimits limits;
@@ -41,13 +53,20 @@ struct HttpServerState {
     std::mutex threadsMutex;
     std::condition_variable threadsGone;
     int ioThreads = 0;
-    boost::asio::io_context ioc;
-    // The accept side lives on a strand of its own: the acceptor and the
-    // timer that retries when descriptors run out.
+    // The first loop is there from the start (the acceptor lives on it);
+    // the others are added when the server starts its threads.
+    std::vector<std::unique_ptr<HttpIoLoop>> loops = oneLoop();
+    // Accepted connections go in turn to the loops whose thread runs.
+    size_t liveLoops = 1;
+    size_t nextLoop = 0;
     std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
     std::unique_ptr<boost::asio::steady_timer> acceptRetry;
-    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work{
-        ioc.get_executor()};
+
+    static std::vector<std::unique_ptr<HttpIoLoop>> oneLoop() {
+        std::vector<std::unique_ptr<HttpIoLoop>> v;
+        v.push_back(std::make_unique<HttpIoLoop>());
+        return v;
+    }
 };
 
 class HttpSession : public std::enable_shared_from_this<HttpSession>, public HttpOutput {
@@ -66,7 +85,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     bool failed() const override { return failed_; }
     std::shared_ptr<CgHttpStream> openStream(std::string head, const CgHttpStreamLimits& limits,
                                              bool chunked, std::function<void()> onClose) override;
-    // On the connection's strand: the stream has pieces waiting.
+    // On the connection's loop: the stream has pieces waiting.
     void streamReady();
 
   private:
@@ -119,10 +138,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     bool listenerDone_ = false;
     bool closeAfterWrite_ = false;
     std::atomic<bool> failed_{false};
-    // The listener runs on this connection's strand right now (a quick
+    // The listener runs on this connection's loop right now (a quick
     // request): what it sends goes straight to the queue.
     bool inline_ = false;
-    // The stream the listener opened (set on the strand), and a small buffer
+    // The stream the listener opened (set on the loop), and a small buffer
     // for what a streaming client sends: nothing but its close is expected.
     std::shared_ptr<CgHttpStream> stream_;
     char streamProbe_[64];

@@ -5,7 +5,7 @@
 // keeps none: an idle connection holds only what OpenSSL keeps (and gives
 // back, SSL_MODE_RELEASE_BUFFERS).
 //
-// Every operation runs on the socket's executor (the connection's strand):
+// Every operation runs on the socket's executor (the connection's loop):
 // a read and a write may be outstanding at once, never two of a kind, and
 // OpenSSL is called from one thread at a time.
 #pragma once
