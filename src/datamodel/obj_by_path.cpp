@@ -14,14 +14,6 @@ namespace {
 
 const int kDefaultTableBound = 256;
 
-// Tables whose instances may be added and deleted.
-bool creatable(json_object* node) {
-    json_object* attr = nullptr;
-    return json_object_object_get_ex(node, "_Attribute", &attr) &&
-           strstr(json_object_get_string(attr), "create") &&
-           !strcmp(wHttpSchemaNodeKind(node), "index_object");
-}
-
 bool isEmptyMarker(json_object* obj) {
     json_object* v = nullptr;
     return json_object_object_length(obj) == 1 &&
@@ -39,16 +31,14 @@ bool fits(int written, const char (&)[N]) {
 namespace {
 
 // A table: its instances 1..bound in an array, up to the first that fails.
-int getTable(const char* path, json_object* node, int top, int firstLevelOnly, const char* lastName,
+int getTable(const char* path, const WSchemaNode* node, int top, int firstLevelOnly, const char* lastName,
              json_object** answer) {
     json_object* array = json_object_new_array();
     if (top)
         *answer = array;
     else
         json_object_object_add(*answer, lastName, array);
-    json_object* max = nullptr;
-    int bound = json_object_object_get_ex(node, "_MaxLength", &max) ? json_object_get_int(max)
-                                                                    : kDefaultTableBound;
+    int bound = wHttpSchemaTableBound(node, kDefaultTableBound);
     for (int i = 1; i <= bound; ++i) {
         char childPath[256];
         // A path cut at the buffer's end would name this table again.
@@ -66,8 +56,10 @@ int getTable(const char* path, json_object* node, int top, int firstLevelOnly, c
 }
 
 // The sub-objects of an object, added to it; the result of the last one.
-int getChildren(const char* path, json_object* node, json_object* obj, int ret) {
-    json_object_object_foreach(node, key, child) {
+int getChildren(const char* path, const WSchemaNode* node, json_object* obj, int ret) {
+    for (size_t i = 0; i < wHttpSchemaChildCount(node); ++i) {
+        const WSchemaNode* child = wHttpSchemaChildAt(node, i);
+        const char* key = wHttpSchemaNodeName(child);
         if (key[0] == '_')
             continue;
         const char* childKind = wHttpSchemaNodeKind(child);
@@ -85,7 +77,7 @@ int getChildren(const char* path, json_object* node, json_object* obj, int ret) 
 // One object or table instance, placed as the answer, a member of its parent
 // or an element of its table; then its sub-objects unless only the first
 // level is asked for.
-int getObject(const char* path, json_object* node, const char* className, const char* lastName,
+int getObject(const char* path, const WSchemaNode* node, const char* className, const char* lastName,
               int isIndexObj, int top, int firstLevelOnly, json_object** answer) {
     json_object* obj = nullptr;
     int ret = wHttpGetSingleTR181Obj(path, className, &obj);
@@ -128,8 +120,8 @@ int getObject(const char* path, json_object* node, const char* className, const 
 int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_object** answer) {
     char className[256] = "", lastName[256] = "";
     int endWithIndex = 0;
-    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, lastName,
-                                          sizeof lastName, &endWithIndex);
+    const WSchemaNode* node = wHttpGetSchemaObj(path, className, sizeof className, lastName,
+                                                sizeof lastName, &endWithIndex);
     if (!node)
         return WCFG_INVALID_OBJECT;
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);
@@ -153,7 +145,8 @@ int wHttpGetTR181ObjByPath(const char* path, int top, int firstLevelOnly, json_o
 
 int wHttpSetTR181ObjByPath(const char* path, json_object* values, uint8_t apply) {
     char className[256] = "";
-    json_object* node = wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, nullptr);
+    const WSchemaNode* node =
+        wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, nullptr);
     if (!node)
         return WCFG_INVALID_OBJECT;
     int ret = wHttpSchemaCheckBody(node, values);
@@ -165,11 +158,11 @@ int wHttpSetTR181ObjByPath(const char* path, json_object* values, uint8_t apply)
 int wHttpAddTR181ObjByPath(char* path, json_object* values, size_t size) {
     char className[256] = "";
     int endWithIndex = 0;
-    json_object* node =
+    const WSchemaNode* node =
         wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, &endWithIndex);
     if (!node || endWithIndex)
         return WCFG_INVALID_OBJECT;
-    if (!creatable(node))
+    if (!wHttpSchemaCreatable(node))
         return WCFG_INS_CREATE_ERR;
     if (values) {
         int ret = wHttpSchemaCheckBody(node, values);
@@ -182,11 +175,11 @@ int wHttpAddTR181ObjByPath(char* path, json_object* values, size_t size) {
 int wHttpDelTR181ObjByPath(const char* path) {
     char className[256] = "";
     int endWithIndex = 0;
-    json_object* node =
+    const WSchemaNode* node =
         wHttpGetSchemaObj(path, className, sizeof className, nullptr, 0, &endWithIndex);
     if (!node || !endWithIndex)
         return WCFG_INVALID_OBJECT;
-    if (!creatable(node))
+    if (!wHttpSchemaCreatable(node))
         return WCFG_INS_CREATE_ERR;
     return wHttpDelSingleTR181Obj(path, className);
 }

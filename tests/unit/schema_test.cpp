@@ -3,6 +3,7 @@
 #include <json-c/json.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "datamodel/path_parse.h"
@@ -39,18 +40,21 @@ const char* const kSchema = R"({
 
 class Schema : public ::testing::Test {
   protected:
-    void SetUp() override { root_.reset(json_tokener_parse(kSchema)); }
-    json_object* walk(const char* path, std::string* cls = nullptr, int* idx = nullptr,
-                      char* last = nullptr, size_t lastSize = 0) {
+    void SetUp() override {
+        JsonPtr doc(json_tokener_parse(kSchema));
+        root_ = wHttpSchemaBuild(doc.get());
+    }
+    const WSchemaNode* walk(const char* path, std::string* cls = nullptr, int* idx = nullptr,
+                            char* last = nullptr, size_t lastSize = 0) {
         char buf[256] = "";
-        json_object* n =
+        const WSchemaNode* n =
             wHttpGetSchemaObjIn(root_.get(), path, buf, sizeof buf, last, lastSize, idx);
         if (cls)
             *cls = buf;
         return n;
     }
-    json_object* node(const char* path) { return walk(path); }
-    JsonPtr root_;
+    const WSchemaNode* node(const char* path) { return walk(path); }
+    std::unique_ptr<WSchema> root_;
 };
 
 JsonPtr parse(const char* text) {
@@ -63,7 +67,7 @@ TEST_F(Schema, WalkGivesClassNameLastNameAndInstanceFlag) {
     std::string cls;
     int idx = -1;
     char last[64] = "";
-    json_object* n = walk("Device.WiFi.AccessPoint.2.WPS.", &cls, &idx, last, sizeof last);
+    const WSchemaNode* n = walk("Device.WiFi.AccessPoint.2.WPS.", &cls, &idx, last, sizeof last);
     ASSERT_NE(nullptr, n);
     EXPECT_STREQ("object", wHttpSchemaNodeKind(n));
     EXPECT_EQ("Device.WiFi.AccessPoint.i.WPS.", cls);
@@ -103,7 +107,7 @@ TEST_F(Schema, WalkGivesClassNameLastNameAndInstanceFlag) {
 }
 
 TEST_F(Schema, BodyCheckJudgesOnlyTheFirstMember) {
-    json_object* pm = node("Device.NAT.PortMapping.");
+    const WSchemaNode* pm = node("Device.NAT.PortMapping.");
     EXPECT_EQ(0, wHttpSchemaCheckBody(pm, parse(R"({"Enable":true,"Bogus":1})").get()));
     EXPECT_EQ(-14, wHttpSchemaCheckBody(pm, parse(R"({"Bogus":1,"Enable":true})").get()));
     EXPECT_EQ(-13, wHttpSchemaCheckBody(pm, parse(R"({"Status":"x"})").get()));
@@ -115,11 +119,61 @@ TEST_F(Schema, BodyCheckJudgesOnlyTheFirstMember) {
 }
 
 TEST_F(Schema, AnswersCarryExactlyTheSchemasParameters) {
-    json_object* pm = node("Device.NAT.PortMapping.");
+    const WSchemaNode* pm = node("Device.NAT.PortMapping.");
     JsonPtr answer = parse(R"({"Status":"Up","Extra":1,"Sub":{"a":1},"Cyber_Security_FSC":false})");
     wHttpSchemaTrimAnswer(pm, answer.get());
     wHttpSchemaCompleteAnswer(pm, answer.get());
     EXPECT_STREQ(R"({"Status":"Up","Enable":"","ExternalPort":0,"Offset":0,"Description":""})",
+                 json_object_to_json_string_ext(answer.get(), JSON_C_TO_STRING_PLAIN));
+}
+
+TEST_F(Schema, TablesAndTheirBounds) {
+    EXPECT_TRUE(wHttpSchemaCreatable(node("Device.NAT.PortMapping.")));
+    EXPECT_FALSE(wHttpSchemaCreatable(node("Device.WiFi.AccessPoint.")));  // read only
+    EXPECT_FALSE(wHttpSchemaCreatable(node("Device.NAT.")));               // no table
+    EXPECT_EQ(32, wHttpSchemaTableBound(node("Device.NAT.PortMapping."), 256));
+    EXPECT_EQ(256, wHttpSchemaTableBound(node("Device.NAT."), 256));
+}
+
+// The compact form gives back the document as it was read: every member in
+// its order, values of any type, keys the daemon does not know.
+TEST(SchemaDocument, TheDocumentComesBackAsItWasRead) {
+    const char* text =
+        R"({"Device":{"_Node":"object","_Description":"a \"quoted\" \u00e9 text",)"
+        R"("B":{"_Node":"parameter","_Type":"string","_Range":[1,2.50,{"x":null}]},)"
+        R"("A":{"_Node":"parameter","_Type":"int32","_Attribute":7},"N":null,"F":1.0e3,)"
+        R"("T":{"_Node":"index_object","_MaxLength":"3","_Attribute":"create"}}})";
+    JsonPtr doc(json_tokener_parse(text));
+    ASSERT_TRUE(doc);
+    std::unique_ptr<WSchema> s = wHttpSchemaBuild(doc.get());
+    JsonPtr back(wHttpSchemaToJson(&s->nodes.front()));
+    EXPECT_STREQ(json_object_to_json_string_ext(doc.get(), JSON_C_TO_STRING_PLAIN),
+                 json_object_to_json_string_ext(back.get(), JSON_C_TO_STRING_PLAIN));
+
+    // A null member is not there; a plain member is found but is no object.
+    EXPECT_EQ(nullptr, wHttpGetSchemaObjIn(s.get(), "Device.N", nullptr, 0, nullptr, 0, nullptr));
+    const WSchemaNode* kind =
+        wHttpGetSchemaObjIn(s.get(), "Device._Node", nullptr, 0, nullptr, 0, nullptr);
+    ASSERT_NE(nullptr, kind);
+    EXPECT_STREQ("", wHttpSchemaNodeKind(kind));
+    EXPECT_EQ(0u, wHttpSchemaChildCount(kind));
+    EXPECT_EQ(nullptr, wHttpGetSchemaObjIn(s.get(), "Device._Node.x", nullptr, 0, nullptr, 0,
+                                           nullptr));
+    // A non-text attribute is judged by its text; a bound given as text counts.
+    const WSchemaNode* device =
+        wHttpGetSchemaObjIn(s.get(), "Device.", nullptr, 0, nullptr, 0, nullptr);
+    EXPECT_EQ(-13, wHttpSchemaCheckBody(device, JsonPtr(json_tokener_parse(R"({"A":1})")).get()));
+    const WSchemaNode* table =
+        wHttpGetSchemaObjIn(s.get(), "Device.T.", nullptr, 0, nullptr, 0, nullptr);
+    EXPECT_EQ(3, wHttpSchemaTableBound(table, 256));
+    EXPECT_NE(nullptr, wHttpGetSchemaObjIn(s.get(), "Device.T.3.", nullptr, 0, nullptr, 0,
+                                           nullptr));
+    EXPECT_EQ(nullptr, wHttpGetSchemaObjIn(s.get(), "Device.T.4.", nullptr, 0, nullptr, 0,
+                                           nullptr));
+    // Members are found by key whatever their order in the document.
+    JsonPtr answer(json_tokener_parse(R"({"A":5,"B":"x","F":1,"Z":2})"));
+    wHttpSchemaTrimAnswer(device, answer.get());
+    EXPECT_STREQ(R"({"A":5,"B":"x"})",
                  json_object_to_json_string_ext(answer.get(), JSON_C_TO_STRING_PLAIN));
 }
 
