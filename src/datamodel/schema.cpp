@@ -2,8 +2,6 @@
 // through it, and checking and completing bodies and answers against a node.
 #include "datamodel/schema.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -222,8 +220,6 @@ bool wHttpSchemaLoad(void) {
         return false;
     gSchema = wHttpSchemaBuild(doc).release();
     json_object_put(doc);
-    // The parsed document was many small blocks: their pages go back now.
-    malloc_trim(0);
     return true;
 }
 

@@ -22,11 +22,11 @@ struct WSchema;
 // private memory.  Texts are offsets into the schema's pool.
 struct WSchemaNode {
     const WSchema* owner = nullptr;
-    uint32_t name = 0;       // the member's key
-    uint32_t kind = 0;       // the "_Node" text ("" when none)
-    uint32_t type = 0;       // the "_Type" text ("" when none)
-    uint32_t attribute = 0;  // the "_Attribute" value's text, when hasAttribute
-    uint32_t json = 0;       // a plain value: its JSON text
+    uint32_t name = 0;                        // the member's key
+    uint32_t kind = 0;                        // the "_Node" text ("" when none)
+    uint32_t type = 0;                        // the "_Type" text ("" when none)
+    uint32_t attribute = 0;                   // the "_Attribute" value's text, when hasAttribute
+    uint32_t json = 0;                        // a plain value: its JSON text
     uint32_t firstChild = 0, childCount = 0;  // members, in the document's order
     uint32_t firstSorted = 0;                 // the same members by name
     int64_t maxLength = 0;                    // "_MaxLength", when hasMaxLength

@@ -16,7 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <ctime>
 #include <mutex>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -120,7 +122,6 @@ void recordExchange(const std::string& method, const std::string& url, const Rep
     fprintf(out, "%s\n", text.c_str());
     fflush(out);
 }
-
 
 void dieWithParent(pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -385,16 +386,35 @@ bool udpPortTaken(int port) {
     return false;
 }
 
-int freePort() {
-    int fd = socket(AF_INET6, SOCK_STREAM, 0);
+namespace {
+
+bool tcpPortBindable(int port) {
+    int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in6 a{};
     a.sin6_family = AF_INET6;
     a.sin6_addr = in6addr_any;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    a.sin6_port = htons(static_cast<uint16_t>(port));
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
     close(fd);
-    return ntohs(a.sin6_port);
+    return ok;
+}
+
+}  // namespace
+
+// Below the kernel's range for clients' ports (32768 and up): a port the
+// kernel handed out could be taken by a client connection of another test
+// before the daemon binds it, and the daemon would refuse to start.
+int freePort() {
+    static std::mutex m;
+    static std::minstd_rand rng(static_cast<unsigned>(getpid()) * 7919u +
+                                static_cast<unsigned>(time(nullptr)));
+    std::lock_guard<std::mutex> lock(m);
+    for (int i = 0; i < 1000; ++i) {
+        int port = 10000 + static_cast<int>(rng() % 22000);
+        if (tcpPortBindable(port))
+            return port;
+    }
+    return 0;
 }
 
 }  // namespace e2e

@@ -6,7 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "harness.h"
@@ -151,6 +154,35 @@ TEST(Startup, ProvisionedPairIsServedAtOnceAndVerifies) {
     makePair(root.path("/tmp/other.key"), root.path("/tmp/other.crt"));
     EXPECT_EQ(-1, verifiedStatus(url(port, "/api/v1/MethodList", "localhost"),
                                  root.path("/tmp/other.crt")));
+    EXPECT_EQ(0, d.stop());
+}
+
+// The daemon runs with the allocator's per-thread caches cut (set by
+// starting itself again, same process); an operator's own setting stands.
+TEST(Startup, TheAllocatorsCachesAreCutUnlessTheOperatorTunedThem) {
+    DeviceRoot root;
+    auto environ = [](pid_t pid) {
+        std::ifstream f("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
+        std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+        std::replace(text.begin(), text.end(), '\0', '\n');
+        return "\n" + text;
+    };
+    if (!getenv("GLIBC_TUNABLES")) {
+        int port = e2e::freePort();
+        Daemon d;
+        ASSERT_TRUE(d.start(root, {"-s", std::to_string(port)}));
+        ASSERT_TRUE(d.waitReady(port)) << d.out();
+        EXPECT_NE(std::string::npos,
+                  environ(d.pid()).find("\nGLIBC_TUNABLES=glibc.malloc.tcache_count=2\n"));
+        EXPECT_EQ(0, d.stop());
+    }
+    int port = e2e::freePort();
+    Daemon d;
+    d.setEnv("GLIBC_TUNABLES", "glibc.malloc.arena_max=2");
+    ASSERT_TRUE(d.start(root, {"-s", std::to_string(port)}));
+    ASSERT_TRUE(d.waitReady(port)) << d.out();
+    EXPECT_NE(std::string::npos,
+              environ(d.pid()).find("\nGLIBC_TUNABLES=glibc.malloc.arena_max=2\n"));
     EXPECT_EQ(0, d.stop());
 }
 

@@ -157,8 +157,8 @@ TEST(SchemaDocument, TheDocumentComesBackAsItWasRead) {
     ASSERT_NE(nullptr, kind);
     EXPECT_STREQ("", wHttpSchemaNodeKind(kind));
     EXPECT_EQ(0u, wHttpSchemaChildCount(kind));
-    EXPECT_EQ(nullptr, wHttpGetSchemaObjIn(s.get(), "Device._Node.x", nullptr, 0, nullptr, 0,
-                                           nullptr));
+    EXPECT_EQ(nullptr,
+              wHttpGetSchemaObjIn(s.get(), "Device._Node.x", nullptr, 0, nullptr, 0, nullptr));
     // A non-text attribute is judged by its text; a bound given as text counts.
     const WSchemaNode* device =
         wHttpGetSchemaObjIn(s.get(), "Device.", nullptr, 0, nullptr, 0, nullptr);
@@ -166,10 +166,10 @@ TEST(SchemaDocument, TheDocumentComesBackAsItWasRead) {
     const WSchemaNode* table =
         wHttpGetSchemaObjIn(s.get(), "Device.T.", nullptr, 0, nullptr, 0, nullptr);
     EXPECT_EQ(3, wHttpSchemaTableBound(table, 256));
-    EXPECT_NE(nullptr, wHttpGetSchemaObjIn(s.get(), "Device.T.3.", nullptr, 0, nullptr, 0,
-                                           nullptr));
-    EXPECT_EQ(nullptr, wHttpGetSchemaObjIn(s.get(), "Device.T.4.", nullptr, 0, nullptr, 0,
-                                           nullptr));
+    EXPECT_NE(nullptr,
+              wHttpGetSchemaObjIn(s.get(), "Device.T.3.", nullptr, 0, nullptr, 0, nullptr));
+    EXPECT_EQ(nullptr,
+              wHttpGetSchemaObjIn(s.get(), "Device.T.4.", nullptr, 0, nullptr, 0, nullptr));
     // Members are found by key whatever their order in the document.
     JsonPtr answer(json_tokener_parse(R"({"A":5,"B":"x","F":1,"Z":2})"));
     wHttpSchemaTrimAnswer(device, answer.get());
