@@ -9,6 +9,7 @@
 // a program starts, so the daemon starts itself again with it.
 #include "daemon/allocator.h"
 
+#include <limits.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -22,9 +23,17 @@ const char kTunables[] = "glibc.malloc.tcache_count=2";
 void daemonTuneAllocator(char** argv) {
     if (getenv("GLIBC_TUNABLES"))
         return;
+    // The program's own file by its name, so that the process keeps its name
+    // (ps, pidof) rather than taking that of /proc/self/exe.
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0)
+        return;
+    self[n] = '\0';
     if (setenv("GLIBC_TUNABLES", kTunables, 1) != 0)
         return;
-    execv("/proc/self/exe", argv);
-    // Not started again (no /proc): run with the allocator as it is.
+    execv(self, argv);
+    // Not started again (the file was replaced or removed): run with the
+    // allocator as it is.
     unsetenv("GLIBC_TUNABLES");
 }

@@ -174,6 +174,11 @@ TEST(Startup, TheAllocatorsCachesAreCutUnlessTheOperatorTunedThem) {
         ASSERT_TRUE(d.waitReady(port)) << d.out();
         EXPECT_NE(std::string::npos,
                   environ(d.pid()).find("\nGLIBC_TUNABLES=glibc.malloc.tcache_count=2\n"));
+        // The process keeps its name.
+        std::ifstream comm("/proc/" + std::to_string(d.pid()) + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        EXPECT_EQ("whttpd_rest", name);
         EXPECT_EQ(0, d.stop());
     }
     int port = e2e::freePort();

@@ -66,7 +66,7 @@ void onAccept(const std::shared_ptr<HttpServerState>& st, boost::system::error_c
         return;
     }
     boost::system::error_code e;
-    tcp::endpoint remote = sock.remote_endpoint(e);
+    tcp::endpoint remote = st->acceptPeer;  // told by accept itself
     tcp::endpoint local = sock.local_endpoint(e);
     if (!e) {
         auto session =
@@ -80,9 +80,10 @@ void onAccept(const std::shared_ptr<HttpServerState>& st, boost::system::error_c
 void doAccept(const std::shared_ptr<HttpServerState>& st) {
     // The acceptor's loop picks the next loop under no lock: only it accepts.
     net::io_context& loop = st->loops[st->nextLoop++ % st->liveLoops]->ioc;
-    st->acceptor->async_accept(loop, [st](boost::system::error_code ec, tcp::socket sock) {
-        onAccept(st, ec, std::move(sock));
-    });
+    st->acceptor->async_accept(loop, st->acceptPeer,
+                               [st](boost::system::error_code ec, tcp::socket sock) {
+                                   onAccept(st, ec, std::move(sock));
+                               });
 }
 
 // Every thread of the server: the stop signals go to the main thread, and

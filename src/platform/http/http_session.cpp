@@ -99,8 +99,9 @@ void HttpSession::start() {
     net::dispatch(ex_, [self = shared_from_this()] {
         self->enter(Phase::Handshake);
         self->arm(Clock::now() + ms(self->st_->limits.handshakeTimeoutMs));
-        self->tcp_->async_wait(net::ip::tcp::socket::wait_read,
-                               [self](boost::system::error_code ec) { self->onFirstByte(ec); });
+        // The client's first bytes have often come with the connection: a
+        // look first, and a wait only when there is nothing yet.
+        self->onFirstByte(boost::system::error_code());
     });
 }
 
@@ -434,17 +435,42 @@ void HttpSession::enter(Phase phase) {
 }
 
 void HttpSession::arm(Clock::time_point when) {
-    uint64_t generation = ++deadlineGeneration_;
+    ++deadlineGeneration_;
+    deadlineAt_ = when;
+    // A wait for an earlier moment looks again then.
+    if (!waiting_ || when < waitAt_)
+        waitFor(when);
+}
+
+// No deadline: a wait under way finds none when it ends.
+void HttpSession::disarm() {
+    ++deadlineGeneration_;
+    deadlineAt_ = Clock::time_point::max();
+}
+
+// The wait holds the connection weakly: a closed connection goes at once,
+// and its timer's end cancels the wait.
+void HttpSession::waitFor(Clock::time_point when) {
+    uint64_t seq = ++waitSeq_;
+    waiting_ = true;
+    waitAt_ = when;
     deadline_.expires_at(when);
-    deadline_.async_wait([self = shared_from_this(), generation](boost::system::error_code ec) {
-        if (!ec)
-            self->onDeadline(generation);
+    deadline_.async_wait([weak = weak_from_this(), seq](boost::system::error_code ec) {
+        auto self = weak.lock();
+        if (self && !ec)
+            self->onTimer(seq);
     });
 }
 
-void HttpSession::disarm() {
-    ++deadlineGeneration_;
-    deadline_.cancel();
+void HttpSession::onTimer(uint64_t seq) {
+    if (seq != waitSeq_)
+        return;  // a later wait replaced this one
+    waiting_ = false;
+    if (deadlineAt_ == Clock::time_point::max())
+        return;
+    if (Clock::now() < deadlineAt_)
+        return waitFor(deadlineAt_);
+    onDeadline(deadlineGeneration_);
 }
 
 void HttpSession::onDeadline(uint64_t generation) {

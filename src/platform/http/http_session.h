@@ -59,6 +59,8 @@ struct HttpServerState {
     // Accepted connections go in turn to the loops whose thread runs.
     size_t liveLoops = 1;
     size_t nextLoop = 0;
+    // The peer of the accept under way (one at a time, on the first loop).
+    boost::asio::ip::tcp::endpoint acceptPeer;
     std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
     std::unique_ptr<boost::asio::steady_timer> acceptRetry;
 
@@ -114,6 +116,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void closeNow();
     void arm(std::chrono::steady_clock::time_point when);
     void disarm();
+    void waitFor(std::chrono::steady_clock::time_point when);
+    void onTimer(uint64_t seq);
     void onDeadline(uint64_t generation);
     void enter(Phase phase);
     boost::asio::ip::tcp::socket& lowest();
@@ -123,8 +127,16 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     boost::asio::any_io_executor ex_;
     std::optional<boost::asio::ip::tcp::socket> tcp_;  // until TLS takes it over
     std::optional<TlsStream> tls_;
+    // The phase's deadline, and the one timer wait that watches it: a new
+    // deadline moves the wait only when it is earlier than the wait's, so a
+    // connection's many phases cost a wait or two, not one each.
     boost::asio::steady_timer deadline_;
     uint64_t deadlineGeneration_ = 0;
+    std::chrono::steady_clock::time_point deadlineAt_ =
+        std::chrono::steady_clock::time_point::max();
+    std::chrono::steady_clock::time_point waitAt_;
+    bool waiting_ = false;
+    uint64_t waitSeq_ = 0;
     Phase phase_ = Phase::Handshake;
     bool timedOut_ = false;
     boost::beast::flat_buffer buffer_;

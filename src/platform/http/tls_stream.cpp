@@ -8,7 +8,10 @@ namespace net = boost::asio;
 
 TlsStream::TlsStream(net::ip::tcp::socket socket, SSL_CTX* ctx) : socket_(std::move(socket)) {
     error_code ec;
-    socket_.native_non_blocking(true, ec);
+    // The reactor has usually made it non-blocking already (a system call
+    // each time it is set).
+    if (!socket_.native_non_blocking())
+        socket_.native_non_blocking(true, ec);
     ssl_ = ec ? nullptr : SSL_new(ctx);
     if (!ssl_)
         return;
