@@ -92,10 +92,12 @@ class Builder {
             n.attribute = intern(json_object_get_string(attr));
         }
         json_object* max = nullptr;
-        if (json_object_object_get_ex(value, "_MaxLength", &max) && max) {
-            n.hasMaxLength = true;
+        if (json_object_object_get_ex(value, "_MaxLength", &max)) {
+            // A null bound lists no instance; the walk ignores it.
+            n.hasTableBound = true;
+            n.tableBound = json_object_get_int(max);
+            n.hasMaxLength = max != nullptr;
             n.maxLength = json_object_get_int64(max);
-            n.maxLengthInt = json_object_get_int(max);
         }
     }
 
@@ -156,7 +158,7 @@ bool wHttpSchemaCreatable(const WSchemaNode* node) {
 }
 
 int wHttpSchemaTableBound(const WSchemaNode* node, int fallback) {
-    return node && node->hasMaxLength ? node->maxLengthInt : fallback;
+    return node && node->hasTableBound ? node->tableBound : fallback;
 }
 
 json_object* wHttpSchemaToJson(const WSchemaNode* node) {

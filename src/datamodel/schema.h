@@ -30,8 +30,8 @@ struct WSchemaNode {
     uint32_t firstChild = 0, childCount = 0;  // members, in the document's order
     uint32_t firstSorted = 0;                 // the same members by name
     int64_t maxLength = 0;                    // "_MaxLength", when hasMaxLength
-    int32_t maxLengthInt = 0;                 // the same as a 32-bit integer
-    bool isObject = false, hasAttribute = false, hasMaxLength = false;
+    int32_t tableBound = 0;  // "_MaxLength" as a 32-bit integer (null: 0), when hasTableBound
+    bool isObject = false, hasAttribute = false, hasMaxLength = false, hasTableBound = false;
 };
 
 struct WSchema {

@@ -142,7 +142,8 @@ TEST(SchemaDocument, TheDocumentComesBackAsItWasRead) {
         R"({"Device":{"_Node":"object","_Description":"a \"quoted\" \u00e9 text",)"
         R"("B":{"_Node":"parameter","_Type":"string","_Range":[1,2.50,{"x":null}]},)"
         R"("A":{"_Node":"parameter","_Type":"int32","_Attribute":7},"N":null,"F":1.0e3,)"
-        R"("T":{"_Node":"index_object","_MaxLength":"3","_Attribute":"create"}}})";
+        R"("T":{"_Node":"index_object","_MaxLength":"3","_Attribute":"create"},)"
+        R"("U":{"_Node":"index_object","_MaxLength":null,"_Attribute":null}}})";
     JsonPtr doc(json_tokener_parse(text));
     ASSERT_TRUE(doc);
     std::unique_ptr<WSchema> s = wHttpSchemaBuild(doc.get());
@@ -170,6 +171,14 @@ TEST(SchemaDocument, TheDocumentComesBackAsItWasRead) {
               wHttpGetSchemaObjIn(s.get(), "Device.T.3.", nullptr, 0, nullptr, 0, nullptr));
     EXPECT_EQ(nullptr,
               wHttpGetSchemaObjIn(s.get(), "Device.T.4.", nullptr, 0, nullptr, 0, nullptr));
+    // A null bound lists nothing but limits no instance number; a null
+    // attribute makes no table creatable.
+    const WSchemaNode* nulls =
+        wHttpGetSchemaObjIn(s.get(), "Device.U.", nullptr, 0, nullptr, 0, nullptr);
+    EXPECT_EQ(0, wHttpSchemaTableBound(nulls, 256));
+    EXPECT_NE(nullptr,
+              wHttpGetSchemaObjIn(s.get(), "Device.U.9.", nullptr, 0, nullptr, 0, nullptr));
+    EXPECT_FALSE(wHttpSchemaCreatable(nulls));
     // Members are found by key whatever their order in the document.
     JsonPtr answer(json_tokener_parse(R"({"A":5,"B":"x","F":1,"Z":2})"));
     wHttpSchemaTrimAnswer(device, answer.get());

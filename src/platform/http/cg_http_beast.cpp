@@ -208,7 +208,8 @@ bool cg_http_server_start(CgHttpServer* server) {
     }
     // Connections go only to loops whose thread runs.
     st->liveLoops = started;
-    doAccept(st);
+    // The acceptor is used on its loop only, the first accept included.
+    net::post(st->loops.front()->ioc, [st] { doAccept(st); });
     return true;
 }
 

@@ -31,7 +31,9 @@
 // One network thread's event loop.  Each network thread runs a loop of its
 // own, and a connection lives on one loop from accept to close: its
 // operations need no strand, and the threads share no reactor (no lock
-// between them, no wake-up of one by the other).
+// between them, no wake-up of one by the other).  The loop keeps Asio's
+// locking (hint 1, not an unsafe hint): a worker posts to it, and the last
+// holder of a connection, which may be a worker, cancels its timer.
 struct HttpIoLoop {
     boost::asio::io_context ioc{1};
     std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> work{
