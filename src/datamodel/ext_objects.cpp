@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <string>
+#include <cstdio>
 #include <vector>
 
 namespace {
@@ -35,7 +35,12 @@ const VxExtObjRow& vxExtObjRow(int row) {
 
 int vxExtObjCovering(const char* className) {
     int row = vxExtObjFind(className);
-    return row >= 0 ? row : vxExtObjFind((std::string(className) + "i.").c_str());
+    if (row >= 0)
+        return row;
+    // The instances' class: asked on every quick read, so built on the stack.
+    char instances[260];
+    int n = snprintf(instances, sizeof instances, "%si.", className);
+    return n > 0 && static_cast<size_t>(n) < sizeof instances ? vxExtObjFind(instances) : -1;
 }
 
 bool vxExtObjReadMayWait(const char* className) {

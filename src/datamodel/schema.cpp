@@ -33,6 +33,10 @@ const char* text(const WSchemaNode* node, uint32_t offset) {
     return node->owner->pool.c_str() + offset;
 }
 
+const char* nameOf(const WSchema& s, uint32_t i) {
+    return s.pool.c_str() + s.nodes[i].name;
+}
+
 // A member of an object node by its key (binary search of the object's
 // members ordered by key); nullptr for a plain value, an unknown key, or a
 // member whose value is null.
@@ -43,9 +47,9 @@ const WSchemaNode* child(const WSchemaNode* node, const char* name) {
     const uint32_t* first = s.sorted.data() + node->firstSorted;
     const uint32_t* last = first + node->childCount;
     const uint32_t* at = std::lower_bound(first, last, name, [&](uint32_t i, const char* key) {
-        return strcmp(s.pool.c_str() + s.nodes[i].name, key) < 0;
+        return strcmp(nameOf(s, i), key) < 0;
     });
-    if (at == last || strcmp(s.pool.c_str() + s.nodes[*at].name, name) != 0)
+    if (at == last || strcmp(nameOf(s, *at), name) != 0)
         return nullptr;
     const WSchemaNode* found = &s.nodes[*at];
     return found->isObject || found->json != 0 ? found : nullptr;
@@ -112,10 +116,8 @@ class Builder {
         std::vector<uint32_t> order(count);
         for (uint32_t k = 0; k < count; ++k)
             order[k] = first + k;
-        std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-            return strcmp(s_.pool.c_str() + s_.nodes[a].name, s_.pool.c_str() + s_.nodes[b].name) <
-                   0;
-        });
+        std::sort(order.begin(), order.end(),
+                  [&](uint32_t a, uint32_t b) { return strcmp(nameOf(s_, a), nameOf(s_, b)) < 0; });
         s_.nodes[at].firstSorted = static_cast<uint32_t>(s_.sorted.size());
         s_.sorted.insert(s_.sorted.end(), order.begin(), order.end());
     }
@@ -192,7 +194,7 @@ const WSchemaNode* wHttpGetSchemaObjIn(const WSchema* schema, const char* path, 
             for (const char* p = seg; isdigit(static_cast<unsigned char>(*p)) && value <= 1000000;
                  ++p)
                 value = value * 10 + (*p - '0');
-            if (node->isObject && node->hasMaxLength && value > node->maxLength)
+            if (node->hasMaxLength && value > node->maxLength)
                 return nullptr;
             if (endWithIndex)
                 *endWithIndex = 1;

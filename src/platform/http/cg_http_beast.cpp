@@ -79,7 +79,7 @@ void onAccept(const std::shared_ptr<HttpServerState>& st, boost::system::error_c
 
 void doAccept(const std::shared_ptr<HttpServerState>& st) {
     // The acceptor's loop picks the next loop under no lock: only it accepts.
-    net::io_context& loop = st->loops[st->nextLoop++ % st->liveLoops]->ioc;
+    net::io_context& loop = st->loops[st->nextLoop++ % st->loops.size()]->ioc;
     st->acceptor->async_accept(loop, st->acceptPeer,
                                [st](boost::system::error_code ec, tcp::socket sock) {
                                    onAccept(st, ec, std::move(sock));
@@ -206,8 +206,9 @@ bool cg_http_server_start(CgHttpServer* server) {
         st->running = false;
         return false;
     }
-    // Connections go only to loops whose thread runs.
-    st->liveLoops = started;
+    // Connections go only to loops whose thread runs; no thread holds the
+    // others.
+    st->loops.resize(started);
     // The acceptor is used on its loop only, the first accept included.
     net::post(st->loops.front()->ioc, [st] { doAccept(st); });
     return true;

@@ -435,16 +435,14 @@ void HttpSession::enter(Phase phase) {
 }
 
 void HttpSession::arm(Clock::time_point when) {
-    ++deadlineGeneration_;
     deadlineAt_ = when;
     // A wait for an earlier moment looks again then.
-    if (!waiting_ || when < waitAt_)
+    if (when < waitAt_)
         waitFor(when);
 }
 
 // No deadline: a wait under way finds none when it ends.
 void HttpSession::disarm() {
-    ++deadlineGeneration_;
     deadlineAt_ = Clock::time_point::max();
 }
 
@@ -452,7 +450,6 @@ void HttpSession::disarm() {
 // and its timer's end cancels the wait.
 void HttpSession::waitFor(Clock::time_point when) {
     uint64_t seq = ++waitSeq_;
-    waiting_ = true;
     waitAt_ = when;
     deadline_.expires_at(when);
     deadline_.async_wait([weak = weak_from_this(), seq](boost::system::error_code ec) {
@@ -465,17 +462,15 @@ void HttpSession::waitFor(Clock::time_point when) {
 void HttpSession::onTimer(uint64_t seq) {
     if (seq != waitSeq_)
         return;  // a later wait replaced this one
-    waiting_ = false;
+    waitAt_ = Clock::time_point::max();
     if (deadlineAt_ == Clock::time_point::max())
         return;
     if (Clock::now() < deadlineAt_)
         return waitFor(deadlineAt_);
-    onDeadline(deadlineGeneration_);
+    onDeadline();
 }
 
-void HttpSession::onDeadline(uint64_t generation) {
-    if (generation != deadlineGeneration_)
-        return;
+void HttpSession::onDeadline() {
     if (phase_ == Phase::Reading && !timedOut_) {
         // The read ends aborted (or at the end of input, should it be between
         // two of its steps just now) and its handler answers 408; if it does

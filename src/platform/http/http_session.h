@@ -58,8 +58,7 @@ struct HttpServerState {
     // The first loop is there from the start (the acceptor lives on it);
     // the others are added when the server starts its threads.
     std::vector<std::unique_ptr<HttpIoLoop>> loops = oneLoop();
-    // Accepted connections go in turn to the loops whose thread runs.
-    size_t liveLoops = 1;
+    // Accepted connections go to the loops in turn.
     size_t nextLoop = 0;
     // The peer of the accept under way (one at a time, on the first loop).
     boost::asio::ip::tcp::endpoint acceptPeer;
@@ -120,7 +119,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     void disarm();
     void waitFor(std::chrono::steady_clock::time_point when);
     void onTimer(uint64_t seq);
-    void onDeadline(uint64_t generation);
+    void onDeadline();
     void enter(Phase phase);
     boost::asio::ip::tcp::socket& lowest();
 
@@ -129,15 +128,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     boost::asio::any_io_executor ex_;
     std::optional<boost::asio::ip::tcp::socket> tcp_;  // until TLS takes it over
     std::optional<TlsStream> tls_;
-    // The phase's deadline, and the one timer wait that watches it: a new
-    // deadline moves the wait only when it is earlier than the wait's, so a
-    // connection's many phases cost a wait or two, not one each.
+    // The phase's deadline (max: none), and the one timer wait that watches
+    // it (max: no wait): a new deadline moves the wait only when it is
+    // earlier, so a connection's many phases cost a wait or two, not one each.
     boost::asio::steady_timer deadline_;
-    uint64_t deadlineGeneration_ = 0;
     std::chrono::steady_clock::time_point deadlineAt_ =
         std::chrono::steady_clock::time_point::max();
-    std::chrono::steady_clock::time_point waitAt_;
-    bool waiting_ = false;
+    std::chrono::steady_clock::time_point waitAt_ = std::chrono::steady_clock::time_point::max();
     uint64_t waitSeq_ = 0;
     Phase phase_ = Phase::Handshake;
     bool timedOut_ = false;
