@@ -34,6 +34,8 @@ const LimitName kLimitNames[] = {
     {"max_workers", &CgHttpLimits::maxWorkers, nullptr, nullptr},
     {"queue", &CgHttpLimits::maxQueuedRequests, nullptr, nullptr},
     {"stack_bytes", nullptr, &CgHttpLimits::threadStackBytes, nullptr},
+    {"stream_dead_ms", &CgHttpLimits::streamDeadMs, nullptr, nullptr},
+    {"stream_bytes", nullptr, &CgHttpLimits::streamBytes, nullptr},
     {"events_per_session", nullptr, nullptr, &WHttpEventLimits::perSession},
     {"events_total", nullptr, nullptr, &WHttpEventLimits::total},
     {"events_keepalive_ms", nullptr, nullptr, &WHttpEventLimits::keepAliveMs},

@@ -43,6 +43,11 @@ struct CgHttpLimits {
     int maxWorkers = 16;
     int maxQueuedRequests = 64;  // complete requests waiting for a worker
     size_t threadStackBytes = 256 * 1024;
+    // Open-ended answers (streams): a client that acknowledges nothing for
+    // this long (a phone asleep or gone from the network) is dropped by the
+    // kernel; and the bytes that all streams' queues may hold together.
+    int streamDeadMs = 45000;
+    size_t streamBytes = 1024 * 1024;
 };
 
 CgHttpServer* cg_http_server_new(void);
@@ -117,8 +122,12 @@ bool cg_http_request_postlastchunk(CgHttpRequest* request);
 // any reason.  nullptr when the connection has already failed.
 struct CgHttpStream;
 struct CgHttpStreamLimits {
-    size_t maxPieces = 256;         // pieces waiting
-    size_t maxBytes = 256 * 1024;   // their bytes
+    size_t maxPieces = 256;        // pieces waiting
+    size_t maxBytes = 256 * 1024;  // their bytes, with the piece being written
+    // Of those bytes, what the stream may always hold; beyond it, bytes come
+    // from the server's pool for all streams (CgHttpLimits::streamBytes), and
+    // a piece that does not fit there is Full as well.
+    size_t reserveBytes = 16 * 1024;
 };
 enum class CgHttpPush {
     Queued,

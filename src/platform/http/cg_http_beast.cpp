@@ -188,6 +188,7 @@ bool cg_http_server_start(CgHttpServer* server) {
     pool.stackBytes = lim.threadStackBytes;
     pool.threadInit = serverThreadInit;
     st->pool = std::make_unique<WorkerPool>(pool);
+    st->streamPool = std::make_shared<CgHttpStreamPool>(lim.streamBytes);
     st->running = true;
     size_t wanted = lim.ioThreads > 0 ? static_cast<size_t>(lim.ioThreads) : 1;
     while (st->loops.size() < wanted)

@@ -23,8 +23,7 @@ class HttpOutput {
     virtual bool failed() const = 0;
     // Sends `head` and keeps the connection for a stream (http_stream.h).
     virtual std::shared_ptr<CgHttpStream> openStream(std::string head,
-                                                     const CgHttpStreamLimits& limits,
-                                                     bool chunked,
+                                                     const CgHttpStreamLimits& limits, bool chunked,
                                                      std::function<void()> onClose) = 0;
 };
 

@@ -17,7 +17,8 @@ void ConnRegistry::markClosing(Entry& e) {
         return;
     e.closing = true;
     --live_;
-    --perAddress_[e.address].live;
+    if (!e.streaming)
+        --perAddress_[e.address].live;
 }
 
 // The live connection in `phase` to close: of `address` when given, else of
@@ -92,6 +93,10 @@ void ConnRegistry::setPhase(uint64_t id, Phase phase) {
     if (it->second.phase != phase)
         it->second.since = std::chrono::steady_clock::now();
     it->second.phase = phase;
+    if (phase == Phase::Streaming && !it->second.streaming && !it->second.closing) {
+        it->second.streaming = true;
+        --perAddress_[it->second.address].live;
+    }
 }
 
 void ConnRegistry::setClosing(uint64_t id) {

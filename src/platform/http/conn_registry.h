@@ -10,6 +10,11 @@
 // connections therefore cannot lock a proper client out, a client that
 // keeps idle connections open can still open a new one, and one address
 // cannot take the device's sockets for itself.
+//
+// A stream (an open-ended answer) counts against the total ceiling but not
+// against its address's: streams have ceilings of their own, and the
+// address of an IPv6 client is its whole /64, a home network, whose other
+// devices a few open streams must not lock out.
 #pragma once
 
 #include <chrono>
@@ -24,7 +29,8 @@ class ConnRegistry {
   public:
     enum class Admit { Yes, AddressFull, Full };
     // Idle: no request (TLS set-up, or waiting between requests).
-    enum class Phase { Idle, Reading, Handling };
+    // Streaming: an open-ended answer, from which a connection never returns.
+    enum class Phase { Idle, Reading, Handling, Streaming };
     // Asks a connection to close: `force` at shutdown; otherwise one whose
     // request is already with the listener closes after its answer.
     using Evict = std::function<void(bool force)>;
@@ -50,6 +56,7 @@ class ConnRegistry {
         std::chrono::steady_clock::time_point since;  // of the current phase
         Phase phase = Phase::Idle;
         bool closing = false;
+        bool streaming = false;  // no longer counted against its address
     };
     struct PerAddress {
         int all = 0;

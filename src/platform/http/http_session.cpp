@@ -12,6 +12,8 @@
 #include "platform/http/http_session.h"
 
 #include <malloc.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -49,6 +51,22 @@ std::string plainAnswer(http::status status) {
     std::ostringstream os;
     os << res;
     return std::move(os).str();
+}
+
+// A stream's client that stops acknowledging (a phone that went to sleep or
+// left the network) is dropped by the kernel after `deadMs`: what was sent
+// and not acknowledged, or could not be sent for a closed window, times the
+// connection out, and keep-alive probes find a peer that went quiet.
+void dropWhenSilent(int fd, int deadMs) {
+    int on = 1;
+    int idle = std::max(1, deadMs / 3000);
+    int count = 3;
+    unsigned timeout = static_cast<unsigned>(deadMs);
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &idle, sizeof idle);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count);
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof timeout);
 }
 
 // The client went away or stopped mid-way: nothing to answer.
@@ -126,10 +144,9 @@ void HttpSession::onFirstByte(boost::system::error_code ec) {
     ssize_t n = ec ? -1 : recv(tcp_->native_handle(), &first, 1, MSG_PEEK | MSG_DONTWAIT);
     // The reactor may call a socket ready that has nothing yet: wait on.
     if (n < 0 && !ec && (errno == EAGAIN || errno == EWOULDBLOCK))
-        return tcp_->async_wait(net::ip::tcp::socket::wait_read,
-                                [self = shared_from_this()](boost::system::error_code e) {
-                                    self->onFirstByte(e);
-                                });
+        return tcp_->async_wait(
+            net::ip::tcp::socket::wait_read,
+            [self = shared_from_this()](boost::system::error_code e) { self->onFirstByte(e); });
     if (n != 1 || first != 22)
         return closeNow();
     tls_.emplace(std::move(*tcp_), st_->sslCtx.native_handle());
@@ -283,7 +300,7 @@ std::shared_ptr<CgHttpStream> HttpSession::openStream(std::string head,
     if (!st_->running || failed_)
         return nullptr;
     auto stream = std::make_shared<CgHttpStream>(ex_, weak_from_this(), limits, chunked,
-                                                 std::move(onClose));
+                                                 std::move(onClose), st_->streamPool);
     auto begin = [self = shared_from_this(), stream, h = std::move(head)]() mutable {
         if (self->phase_ == Phase::Closing)
             return stream->markClosed();
@@ -325,6 +342,7 @@ void HttpSession::startStreaming() {
     // and the stream's own queue says how far behind the client may fall.
     boost::system::error_code ec;
     lowest().set_option(net::socket_base::send_buffer_size(kStreamSendBuffer), ec);
+    dropWhenSilent(lowest().native_handle(), st_->limits.streamDeadMs);
     // Nothing more is read but a probe: the request's buffer goes.
     buffer_.consume(buffer_.size());
     buffer_.shrink_to_fit();
@@ -344,7 +362,7 @@ void HttpSession::onStreamRead(boost::system::error_code, size_t) {
 
 void HttpSession::flush() {
     if (stream_ && phase_ != Phase::Closing && out_.empty() && !writeBusy_)
-        stream_->takeInto(out_, kStreamWriteBytes);
+        streamWriting_ = stream_->takeInto(out_, kStreamWriteBytes);
     if (writeBusy_ || out_.empty() || phase_ == Phase::Closing)
         return;
     writing_.clear();
@@ -361,6 +379,10 @@ void HttpSession::flush() {
 void HttpSession::onWritten(boost::system::error_code ec) {
     writeBusy_ = false;
     std::string().swap(writing_);
+    if (streamWriting_) {
+        stream_->written(streamWriting_);
+        streamWriting_ = 0;
+    }
     if (phase_ == Phase::Closing)
         return;
     if (ec) {
@@ -410,6 +432,10 @@ void HttpSession::shutdown() {
         [self = shared_from_this()](boost::system::error_code, size_t) { self->closeNow(); });
 }
 
+// The connection ends here; its descriptor is closed only when the last
+// holder of the connection lets it go (tls_stream.h), so that whatever step
+// is still on its way finds a shut socket of its own, never another
+// connection that was given the same number.
 void HttpSession::closeNow() {
     if (phase_ != Phase::Closing)
         enter(Phase::Closing);
@@ -417,9 +443,10 @@ void HttpSession::closeNow() {
     if (stream_)
         stream_->markClosed();
     disarm();
-    boost::system::error_code ec;
-    lowest().shutdown(net::ip::tcp::socket::shutdown_both, ec);
-    lowest().close(ec);
+    if (tls_)
+        tls_->shut();
+    else if (tcp_)
+        shutSocket(*tcp_);
 }
 
 void HttpSession::enter(Phase phase) {
@@ -428,10 +455,10 @@ void HttpSession::enter(Phase phase) {
     if (phase == Phase::Closing)
         st_->conns.setClosing(id_);
     else
-        st_->conns.setPhase(id_, phase == Phase::Reading ? P::Reading
-                                 : phase == Phase::Handling || phase == Phase::Streaming
-                                     ? P::Handling
-                                     : P::Idle);
+        st_->conns.setPhase(id_, phase == Phase::Reading     ? P::Reading
+                                 : phase == Phase::Handling  ? P::Handling
+                                 : phase == Phase::Streaming ? P::Streaming
+                                                             : P::Idle);
 }
 
 void HttpSession::arm(Clock::time_point when) {

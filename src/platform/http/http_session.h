@@ -52,6 +52,8 @@ struct HttpServerState {
     ConnRegistry conns;
     std::atomic<uint64_t> nextId{1};
     std::unique_ptr<WorkerPool> pool;
+    // What the streams hold beyond their reserves (set when the server starts).
+    std::shared_ptr<CgHttpStreamPool> streamPool;
     std::mutex threadsMutex;
     std::condition_variable threadsGone;
     int ioThreads = 0;
@@ -155,5 +157,6 @@ class HttpSession : public std::enable_shared_from_this<HttpSession>, public Htt
     // The stream the listener opened (set on the loop), and a small buffer
     // for what a streaming client sends: nothing but its close is expected.
     std::shared_ptr<CgHttpStream> stream_;
+    size_t streamWriting_ = 0;  // bytes of the stream in the write under way
     char streamProbe_[64];
 };

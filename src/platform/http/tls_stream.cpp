@@ -32,16 +32,31 @@ TlsStream::TlsStream(net::ip::tcp::socket socket, SSL_CTX* ctx) : socket_(std::m
     SSL_set_accept_state(ssl_);
 }
 
+// OpenSSL goes first; the socket, and with it the descriptor, after it.
+// Closed here rather than by the socket's destructor, which would undo a
+// linger the connection chose (a reset for a client that stopped reading).
 TlsStream::~TlsStream() {
     if (ssl_)
         SSL_free(ssl_);
+    boost::system::error_code ec;
+    socket_.close(ec);
+}
+
+void shutSocket(net::ip::tcp::socket& socket) {
+    boost::system::error_code ec;
+    socket.shutdown(net::ip::tcp::socket::shutdown_both, ec);
+    socket.cancel(ec);
+}
+
+void TlsStream::shut() {
+    shut_ = true;
+    shutSocket(socket_);
 }
 
 TlsStream::Step TlsStream::attempt(Kind kind, void* data, size_t size, size_t& n, error_code& ec) {
-    // Once the socket is closed, its descriptor number may already belong to
-    // another connection that OpenSSL (which holds the number) must not
-    // touch: a step that was on its way when the close came fails instead.
-    if (!ssl_ || !socket_.is_open()) {
+    // A step that was on its way when the connection ended fails here,
+    // before OpenSSL could write a byte (an alert, close_notify) or read one.
+    if (!ssl_ || shut_ || !socket_.is_open()) {
         ec = net::error::bad_descriptor;
         return Step::Failed;
     }

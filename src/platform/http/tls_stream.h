@@ -8,6 +8,13 @@
 // Every operation runs on the socket's executor (the connection's loop):
 // a read and a write may be outstanding at once, never two of a kind, and
 // OpenSSL is called from one thread at a time.
+//
+// The stream is the one owner of its descriptor, and closes it only when it
+// goes, after OpenSSL (which holds the descriptor's number) is freed: until
+// then the number cannot be given to another connection.  Ending the
+// connection before that is shut(): the socket is shut down both ways and
+// every operation under way or to come fails, so that no step that was on
+// its way, from whichever callback, reaches the wire.
 #pragma once
 
 #include <openssl/err.h>
@@ -32,6 +39,11 @@ class TlsStream {
     TlsStream& operator=(const TlsStream&) = delete;
 
     bool ok() const { return ssl_ != nullptr; }
+    // Ends the connection: no byte goes out or comes in any more, and the
+    // operations under way end with operation_aborted.  The descriptor stays
+    // this stream's until it is destroyed.
+    void shut();
+    bool isShut() const { return shut_; }
     executor_type get_executor() { return socket_.get_executor(); }
     boost::asio::ip::tcp::socket& socket() { return socket_; }
     SSL* native_handle() { return ssl_; }
@@ -100,8 +112,8 @@ class TlsStream {
 
     template <class Handler>
     auto async(Op op, Handler&& handler) {
-        return boost::asio::async_compose<Handler, void(error_code, size_t)>(
-            std::move(op), handler, socket_);
+        return boost::asio::async_compose<Handler, void(error_code, size_t)>(std::move(op), handler,
+                                                                             socket_);
     }
 
     template <class Buffers>
@@ -115,4 +127,9 @@ class TlsStream {
 
     boost::asio::ip::tcp::socket socket_;
     SSL* ssl_ = nullptr;
+    bool shut_ = false;
 };
+
+// Shuts a socket down both ways and cancels what waits on it, leaving its
+// descriptor open (and so its number taken) until the socket is destroyed.
+void shutSocket(boost::asio::ip::tcp::socket& socket);
