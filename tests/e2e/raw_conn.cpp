@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <fstream>
 
@@ -67,6 +68,29 @@ bool RawConn::handshake() {
     ssl_ = SSL_new(clientContext());
     SSL_set_fd(ssl_, fd_);
     return SSL_connect(ssl_) == 1;
+}
+
+bool RawConn::handshake(const TlsOffer& offer) {
+    timeval tv{10, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ssl_ = SSL_new(clientContext());
+    SSL_set_fd(ssl_, fd_);
+    SSL_set_security_level(ssl_, 0);
+    if (offer.minVersion)
+        SSL_set_min_proto_version(ssl_, offer.minVersion);
+    if (offer.maxVersion)
+        SSL_set_max_proto_version(ssl_, offer.maxVersion);
+    if (!offer.tls12Ciphers.empty() &&
+        SSL_set_cipher_list(ssl_, ("@SECLEVEL=0:" + offer.tls12Ciphers).c_str()) != 1)
+        return false;
+    if (!offer.tls13Suites.empty() && SSL_set_ciphersuites(ssl_, offer.tls13Suites.c_str()) != 1)
+        return false;
+    return SSL_connect(ssl_) == 1;
+}
+
+std::string RawConn::cipher() const {
+    const char* name = ssl_ ? SSL_get_cipher_name(ssl_) : nullptr;
+    return name && strcmp(name, "(NONE)") != 0 ? name : "";
 }
 
 bool RawConn::send(const std::string& bytes) {

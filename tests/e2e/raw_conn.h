@@ -9,6 +9,14 @@
 
 namespace e2e {
 
+// What a client offers in its TLS handshake: protocol versions (0: any)
+// and suites ("" the library's defaults).  The client's own security level
+// is lowered so that a refusal is the server's, not the client's.
+struct TlsOffer {
+    int minVersion = 0, maxVersion = 0;
+    std::string tls12Ciphers, tls13Suites;
+};
+
 class RawConn {
   public:
     RawConn() = default;
@@ -22,6 +30,9 @@ class RawConn {
     bool connect(int port, const std::string& local = "", int rcvbuf = 0);
     // TLS client handshake (certificate not verified).
     bool handshake();
+    bool handshake(const TlsOffer& offer);
+    // The suite the handshake agreed on ("" before one).
+    std::string cipher() const;
     // Sends through TLS once handshaken, raw before; false when refused.
     bool send(const std::string& bytes);
     // Reads until the peer closes or `timeoutMs` passes (0: only what has

@@ -101,6 +101,11 @@ void runIoThread(std::shared_ptr<HttpServerState> st, HttpIoLoop* loop) {
     st->threadsGone.notify_all();
 }
 
+const char kTls12Suites[] =
+    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:"
+    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384:"
+    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305";
+
 bool configureTls(HttpServerState& st, const CgHttpSslSettings* settings) {
     namespace ssl = net::ssl;
     boost::system::error_code ec;
@@ -108,6 +113,11 @@ bool configureTls(HttpServerState& st, const CgHttpSslSettings* settings) {
     ctx.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                     ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 |
                     ssl::context::single_dh_use);
+    // TLS 1.3, and TLS 1.2 only with an ephemeral key exchange (forward
+    // secrecy) and an AEAD cipher: no static RSA, no CBC, no finite-field DH.
+    SSL_CTX_set_min_proto_version(ctx.native_handle(), TLS1_2_VERSION);
+    if (SSL_CTX_set_cipher_list(ctx.native_handle(), kTls12Suites) != 1)
+        return false;
     ctx.use_certificate_chain_file(settings->certFile, ec);
     if (ec)
         return false;
