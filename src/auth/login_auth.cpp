@@ -263,13 +263,15 @@ const char* wHttpLoginAuth(WHttpReqCtx* ctx, int loginMode, char* buf, size_t si
     return refusal(code, remote, buf, size);
 }
 
-const char* wHttpSessionEndReason(const WHttpSessionRef& ref) {
+const char* wHttpSessionEndReason(const WHttpSessionRef& ref, int* group) {
     if (!wHttpLoginEntryAlive(ref))
         return WHTTP_END_ELSEWHERE;
     std::shared_ptr<const WHttpAccountSet> accounts = wHttpAccounts();
     const WHttpAccount* account = accounts->find(ref.user.c_str());
     if (!account)
         return WHTTP_END_REMOVED;
+    if (group)
+        *group = account->iid.idx[0];
     // The same account tests as a request's session check.
     if (!account->enabled || (account->iid.idx[0] != 2 && !groupAllowsApp(*accounts, *account)))
         return WHTTP_END_DISABLED;

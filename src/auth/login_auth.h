@@ -27,5 +27,6 @@ char* jsonGetPassword(json_object* account);
 
 // Whether a session that an event stream holds on to may go on: nullptr, or
 // why it ended (session_events.h).  Changes nothing: no timer restarts, no
-// failure is counted.
-const char* wHttpSessionEndReason(const WHttpSessionRef& ref);
+// failure is counted.  `group`, when given, receives the login group the
+// session's account has now (its requests are checked as that group).
+const char* wHttpSessionEndReason(const WHttpSessionRef& ref, int* group = nullptr);

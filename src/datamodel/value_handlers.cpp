@@ -106,12 +106,15 @@ int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
     char path[256] = "";
     int firstLevelOnly = 1;
     int ret = wHttpParseTR181Path(request, path, &firstLevelOnly);
+    // Where the change journal stands before anything is read: the answer
+    // shows every change up to it (and perhaps later ones).
+    uint64_t position = wcfgFeJournalPosition();
     // The same answer as the last read of the path, while nothing it shows
     // can have changed.
     WHttpValueStamp stamp = wHttpValueStampNow();
     std::string text;
     if (ret == 0 && wHttpValueCacheFind(path, firstLevelOnly, stamp, text)) {
-        wHttpJsonTextResponse_restapi(request, std::move(text), chunked);
+        wHttpValueReadResponse(request, std::move(text), chunked, position);
         return 1;
     }
     json_object* doc = json_object_new_object();
@@ -134,7 +137,7 @@ int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked) {
     json_object_put(doc);
     if (path[0])
         wHttpValueCacheKeep(path, firstLevelOnly, stamp, text);
-    wHttpJsonTextResponse_restapi(request, std::move(text), chunked);
+    wHttpValueReadResponse(request, std::move(text), chunked, position);
     // The next request on this thread loads and refreshes what it reads again.
     wHttpEndRead();
     return 1;

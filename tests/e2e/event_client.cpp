@@ -112,31 +112,28 @@ bool EventStream::unchunk() {
     }
 }
 
+// The stream's text goes to a reader that makes of it what a browser does.
+void EventStream::absorb() {
+    unchunk();
+    if (text_.empty())
+        return;
+    all_ += text_;
+    sse_.feed(text_);
+    text_.clear();
+    for (SseItem& item : sse_.take())
+        items_.push_back(std::move(item));
+}
+
 std::optional<Event> EventStream::next(int timeoutMs, bool keepAlives) {
     long long end = nowMs() + timeoutMs;
     for (;;) {
-        unchunk();
-        size_t at;
-        while ((at = text_.find("\n\n")) != std::string::npos) {
-            std::string block = text_.substr(0, at + 1);
-            text_.erase(0, at + 2);
-            all_ += block + "\n";
-            Event e;
-            e.keepAlive = block[0] == ':';
-            size_t pos = 0;
-            while (pos < block.size()) {
-                size_t nl = block.find('\n', pos);
-                std::string line = block.substr(pos, nl - pos);
-                pos = nl + 1;
-                if (line.rfind("id: ", 0) == 0)
-                    e.id = line.substr(4);
-                else if (line.rfind("event: ", 0) == 0)
-                    e.name = line.substr(7);
-                else if (line.rfind("data: ", 0) == 0)
-                    e.data = line.substr(6);
-            }
-            if (!e.keepAlive || keepAlives)
-                return e;
+        absorb();
+        while (!items_.empty()) {
+            SseItem item = std::move(items_.front());
+            items_.pop_front();
+            if (item.comment && !keepAlives)
+                continue;
+            return Event{item.lastEventId, item.type, item.data, item.comment};
         }
         long long left = end - nowMs();
         if (left <= 0 || ended_ || !fill(static_cast<int>(left)))
@@ -163,7 +160,7 @@ bool EventStream::closedWithin(int timeoutMs) {
     long long end = nowMs() + timeoutMs;
     while (!closed_ && !ended_ && nowMs() < end) {
         fill(static_cast<int>(end - nowMs()));
-        unchunk();
+        absorb();
     }
     return closed_ || ended_;
 }

@@ -3,6 +3,7 @@
 // apart and hands out the events one by one as they arrive.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,12 +11,16 @@
 
 #include "client.h"
 #include "raw_conn.h"
+#include "sse_parser.h"
 
 namespace e2e {
 
+// An event as a browser's EventSource dispatches it (sse_parser.h): `id` is
+// the stream's last event id at that moment, `name` its type, `data` the
+// joined data lines (the JSON text).
 struct Event {
-    std::string id, name, data;  // data: the JSON text of the "data:" line
-    bool keepAlive = false;      // a comment line
+    std::string id, name, data;
+    bool keepAlive = false;  // a comment line (data: its text)
 };
 
 class EventStream {
@@ -42,6 +47,10 @@ class EventStream {
     // Whether the daemon has closed the stream (the last chunk or the
     // connection); reads on for up to `timeoutMs` to learn it.
     bool closedWithin(int timeoutMs);
+    // The stream's last event id and reconnection time, as a browser keeps
+    // them, from what was read so far.
+    const std::string& lastEventId() const { return sse_.lastEventId(); }
+    std::optional<int64_t> retryMs() const { return sse_.retryMs(); }
     // Stops reading: the connection stays open, its bytes pile up.
     RawConn& conn() { return conn_; }
     void close();
@@ -49,10 +58,13 @@ class EventStream {
   private:
     bool fill(int timeoutMs);
     bool unchunk();
+    void absorb();
 
     RawConn conn_;
     long status_ = 0;
     std::string head_, raw_, text_, all_, path_;
+    SseParser sse_;
+    std::deque<SseItem> items_;
     bool chunked_ = false, ended_ = false, closed_ = false;
 };
 

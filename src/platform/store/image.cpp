@@ -47,8 +47,8 @@ int Image::count(int objectIndex, uint64_t lo, uint64_t hi) const {
 std::shared_ptr<Image> loadImage(Db& db) {
     const wdm::Model& m = wdm::model();
     std::vector<std::shared_ptr<Table>> tables(m.objects.size());
-    uint64_t version = 0;
-    bool ok = db.beginRead() && db.version(version) &&
+    uint64_t version = 0, oldest = 0, journal = 0;
+    bool ok = db.beginRead() && db.version(version) && db.journalBounds(oldest, journal) &&
               db.forEachRow(-1, [&](int32_t oid, uint64_t key, const char* text) {
                   auto it = m.byIdIndex.find(oid);
                   if (it == m.byIdIndex.end())
@@ -69,6 +69,7 @@ std::shared_ptr<Image> loadImage(Db& db) {
     }
     std::shared_ptr<Image> img = emptyImage();
     img->version = version;
+    img->journal = journal;
     for (size_t i = 0; i < tables.size(); ++i)
         if (tables[i])
             img->tables[i] = std::move(tables[i]);
@@ -76,9 +77,10 @@ std::shared_ptr<Image> loadImage(Db& db) {
 }
 
 std::shared_ptr<Image> patchImage(const Image& base, int objectIndex, uint64_t key, Row row,
-                                  uint64_t version) {
+                                  uint64_t version, uint64_t journal) {
     auto img = std::make_shared<Image>();
     img->version = version;
+    img->journal = std::max(base.journal, journal);
     img->tables = base.tables;
     auto t = std::make_shared<Table>(base.table(objectIndex));
     auto it = std::lower_bound(t->begin(), t->end(), key, keyLess);

@@ -25,6 +25,9 @@ using Table = std::vector<Instance>;  // sorted by key
 
 struct Image {
     uint64_t version = 0;  // the database version the image shows
+    // The last change journal entry whose change the image shows (it may show
+    // later ones too, never miss an earlier one).
+    uint64_t journal = 0;
     // The even generation at which the image was known to be current; odd
     // (1) until then.
     mutable std::atomic<uint32_t> label{1};
@@ -44,6 +47,6 @@ std::shared_ptr<Image> loadImage(Db& db);
 // A copy of `base` (sharing its tables) with one instance's row replaced or
 // added, at `version`.
 std::shared_ptr<Image> patchImage(const Image& base, int objectIndex, uint64_t key, Row row,
-                                  uint64_t version);
+                                  uint64_t version, uint64_t journal);
 
 }  // namespace wcfg

@@ -299,6 +299,7 @@ bool Db::appendJournal(int kind, const std::string& path, uint64_t keep) {
             return false;
     }
     sqlite3_int64 seq = sqlite3_last_insert_rowid(db_);
+    lastJournal_ = static_cast<uint64_t>(seq);
     if (static_cast<uint64_t>(seq) <= keep)
         return true;
     Use s(stmt(kJournalTrim));

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/store/journal.h"
@@ -63,6 +64,8 @@ class Db {
     // The change journal: appends an entry in the open write transaction
     // and forgets the entries more than `keep` behind it.
     bool appendJournal(int kind, const std::string& path, uint64_t keep);
+    // The number of the last entry appended since the last call (0: none).
+    uint64_t takeLastJournal() { return std::exchange(lastJournal_, 0); }
     // Up to `limit` entries after `after`, oldest first.
     bool journalSince(uint64_t after, int limit, std::vector<JournalEntry>& out);
     // The oldest entry kept (latest + 1 when none is) and the latest number
@@ -80,6 +83,7 @@ class Db {
 
     sqlite3* db_ = nullptr;
     std::map<const char*, sqlite3_stmt*> stmts_;  // by the address of the SQL text
+    uint64_t lastJournal_ = 0;
 };
 
 }  // namespace wcfg

@@ -101,6 +101,7 @@ class Store::Write {
                 s_.acceptOdd_.store(odd_);
         }
         ok_ = s_.writeDb_.version(before_);
+        s_.writeDb_.takeLastJournal();
     }
     ~Write() {
         if (begun_ && !committed_) {
@@ -130,6 +131,7 @@ class Store::Write {
         uint64_t after = before_;
         if (changed && !s_.writeDb_.bumpVersion(after))
             return false;
+        uint64_t journal = s_.writeDb_.takeLastJournal();
         if (!s_.writeDb_.commit())
             return false;  // rolled back; the destructor repairs the password store
         committed_ = true;
@@ -138,7 +140,7 @@ class Store::Write {
         std::shared_ptr<const Image> next = s_.published_;
         if (next->version != after) {
             if (row && next->version == before_)
-                next = patchImage(*next, objectIndex, key, *row, after);
+                next = patchImage(*next, objectIndex, key, *row, after, journal);
             else if (auto loaded = loadImage(s_.reader()))
                 next = loaded;
         }

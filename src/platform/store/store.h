@@ -69,6 +69,9 @@ class Store {
     // The version of the configuration this thread reads: it changes with
     // every committed write, by any process.
     uint64_t version() { return image().version; }
+    // The last change journal entry whose change this thread's reads show
+    // (they may show later ones as well, never miss an earlier one).
+    uint64_t journalPosition() { return image().journal; }
     // The shared write generation (generation.h), and a wait until it moves
     // (a write of any process ends) or `timeoutMs` passes: what a follower
     // of the change journal sleeps in.

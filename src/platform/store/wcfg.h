@@ -95,6 +95,10 @@ int wcfgFeObjJsonDel(int32_t oid, objIndex_t* iid, void* reserved);
 // any process: a reader that keeps something derived from the configuration
 // knows from it when to derive again.
 uint64_t wcfgFeDataVersion(void);
+// The change journal's position of what this thread reads: the number of the
+// last change whose effect its reads show (later ones may show too, an
+// earlier one never misses).  An event stream resumed from it misses nothing.
+uint64_t wcfgFeJournalPosition(void);
 // Records in the change journal a change that the store cannot see itself:
 // a view of the configuration that a program computes (kind: 1 changed,
 // 2 added, 3 deleted, as wcfg::JournalKind).  0, or WCFG_INTERNAL_ERROR.

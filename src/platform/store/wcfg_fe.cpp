@@ -65,6 +65,10 @@ uint64_t wcfgFeDataVersion(void) {
     return wcfg::Store::instance().version();
 }
 
+uint64_t wcfgFeJournalPosition(void) {
+    return wcfg::Store::instance().journalPosition();
+}
+
 int wcfgFeNoteChange(int kind, const char* path) {
     if (!path || kind < 1 || kind > 3)
         return WCFG_INVALID_ARGUMENTS;

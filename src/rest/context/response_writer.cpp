@@ -121,6 +121,16 @@ void wHttpJsonTextResponse_restapi(CgHttpRequest* request, std::string text, uin
     answerText(request, nullptr, std::move(text), chunked);
 }
 
+const char kWHttpEventIdHeader[] = "X-Event-Id";
+
+void wHttpValueReadResponse(CgHttpRequest* request, std::string text, uint8_t chunked,
+                            uint64_t position) {
+    CgHttpResponse* response = cg_http_response_new();
+    cg_http_response_setstatuscode(response, 200);
+    cg_http_response_setheader(response, kWHttpEventIdHeader, std::to_string(position).c_str());
+    answerText(request, response, std::move(text), chunked);
+}
+
 void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer) {
     CgHttpResponse* response = answer.response;
     if (!response)

@@ -31,6 +31,14 @@ std::string wHttpAnswerText(json_object* doc);
 uint32_t wHttpAnswerForm(void);
 // Answers a text that wHttpAnswerText made (of a read: no key renewal).
 void wHttpJsonTextResponse_restapi(CgHttpRequest* request, std::string text, uint8_t chunked);
+// The header of a value read's answer that names the last change it shows:
+// an event stream opened with it as its Last-Event-ID (or lastEventId)
+// misses no later change and repeats no earlier one.
+extern const char kWHttpEventIdHeader[];
+// A value read's answer: the text, with the change journal's position the
+// read began at.
+void wHttpValueReadResponse(CgHttpRequest* request, std::string text, uint8_t chunked,
+                            uint64_t position);
 // Hands a built answer to the connection and frees its response.
 void wHttpPostAnswer(CgHttpRequest* request, WHttpAnswer& answer);
 // Hands the answer held for the request (if any) to the connection now.

@@ -2,12 +2,16 @@
 //
 // The hub thread runs in cycles: it takes what was noted since the last
 // cycle (the journal moved, streams opened or closed, sessions ended), reads
-// the new journal entries, renders each once per login group that watches
-// it, queues the frames, starts the new streams from where they resume, ends
-// the streams of ended sessions, and sends keep-alives.  Rendering and
-// queueing happen without the hub's lock, which only guards the notes and
-// the list of streams; the session-end hook and the adapter's close
-// callback take nothing but that lock.
+// the new journal entries, ends the streams of ended sessions, renders each
+// entry once per login group that watches it, queues the frames, brings new
+// streams up to date from where they resume (a bounded share of the work
+// each cycle, so that the live streams never wait for a crowd that resumes),
+// and sends keep-alives.  Rendering and queueing happen without the hub's
+// lock, which only guards the notes and the list of streams; the session-end
+// hook and the adapter's close callback take nothing but that lock.
+//
+// On one stream the ids only grow: every frame with an id goes through
+// send(), which drops what does not come after the stream's last id.
 #include "rest/events/event_hub.h"
 
 #include <algorithm>
@@ -17,10 +21,12 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 
 #include "auth/login_auth.h"
-#include "datamodel/ext_objects.h"
 #include "auth/session_events.h"
+#include "datamodel/ext_objects.h"
+#include "datamodel/schema.h"
 #include "platform/log.h"
 #include "platform/platform.h"
 #include "platform/store/journal_reader.h"
@@ -35,16 +41,27 @@ using Clock = std::chrono::steady_clock;
 
 // Journal entries read per query.
 constexpr int kJournalBatch = 512;
+// Events a new stream is brought up to date with per cycle, all new streams
+// together; the rest follows in the next cycles, after the live events.
+constexpr int kCatchUpPerCycle = 64;
+// Base of the reconnection time a stream gives its client (2-4 s).
+constexpr int kRetryMs = 2000;
 
 // A stream as the hub keeps it.  The flags are read by request threads
 // (admission) while the hub thread sets them; the rest is the hub thread's.
 struct Entry {
     std::shared_ptr<WHttpEventStream> s;
-    uint64_t from = 0;                // entries after this one are its own
-    std::atomic<bool> ready{false};   // its answer is open
-    std::atomic<bool> started{false}; // its backlog is out: it follows the journal
-    std::atomic<bool> ended{false};   // "end" queued (or its connection gone)
+    uint64_t from = 0;                 // entries after this one are its own
+    uint64_t lastId = 0;               // the last id the stream carried
+    bool greeted = false;              // its first block (retry, position) is out
+    std::atomic<bool> ready{false};    // its answer is open
+    std::atomic<bool> started{false};  // it is up to date: it follows the journal
+    std::atomic<bool> ended{false};    // "end" queued (or its connection gone)
     Clock::time_point lastWrite = Clock::now();
+    // What the stream was last told of each computed view: a view is
+    // recorded whenever it is written, and is news only when it reads
+    // differently from what this stream last heard.
+    std::unordered_map<std::string, std::string> viewsTold;
 };
 using EntryPtr = std::shared_ptr<Entry>;
 
@@ -54,6 +71,42 @@ struct Ending {
 
 bool endingCovers(const Ending& e, const WHttpSessionRef& owner) {
     return e.sessionID.empty() ? e.user == owner.user : e.sessionID == owner.sessionID;
+}
+
+// One journal entry as one login group sees it.
+struct Rendered {
+    std::string frame;  // "" when the group cannot read the object
+    std::string data;   // of a computed view, to compare with what was told
+    bool view = false;
+};
+
+// The entries rendered in one cycle, by entry and group: streams of the
+// same group that resume from the same place cost one read per entry.
+using RenderCache = std::map<std::pair<uint64_t, int>, Rendered>;
+
+// Entries after `after`, one per path (the last, as an "add" when the path
+// was added among them), in the order of their last entries; everything
+// before a reset is dropped, the reset kept.
+std::vector<wcfg::JournalEntry> coalesce(const std::vector<wcfg::JournalEntry>& in) {
+    std::vector<wcfg::JournalEntry> out;
+    std::unordered_map<std::string, size_t> last;
+    for (const wcfg::JournalEntry& j : in) {
+        if (j.kind == wcfg::JournalKind::Reset) {
+            out.assign(1, j);
+            last.clear();
+            continue;
+        }
+        auto it = last.find(j.path);
+        bool added = it != last.end() && out[it->second].kind == wcfg::JournalKind::Add;
+        if (it != last.end())
+            out[it->second].path.clear();  // superseded
+        last[j.path] = out.size();
+        out.push_back(j);
+        if (added && j.kind == wcfg::JournalKind::Change)
+            out.back().kind = wcfg::JournalKind::Add;
+    }
+    std::erase_if(out, [](const wcfg::JournalEntry& j) { return j.path.empty(); });
+    return out;
 }
 
 class Hub {
@@ -78,18 +131,22 @@ class Hub {
     void run();
     Work waitForWork();
     Clock::time_point nextKeepAlive() const;
+    uint64_t position();
     bool readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out,
                      uint64_t* oldest = nullptr, uint64_t* latest = nullptr);
     bool readNew(std::vector<wcfg::JournalEntry>& entries);
     void resyncAll(const std::vector<EntryPtr>& streams, const char* reason);
     void deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
-                 bool live);
-    std::string frameFor(const wcfg::JournalEntry& j, int group, bool live);
-    void startStream(const EntryPtr& e);
+                 RenderCache& cache);
+    bool offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache);
+    const Rendered& render(const wcfg::JournalEntry& j, int group, RenderCache& cache);
+    bool catchUp(const std::vector<EntryPtr>& streams, RenderCache& cache);
+    bool greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog);
+    void catchUpOne(Entry& e, int& budget, RenderCache& cache);
     void endStreams(const Work& w);
     void keepAlive(const std::vector<EntryPtr>& streams);
     void shutdownStreams();
-    void send(Entry& e, uint64_t id, const std::string& frame);
+    bool send(Entry& e, uint64_t id, const std::string& frame);
     void end(Entry& e, const char* reason);
     void prune();
     bool endingNoted(const WHttpSessionRef& owner);
@@ -104,8 +161,6 @@ class Hub {
     uint64_t seq_ = 0;  // the last journal entry read; written by the hub under m_
     std::thread hub_, follower_;
     wcfg::JournalReader journal_;  // the hub thread's
-    // What the live streams were last told of each computed view, per group.
-    std::map<std::pair<std::string, int>, std::string> lastView_;
 };
 
 Hub& hub() {
@@ -268,6 +323,11 @@ Hub::Work Hub::waitForWork() {
     return w;
 }
 
+uint64_t Hub::position() {
+    std::lock_guard<std::mutex> lock(m_);
+    return seq_;
+}
+
 void Hub::run() {
     platformBlockStopSignals();
     // The hub reads what the configuration holds and never waits for a
@@ -293,14 +353,18 @@ void Hub::run() {
         for (const EntryPtr& e : w.streams)
             if (e->started && !e->ended)
                 live.push_back(e);
+        RenderCache cache;
+        // Entries that went missing before the hub read them: the live
+        // streams read again what they watch, which covers what was read.
         if (lost)
             resyncAll(live, "events lost");
-        deliver(entries, live, true);
-        for (const EntryPtr& e : w.streams)
-            if (e->ready && !e->started && !e->ended)
-                startStream(e);
+        else
+            deliver(entries, live, cache);
+        bool more = catchUp(w.streams, cache);
         keepAlive(w.streams);
         prune();
+        if (more)
+            poke();
     }
 }
 
@@ -308,11 +372,7 @@ void Hub::run() {
 // when entries were trimmed before the hub read them (the hub fell behind by
 // more than the journal keeps).
 bool Hub::readNew(std::vector<wcfg::JournalEntry>& entries) {
-    uint64_t after;
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        after = seq_;
-    }
+    uint64_t after = position();
     uint64_t oldest = 0, latest = 0;
     if (!readJournal(after, entries, &oldest, &latest))
         return true;
@@ -325,14 +385,12 @@ bool Hub::readNew(std::vector<wcfg::JournalEntry>& entries) {
 }
 
 void Hub::resyncAll(const std::vector<EntryPtr>& streams, const char* reason) {
-    uint64_t id;
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        id = seq_;
-    }
+    uint64_t id = position();
     std::string frame = wHttpEventFrame(id, "resync", wHttpEventReasonData(reason));
-    for (const EntryPtr& e : streams)
+    for (const EntryPtr& e : streams) {
         send(*e, id, frame);
+        e->viewsTold.clear();
+    }
 }
 
 // Every entry after `after` there is now; the journal's bounds as of the
@@ -363,111 +421,170 @@ const char* eventName(wcfg::JournalKind kind) {
     }
 }
 
-// Each entry once for each login group that watches it: the object is read
-// as that group would read it.
 void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
-                  bool live) {
-    for (const wcfg::JournalEntry& j : entries) {
-        if (j.kind == wcfg::JournalKind::Reset) {
-            std::string frame =
-                wHttpEventFrame(j.seq, "resync", wHttpEventReasonData("configuration reset"));
-            for (const EntryPtr& e : to)
-                if (j.seq > e->from)
-                    send(*e, j.seq, frame);
+                  RenderCache& cache) {
+    for (const wcfg::JournalEntry& j : entries)
+        for (const EntryPtr& e : to)
+            offer(*e, j, cache);
+}
+
+// An entry for one stream, when it watches the path and its session could
+// read the object; false when nothing was sent.
+bool Hub::offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache) {
+    if (j.seq <= e.from || e.ended ||
+        (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(e.s->paths, j.path)))
+        return false;
+    const Rendered& r = render(j, e.s->owner.group, cache);
+    if (r.frame.empty())
+        return false;
+    // After a resync the client reads everything again, views included.
+    if (j.kind == wcfg::JournalKind::Reset)
+        e.viewsTold.clear();
+    if (r.view) {
+        std::string& told = e.viewsTold[j.path];
+        if (told == r.data)
+            return false;
+        told = r.data;
+    }
+    return send(e, j.seq, r.frame);
+}
+
+// An entry as a login group reads it, once per cycle.  A deleted object can
+// no longer be read: its event goes to those who could read such an object,
+// as a GET of its path would (a path of the REST API).
+const Rendered& Hub::render(const wcfg::JournalEntry& j, int group, RenderCache& cache) {
+    auto [it, fresh] = cache.try_emplace({j.seq, group});
+    Rendered& r = it->second;
+    if (!fresh)
+        return r;
+    if (j.kind == wcfg::JournalKind::Reset) {
+        r.frame = wHttpEventFrame(j.seq, "resync", wHttpEventReasonData("configuration reset"));
+    } else if (j.kind == wcfg::JournalKind::Delete) {
+        if (wHttpGetSchemaObj(j.path.c_str(), nullptr, 0, nullptr, 0, nullptr))
+            r.frame = wHttpEventFrame(j.seq, "delete", wHttpEventPathData(j.path));
+    } else {
+        r.data = wHttpEventObjectData(j.path, group);
+        objIndex_t iid;
+        r.view = j.kind == wcfg::JournalKind::Change &&
+                 wcfgFeObjNameToObjId(j.path.c_str(), &iid) < 0;
+        if (!r.data.empty())
+            r.frame = wHttpEventFrame(j.seq, eventName(j.kind), r.data);
+    }
+    return r;
+}
+
+// ---------------------------------------------------------------------------
+// New streams: from where they resume to where the others are.
+
+// Brings the new streams up to date, a share of the work per cycle; true
+// when some are not there yet.
+bool Hub::catchUp(const std::vector<EntryPtr>& streams, RenderCache& cache) {
+    int budget = kCatchUpPerCycle;
+    bool more = false;
+    for (const EntryPtr& e : streams) {
+        if (!e->ready || e->started || e->ended)
+            continue;
+        if (budget <= 0) {
+            more = true;
             continue;
         }
-        std::map<int, std::string> byGroup;  // frame per group; "" unreadable
-        for (const EntryPtr& e : to) {
-            if (j.seq <= e->from || e->ended || !wHttpPathWatched(e->s->paths, j.path))
-                continue;
-            int group = e->s->owner.group;
-            auto it = byGroup.find(group);
-            if (it == byGroup.end())
-                it = byGroup.emplace(group, frameFor(j, group, live)).first;
-            if (!it->second.empty())
-                send(*e, j.seq, it->second);
-        }
+        catchUpOne(*e, budget, cache);
+        more = more || !e->started;
     }
+    return more;
 }
 
-// The frame of an entry for a login group: "" when the group cannot read
-// the object now.  A computed view is recorded whenever it is written, also
-// when that changes nothing it shows: the live streams hear of it only when
-// it reads differently from what they were last told.
-std::string Hub::frameFor(const wcfg::JournalEntry& j, int group, bool live) {
-    if (j.kind == wcfg::JournalKind::Delete)
-        return wHttpEventFrame(j.seq, "delete", wHttpEventPathData(j.path));
-    std::string data = wHttpEventObjectData(j.path, group);
-    if (data.empty())
-        return "";
-    objIndex_t iid;
-    if (live && j.kind == wcfg::JournalKind::Change && wcfgFeObjNameToObjId(j.path.c_str(), &iid) < 0) {
-        std::string& last = lastView_[{j.path, group}];
-        if (last == data)
-            return "";
-        last = data;
+// A stream's first block: how long to wait before connecting again, and
+// where it stands: the journal's position for a new stream, the client's for
+// one that resumes (what it missed follows), or a resync when the client's
+// is no longer kept, or when what it missed would not fit its queue.
+// False when the stream is up to date already.
+bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog) {
+    e.greeted = true;
+    const WHttpEventStream& s = *e.s;
+    std::string retry = wHttpEventRetry(wHttpEventRetryMs(kRetryMs));
+    if (!s.resumeAfter && !s.resumeUnreadable) {
+        e.from = now;
+        send(e, now, retry + wHttpEventPosition(now));
+        return false;
     }
-    return wHttpEventFrame(j.seq, eventName(j.kind), data);
-}
-
-// A new stream: the entries it resumes after, or a resync when they are no
-// longer kept; then it follows the journal with the others.
-void Hub::startStream(const EntryPtr& e) {
-    uint64_t now;
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        now = seq_;
-    }
-    const WHttpEventStream& s = *e->s;
-    bool resuming = s.resumeAfter || s.resumeUnreadable;
-    if (resuming)
-        e->from = s.resumeUnreadable ? now : *s.resumeAfter;
-    // The backlog and the journal's bounds in one read: entries trimmed in
-    // between would otherwise go missing unnoticed.
-    std::vector<wcfg::JournalEntry> backlog;
+    e.from = s.resumeUnreadable ? now : *s.resumeAfter;
     uint64_t oldest = 0, latest = 0;
-    bool read = readJournal(std::min(e->from, now), backlog, &oldest, &latest);
-    bool kept = read && !s.resumeUnreadable && e->from + 1 >= oldest && e->from <= latest;
-    if (resuming && !kept) {
-        e->from = now;
-        backlog.clear();
-        send(*e, now, wHttpEventFrame(now, "resync", wHttpEventReasonData("events lost")));
+    bool read = readJournal(std::min(e.from, now), backlog, &oldest, &latest);
+    bool kept = read && !s.resumeUnreadable && e.from + 1 >= oldest && e.from <= latest;
+    std::erase_if(backlog, [&](const wcfg::JournalEntry& j) {
+        return j.seq > now || j.seq <= e.from ||
+               (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(s.paths, j.path));
+    });
+    backlog = coalesce(backlog);
+    if (!kept || backlog.size() > CgHttpStreamLimits{}.maxPieces) {
+        e.from = now;
+        const char* why = kept ? "overflow" : "events lost";
+        send(e, now, retry + wHttpEventFrame(now, "resync", wHttpEventReasonData(why)));
+        return false;
     }
-    std::erase_if(backlog, [&](const wcfg::JournalEntry& j) { return j.seq > now; });
-    deliver(backlog, {e}, false);
-    e->from = std::max(e->from, now);
-    e->started = true;
-    e->lastWrite = Clock::now();
+    send(e, e.from, retry + wHttpEventPosition(e.from));
+    return true;
 }
 
-void Hub::send(Entry& e, uint64_t id, const std::string& frame) {
-    if (e.ended)
-        return;
+// Sends what the stream missed, as far as the cycle's budget goes; once all
+// of it is out, the stream follows the journal with the others.
+void Hub::catchUpOne(Entry& e, int& budget, RenderCache& cache) {
+    uint64_t now = position();
+    std::vector<wcfg::JournalEntry> backlog;
+    if (!e.greeted) {
+        if (!greet(e, now, backlog))
+            backlog.clear();
+    } else if (readJournal(e.from, backlog)) {
+        std::erase_if(backlog, [&](const wcfg::JournalEntry& j) { return j.seq > now; });
+        backlog = coalesce(backlog);
+    }
+    for (const wcfg::JournalEntry& j : backlog) {
+        if (budget-- <= 0)
+            return;
+        offer(e, j, cache);
+        e.from = j.seq;
+    }
+    e.from = std::max(e.from, now);
+    if (e.lastId < now)
+        send(e, now, wHttpEventPosition(now));
+    e.started = true;
+    e.lastWrite = Clock::now();
+}
+
+// ---------------------------------------------------------------------------
+// Sending, ending, keeping alive.
+
+// Queues a frame that carries `id`; a frame whose id does not come after the
+// stream's last is dropped.  False when nothing was queued.
+bool Hub::send(Entry& e, uint64_t id, const std::string& frame) {
+    if (e.ended || (e.lastId != 0 && id <= e.lastId))
+        return false;
+    e.lastWrite = Clock::now();
     switch (cg_http_stream_push(e.s->out.get(), frame)) {
+        case CgHttpPush::Queued:
+            e.lastId = id;
+            return true;
         case CgHttpPush::Full:
             // The client fell behind: what it has not taken is dropped for
             // one resync, and it must read again what it watches.
             cg_http_stream_replace(e.s->out.get(),
                                    wHttpEventFrame(id, "resync", wHttpEventReasonData("overflow")));
-            break;
+            e.lastId = id;
+            e.viewsTold.clear();
+            return true;
         case CgHttpPush::Closed:
             e.ended = true;
-            break;
+            return false;
         default:
-            break;
+            return false;
     }
-    e.lastWrite = Clock::now();
 }
 
 void Hub::end(Entry& e, const char* reason) {
     if (e.ended)
         return;
-    uint64_t id;
-    {
-        std::lock_guard<std::mutex> lock(m_);
-        id = seq_;
-    }
-    cg_http_stream_end(e.s->out.get(), wHttpEventFrame(id, "end", wHttpEventReasonData(reason)));
+    cg_http_stream_end(e.s->out.get(), wHttpEventNotice("end", wHttpEventReasonData(reason)));
     e.ended = true;
 }
 
@@ -482,7 +599,8 @@ bool Hub::endingNoted(const WHttpSessionRef& owner) {
 
 // The streams of sessions that ended: those the session table told of, and
 // any whose session no longer passes (account disabled, password changed,
-// entry gone), checked every cycle.
+// entry gone), checked every cycle.  A session whose account moved to
+// another login group reads as that group from now on, as its requests do.
 void Hub::endStreams(const Work& w) {
     for (const EntryPtr& e : w.streams) {
         if (!e->ready || e->ended)
@@ -495,20 +613,31 @@ void Hub::endStreams(const Work& w) {
             end(*e, told->reason.c_str());
             continue;
         }
-        if (const char* reason = wHttpSessionEndReason(e->s->owner)) {
+        int group = 0;
+        if (const char* reason = wHttpSessionEndReason(e->s->owner, &group)) {
             // Told of just now: the next cycle ends it with the reason given.
             if (!endingNoted(e->s->owner))
                 end(*e, reason);
+        } else if (group > 0 && group != e->s->owner.group) {
+            e->s->owner.group = group;
+            e->viewsTold.clear();
         }
     }
 }
 
+// A stream that has been silent for a while gets a comment, with the
+// journal's position when the stream is behind it (what it watches did not
+// change), so that a client that comes back resumes from near the end.
 void Hub::keepAlive(const std::vector<EntryPtr>& streams) {
     Clock::time_point soon = Clock::now() + std::chrono::milliseconds(limits_.keepAliveMs / 4);
+    uint64_t now = position();
     for (const EntryPtr& e : streams) {
-        if (!e->started || e->ended)
+        if (!e->started || e->ended ||
+            e->lastWrite + std::chrono::milliseconds(limits_.keepAliveMs) > soon)
             continue;
-        if (e->lastWrite + std::chrono::milliseconds(limits_.keepAliveMs) <= soon) {
+        if (now > e->lastId) {
+            send(*e, now, wHttpEventKeepAlive(now));
+        } else {
             if (cg_http_stream_push(e->s->out.get(), kWHttpKeepAliveFrame) == CgHttpPush::Closed)
                 e->ended = true;
             e->lastWrite = Clock::now();

@@ -1,16 +1,23 @@
 // Event-stream text: see event_text.h.
 #include "rest/events/event_text.h"
 
+#include <algorithm>
 #include <cctype>
+#include <random>
 
 const char kWHttpKeepAliveFrame[] = ": keep-alive\n\n";
 
-std::string wHttpEventFrame(uint64_t id, std::string_view name, std::string_view data) {
+namespace {
+
+std::string frame(const uint64_t* id, std::string_view name, std::string_view data) {
     std::string out;
     out.reserve(data.size() + name.size() + 40);
-    out += "id: ";
-    out += std::to_string(id);
-    out += "\nevent: ";
+    if (id) {
+        out += "id: ";
+        out += std::to_string(*id);
+        out += "\n";
+    }
+    out += "event: ";
     out += name;
     out += "\ndata: ";
     // A line break would end the data line early; the JSON writer never
@@ -19,6 +26,33 @@ std::string wHttpEventFrame(uint64_t id, std::string_view name, std::string_view
         out += (c == '\n' || c == '\r') ? ' ' : c;
     out += "\n\n";
     return out;
+}
+
+}  // namespace
+
+std::string wHttpEventFrame(uint64_t id, std::string_view name, std::string_view data) {
+    return frame(&id, name, data);
+}
+
+std::string wHttpEventNotice(std::string_view name, std::string_view data) {
+    return frame(nullptr, name, data);
+}
+
+std::string wHttpEventPosition(uint64_t id) {
+    return "id: " + std::to_string(id) + "\n\n";
+}
+
+std::string wHttpEventRetry(int ms) {
+    return "retry: " + std::to_string(ms) + "\n";
+}
+
+std::string wHttpEventKeepAlive(uint64_t id) {
+    return ": keep-alive\n" + wHttpEventPosition(id);
+}
+
+int wHttpEventRetryMs(int baseMs) {
+    static thread_local std::minstd_rand random{std::random_device{}()};
+    return baseMs + static_cast<int>(random() % static_cast<unsigned>(std::max(1, baseMs)));
 }
 
 std::optional<uint64_t> wHttpParseLastEventId(std::string_view text) {

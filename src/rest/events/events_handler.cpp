@@ -10,19 +10,54 @@
 #include "platform/log.h"
 #include "rest/context/response_writer.h"
 #include "rest/events/event_hub.h"
+#include "rest/events/event_render.h"
 #include "rest/events/event_text.h"
 
 namespace {
 
 // A JSON answer with a status of its own.
-void answer(CgHttpRequest* request, int status, const char* operStatus) {
+void answer(CgHttpRequest* request, int status, const char* operStatus, int retryMs = 0) {
     CgHttpResponse* response = cg_http_response_new();
     cg_http_response_setstatuscode(response, status);
-    if (status == 503)
-        cg_http_response_setheader(response, "Retry-After", "5");
+    if (retryMs > 0)
+        cg_http_response_setheader(response, "Retry-After",
+                                   std::to_string((retryMs + 999) / 1000).c_str());
     json_object* doc = json_object_new_object();
     wHttpSetOperStatus(doc, operStatus);
     wHttpJsonResponse_restapi(request, response, doc, 0, 0);
+}
+
+// Whether the client reads server-sent events (a browser's EventSource says
+// so): it is turned away with an answer it can act on.
+bool acceptsEventStream(CgHttpRequest* request) {
+    const char* accept = cg_http_request_getheader(request, "Accept");
+    return accept && strstr(accept, "text/event-stream");
+}
+
+// No place for the stream.  Any status but 200 makes an EventSource give up
+// for good, and its script learns neither the status nor Retry-After: a
+// client of event streams gets a stream of its own that says when to come
+// back ("retry:") and why ("busy"), and ends.  It comes back by itself with
+// the Last-Event-ID it had.  Every other client gets 503 with Retry-After.
+void refuse(CgHttpRequest* request, WHttpEventAdmit why) {
+    bool session = why == WHttpEventAdmit::SessionFull;
+    // Another stream of the same session must end first: that takes longer.
+    int retryMs = wHttpEventRetryMs(session ? 10000 : 5000);
+    const char* reason = session                          ? "too many streams of this session"
+                         : why == WHttpEventAdmit::Stopped ? "shutdown"
+                                                           : "too many streams";
+    if (!acceptsEventStream(request))
+        return answer(request, 503, "Too many event streams", retryMs);
+    CgHttpResponse* head = cg_http_response_new();
+    cg_http_response_setstatuscode(head, 200);
+    cg_http_response_setheader(head, "Content-Type", "text/event-stream");
+    cg_http_response_setheader(head, "Cache-Control", "no-cache");
+    std::shared_ptr<CgHttpStream> out =
+        cg_http_request_openstream(request, head, CgHttpStreamLimits{}, nullptr);
+    cg_http_response_delete(head);
+    if (out)
+        cg_http_stream_end(out.get(), wHttpEventRetry(retryMs) +
+                                          wHttpEventNotice("busy", wHttpEventReasonData(reason)));
 }
 
 // Every "path" must be a well-formed object path of the REST API.
@@ -38,8 +73,14 @@ bool takePaths(CgHttpRequest* request, WHttpEventStream& s) {
     return true;
 }
 
+// Where the client resumes: the Last-Event-ID header (an EventSource sends
+// it when it connects again, with the newest id it saw), else the
+// lastEventId parameter (which a new EventSource, that cannot set headers,
+// puts in its URL).
 void takeResume(CgHttpRequest* request, WHttpEventStream& s) {
     const char* last = cg_http_request_getheader(request, "Last-Event-ID");
+    if (!last)
+        last = cg_http_request_getparam(request, "lastEventId");
     if (!last)
         return;
     s.resumeAfter = wHttpParseLastEventId(last);
@@ -71,8 +112,9 @@ int wHttpEventsHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/
     }
     takeResume(request, *stream);
     takeOwner(request, *stream);
-    if (wHttpEventsReserve(stream) != WHttpEventAdmit::Yes) {
-        answer(request, 503, "Too many event streams");
+    WHttpEventAdmit admit = wHttpEventsReserve(stream);
+    if (admit != WHttpEventAdmit::Yes) {
+        refuse(request, admit);
         return 0;
     }
     CgHttpResponse* head = cg_http_response_new();

@@ -23,7 +23,10 @@ constexpr unsigned kMaxBackoffSeconds = 30;
 // No event is this large; a stream that sends one is broken.
 constexpr size_t kMaxPending = 1 << 20;
 
-// Takes the stream apart into events as its bytes arrive.
+// Takes the stream apart into events as its bytes arrive, as a browser's
+// EventSource does: lines end in LF, CR or CRLF; a block with an "id" and
+// no data moves the position without an event; "retry" says how long to
+// wait before connecting again; comments are keep-alives.
 class EventReader {
   public:
     explicit EventReader(const Context& ctx) : ctx_(ctx) {}
@@ -31,48 +34,74 @@ class EventReader {
     bool feed(const char* data, size_t n);
     bool ended() const { return ended_; }
     const std::string& lastId() const { return lastId_; }
+    // The wait the device asked for before the next connection (0: none).
+    long retryMs() const { return retryMs_; }
 
   private:
-    void event(const std::string& block);
+    void line(const std::string& text);
+    void dispatch();
 
     const Context& ctx_;
-    std::string pending_, lastId_;
-    bool ended_ = false;
+    std::string pending_, lastId_, idBuffer_, name_, data_;
+    bool cr_ = false, ended_ = false;
+    long retryMs_ = 0;
 };
 
 bool EventReader::feed(const char* data, size_t n) {
-    pending_.append(data, n);
-    size_t at;
-    while (!ended_ && (at = pending_.find("\n\n")) != std::string::npos) {
-        event(pending_.substr(0, at + 1));
-        pending_.erase(0, at + 2);
+    for (size_t i = 0; i < n && !ended_; ++i) {
+        char c = data[i];
+        if (cr_ && c == '\n') {
+            cr_ = false;
+            continue;
+        }
+        cr_ = c == '\r';
+        if (c == '\r' || c == '\n') {
+            line(pending_);
+            pending_.clear();
+        } else {
+            pending_ += c;
+        }
     }
-    return !ended_ && pending_.size() < kMaxPending;
+    return !ended_ && pending_.size() + data_.size() < kMaxPending;
 }
 
-void EventReader::event(const std::string& block) {
-    std::string id, name, data;
-    for (size_t pos = 0; pos < block.size();) {
-        size_t nl = block.find('\n', pos);
-        std::string line = block.substr(pos, nl - pos);
-        pos = nl + 1;
-        if (line.rfind("id: ", 0) == 0)
-            id = line.substr(4);
-        else if (line.rfind("event: ", 0) == 0)
-            name = line.substr(7);
-        else if (line.rfind("data: ", 0) == 0)
-            data = line.substr(6);
-    }
-    if (name.empty())
+void EventReader::line(const std::string& text) {
+    if (text.empty())
+        return dispatch();
+    if (text[0] == ':')
         return;  // a keep-alive
+    size_t colon = text.find(':');
+    std::string field = text.substr(0, colon);
+    std::string value = colon == std::string::npos ? "" : text.substr(colon + 1);
+    if (!value.empty() && value[0] == ' ')
+        value.erase(0, 1);
+    if (field == "id" && value.find('\0') == std::string::npos)
+        idBuffer_ = value;
+    else if (field == "event")
+        name_ = value;
+    else if (field == "data")
+        data_ += value + "\n";
+    else if (field == "retry" && !value.empty() && value.size() < 10 &&
+             value.find_first_not_of("0123456789") == std::string::npos)
+        retryMs_ = atol(value.c_str());
+}
+
+void EventReader::dispatch() {
+    lastId_ = idBuffer_;
+    std::string name, data;
+    name.swap(name_);
+    data.swap(data_);
+    if (data.empty())
+        return;  // a position, not an event
+    data.pop_back();
     JsonPtr doc(json_object_new_object());
-    json_object_object_add(doc.get(), "id", json_object_new_int64(atoll(id.c_str())));
-    json_object_object_add(doc.get(), "event", json_object_new_string(name.c_str()));
+    json_object_object_add(doc.get(), "id", json_object_new_int64(atoll(lastId_.c_str())));
+    json_object_object_add(doc.get(), "event",
+                           json_object_new_string(name.empty() ? "message" : name.c_str()));
     JsonPtr value = parseJson(data);
-    json_object_object_add(doc.get(), "data", value ? value.release() : json_object_new_string(data.c_str()));
+    json_object_object_add(doc.get(), "data",
+                           value ? value.release() : json_object_new_string(data.c_str()));
     printJson(doc.get(), ctx_.compact);
-    if (!id.empty())
-        lastId_ = id;
     ended_ = name == "end";
 }
 
@@ -134,8 +163,14 @@ int cmdWatch(Context& ctx) {
         // never opened, or a refusal by the device, ends the command.
         if (rc != kNetwork || !opened)
             return rc;
-        sleep(backoff);
-        backoff = std::min(backoff * 2, kMaxBackoffSeconds);
+        // The device's own wait when it gave one (a "busy" stream says when
+        // to come back), else a growing pause.
+        if (reader.retryMs() > 0) {
+            usleep(static_cast<useconds_t>(std::min(reader.retryMs(), 60000L)) * 1000);
+        } else {
+            sleep(backoff);
+            backoff = std::min(backoff * 2, kMaxBackoffSeconds);
+        }
     }
 }
 
