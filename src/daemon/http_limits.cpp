@@ -39,6 +39,7 @@ const LimitName kLimitNames[] = {
     {"events_per_session", nullptr, nullptr, &WHttpEventLimits::perSession},
     {"events_total", nullptr, nullptr, &WHttpEventLimits::total},
     {"events_keepalive_ms", nullptr, nullptr, &WHttpEventLimits::keepAliveMs},
+    {"events_queue", nullptr, nullptr, &WHttpEventLimits::queue},
 };
 
 bool applyOne(const std::string& item, WhttpdLimits& limits, std::string& error) {

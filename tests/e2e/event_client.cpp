@@ -141,6 +141,18 @@ std::optional<Event> EventStream::next(int timeoutMs, bool keepAlives) {
     }
 }
 
+bool EventStream::settle(int timeoutMs) {
+    long long end = nowMs() + timeoutMs;
+    for (;;) {
+        absorb();
+        if (!sse_.lastEventId().empty() || sse_.retryMs())
+            return true;
+        long long left = end - nowMs();
+        if (left <= 0 || ended_ || !fill(static_cast<int>(left)))
+            return false;
+    }
+}
+
 std::optional<Event> EventStream::waitFor(const std::function<bool(const Event&)>& match,
                                           int timeoutMs, std::vector<Event>* skipped) {
     long long end = nowMs() + timeoutMs;

@@ -47,6 +47,9 @@ class EventStream {
     // Whether the daemon has closed the stream (the last chunk or the
     // connection); reads on for up to `timeoutMs` to learn it.
     bool closedWithin(int timeoutMs);
+    // Reads until the stream's first block has come (a browser then knows
+    // the stream's position and reconnection time); false if none came.
+    bool settle(int timeoutMs);
     // The stream's last event id and reconnection time, as a browser keeps
     // them, from what was read so far.
     const std::string& lastEventId() const { return sse_.lastEventId(); }

@@ -73,8 +73,7 @@ TEST_F(EventsAttackTest, AHangingObjectReadDelaysNoOtherStream) {
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.AccessPoint.1.WPS.",
                                "{\"X_OlVEX_TriggerWPSPushButton\":true}"}));
     ASSERT_EQ(0, root.wcfgctl({"add", "Device.NAT.PortMapping.", "{\"ExternalPort\":7777}"}));
-    std::optional<Event> add =
-        nat.waitFor([](const Event& e) { return e.name == "add"; }, kWait);
+    std::optional<Event> add = nat.waitFor([](const Event& e) { return e.name == "add"; }, kWait);
     EXPECT_TRUE(add) << "the NAT stream waits behind the WPS read";
     // The hung read must not hold the daemon's exit either (see below).
     d.signal(SIGKILL);
@@ -188,9 +187,10 @@ TEST_F(EventsAttackTest, AStreamGetsNothingWrittenAfterItsSessionEnded) {
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.AccessPoint.1.WPS.",
                                "{\"X_OlVEX_TriggerWPSPushButton\":true}"}));
     ASSERT_EQ(200, Client(port).write("POST", "UserLogout", "", user).status);
-    EXPECT_EQ("Timeout", operStatus(Client(port).request("GET", "TR181/Value/Device.NAT.", "", &user)));
-    ASSERT_EQ(0, root.wcfgctl({"set", "Device.NAT.PortMapping.1.",
-                               "{\"Description\":\"after-logout\"}"}));
+    EXPECT_EQ("Timeout",
+              operStatus(Client(port).request("GET", "TR181/Value/Device.NAT.", "", &user)));
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", "Device.NAT.PortMapping.1.", "{\"Description\":\"after-logout\"}"}));
     ASSERT_EQ(0, root.wcfgctl({"knob", "wifi.wps.delay_ms", "0"}));
     std::vector<Event> before;
     std::optional<Event> end =
@@ -211,8 +211,8 @@ TEST_F(EventsAttackTest, ADisabledAccountGetsNothingWrittenAfterwards) {
     EventStream ofUser;
     open(ofUser, "path=Device.WiFi.SSID.1.", &user);
     d.signal(SIGSTOP);
-    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.",
-                               "{\"Enabled\":false}"}));
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.", "{\"Enabled\":false}"}));
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"after-disable\"}"}));
     d.signal(SIGCONT);
     std::vector<Event> before;

@@ -45,7 +45,8 @@ TEST_F(EventsTest, AnswerHeadMethodListAndRefusals) {
     EXPECT_NE(std::string::npos, es.head().find("Cache-Control: no-cache"));
     // The row comes last in the method list: the others keep their places.
     Reply list = get("MethodList");
-    EXPECT_NE(std::string::npos, list.body.find("\"\\/api\\/v1\\/FOTA\", \"\\/api\\/v1\\/Events\" ]"))
+    EXPECT_NE(std::string::npos,
+              list.body.find("\"\\/api\\/v1\\/FOTA\", \"\\/api\\/v1\\/Events\" ]"))
         << list.body;
     // Nothing but GET; a write method needs no key to be refused as such.
     for (const char* method : {"POST", "PUT", "DELETE"}) {
@@ -76,11 +77,13 @@ TEST_F(EventsTest, RestWritesGiveChangeAddAndDeleteInOrder) {
     start();
     EventStream es;
     open(es);
-    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
+    ASSERT_EQ(200,
+              write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
     Event change = expect(es, "change", "Device.WiFi.SSID.1.");
     EXPECT_EQ("home-net", eventMember({"", "", eventMember(change, "Object")}, "SSID"));
     // The same value again changes nothing and sends nothing.
-    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
+    ASSERT_EQ(200,
+              write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"home-net\"}").status);
     Reply added = write("POST", "TR181/Value/Device.NAT.PortMapping.",
                         "{\"ExternalPort\":2222,\"InternalPort\":22}");
     ASSERT_EQ(200, added.status);
@@ -238,7 +241,8 @@ TEST_F(EventsTest, SessionEndsEndTheStream) {
     open(byLogout);
     open(ofUser, "", {}, &user);
     ASSERT_EQ(200, write("POST", "UserLogout", "").status);
-    std::optional<Event> end = byLogout.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    std::optional<Event> end =
+        byLogout.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("logout", eventMember(*end, "reason"));
     EXPECT_TRUE(byLogout.closedWithin(kWait));
@@ -268,8 +272,8 @@ TEST_F(EventsTest, AccountDisabledOrPasswordChangedEndsItsStreams) {
     ASSERT_EQ(200, Client(port).login("user", "An0ther!pw1", &again).status);
     EventStream reopened;
     open(reopened, "", {}, &again);
-    ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.",
-                               "{\"Enabled\":false}"}));
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.", "{\"Enabled\":false}"}));
     end = reopened.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("account disabled", eventMember(*end, "reason"));
@@ -376,8 +380,7 @@ TEST_F(EventsTest, WpsSessionStatusFromStartToOutcome) {
                           R"({"X_OlVEX_TriggerWPSPushButton":true})");
     ASSERT_EQ("Success", operStatus(pressed));
     std::optional<Event> done = es.waitFor(
-        [](const Event& e) { return e.data.find("NoError, WPS ok!") != std::string::npos; },
-        kWait);
+        [](const Event& e) { return e.data.find("NoError, WPS ok!") != std::string::npos; }, kWait);
     ASSERT_TRUE(done);
     EXPECT_EQ("Device.WiFi.AccessPoint.1.WPS.", eventMember(*done, "path"));
 }
@@ -390,7 +393,9 @@ TEST_F(EventsTest, FirmwareCheckStatus) {
     open(es, "path=Device.X_OLVEX_PeriodicOnlineFWUpgrade.");
     ASSERT_EQ("WCFG_SUCCESS", operStatus(get("FOTA")));
     std::optional<Event> e = es.waitFor(
-        [](const Event& x) { return x.data.find("\"LastFWUpdateStatus\":15") != std::string::npos; },
+        [](const Event& x) {
+            return x.data.find("\"LastFWUpdateStatus\":15") != std::string::npos;
+        },
         kWait);
     ASSERT_TRUE(e);
     EXPECT_NE(std::string::npos, e->data.find("\"NewFWAvailable\":true")) << e->data;
@@ -453,8 +458,9 @@ TEST_F(EventsTest, ASlowReaderGetsAResyncAndTheOthersEverything) {
                         << (before.empty() ? 0 : before.back().data.size()) << " bytes";
     EXPECT_EQ("overflow", eventMember(*resync, "reason"));
     EXPECT_LT(before.size(), all.size());
-    ASSERT_EQ(200, write("PUT", "TR181/Value/Device.DeviceInfo.",
-                         R"({"ProvisioningCode":"after"})").status);
+    ASSERT_EQ(
+        200,
+        write("PUT", "TR181/Value/Device.DeviceInfo.", R"({"ProvisioningCode":"after"})").status);
     std::optional<Event> after = slow.waitFor(
         [](const Event& e) { return e.data.find("\"after\"") != std::string::npos; }, kWait);
     EXPECT_TRUE(after);
@@ -511,7 +517,8 @@ TEST_F(EventsTest, ConcurrentStreamsWritersAndEndings) {
     std::vector<std::unique_ptr<EventStream>> streams;
     for (int i = 0; i < kStreams; ++i) {
         streams.push_back(std::make_unique<EventStream>());
-        ASSERT_TRUE(streams.back()->open(port, i % 2 ? other : s, "path=Device.NAT.PortMapping.1."));
+        ASSERT_TRUE(
+            streams.back()->open(port, i % 2 ? other : s, "path=Device.NAT.PortMapping.1."));
         ASSERT_EQ(200, streams.back()->status());
     }
     std::atomic<bool> done{false};
@@ -530,10 +537,10 @@ TEST_F(EventsTest, ConcurrentStreamsWritersAndEndings) {
             if (Client(port).login("admin", "1234abcd", &mine).status != 200)
                 return;
             for (int i = 0; i < kWrites; ++i)
-                Client(port).write("PUT", "TR181/Value/Device.NAT.PortMapping.1.",
-                                   "{\"Description\":\"w" + std::to_string(w) + "-" +
-                                       std::to_string(i) + "\"}",
-                                   mine);
+                Client(port).write(
+                    "PUT", "TR181/Value/Device.NAT.PortMapping.1.",
+                    "{\"Description\":\"w" + std::to_string(w) + "-" + std::to_string(i) + "\"}",
+                    mine);
         });
     for (std::thread& t : writers)
         t.join();
@@ -559,8 +566,9 @@ TEST_F(EventsTest, ConcurrentStreamsWritersAndEndings) {
         ASSERT_TRUE(end);
         EXPECT_EQ("logout", eventMember(*end, "reason"));
     }
-    EXPECT_EQ(200, write("PUT", "TR181/Value/Device.NAT.PortMapping.1.",
-                         R"({"Description":"after"})").status);
+    EXPECT_EQ(
+        200,
+        write("PUT", "TR181/Value/Device.NAT.PortMapping.1.", R"({"Description":"after"})").status);
     EXPECT_TRUE(streams[0]->next(kWait));
 }
 

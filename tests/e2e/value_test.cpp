@@ -334,8 +334,8 @@ TEST_F(Value, RepeatedReadsShowEveryChangeAtOnce) {
     for (int i = 0; i < 20; ++i) {
         std::string code = "cache-" + std::to_string(i);
         get("Device.DeviceInfo.");  // read once more before the change
-        ASSERT_EQ(0, root_->wcfgctl({"set", "Device.DeviceInfo.",
-                                     "{\"ProvisioningCode\":\"" + code + "\"}"}));
+        ASSERT_EQ(0, root_->wcfgctl(
+                         {"set", "Device.DeviceInfo.", "{\"ProvisioningCode\":\"" + code + "\"}"}));
         EXPECT_NE(std::string::npos, get("Device.DeviceInfo.").body.find(code)) << i;
     }
     // The compact form (SIGUSR2) is a form of its own.
@@ -348,7 +348,8 @@ TEST_F(Value, RepeatedReadsShowEveryChangeAtOnce) {
     }
     EXPECT_NE(std::string::npos, compact.find("\"oper_status\":\"Success\"")) << compact;
     daemon_->signal(SIGUSR2);
-    for (int i = 0; i < 100 && get("Device.DeviceInfo.").body.find("\": \"") == std::string::npos; ++i)
+    for (int i = 0; i < 100 && get("Device.DeviceInfo.").body.find("\": \"") == std::string::npos;
+         ++i)
         e2e::sleepMs(10);
     // The uptime it shows moves on with the clock.
     auto upTime = [&] {

@@ -465,8 +465,8 @@ const Rendered& Hub::render(const wcfg::JournalEntry& j, int group, RenderCache&
     } else {
         r.data = wHttpEventObjectData(j.path, group);
         objIndex_t iid;
-        r.view = j.kind == wcfg::JournalKind::Change &&
-                 wcfgFeObjNameToObjId(j.path.c_str(), &iid) < 0;
+        r.view =
+            j.kind == wcfg::JournalKind::Change && wcfgFeObjNameToObjId(j.path.c_str(), &iid) < 0;
         if (!r.data.empty())
             r.frame = wHttpEventFrame(j.seq, eventName(j.kind), r.data);
     }
@@ -517,7 +517,7 @@ bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog
                (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(s.paths, j.path));
     });
     backlog = coalesce(backlog);
-    if (!kept || backlog.size() > CgHttpStreamLimits{}.maxPieces) {
+    if (!kept || backlog.size() > static_cast<size_t>(limits_.queue)) {
         e.from = now;
         const char* why = kept ? "overflow" : "events lost";
         send(e, now, retry + wHttpEventFrame(now, "resync", wHttpEventReasonData(why)));
@@ -671,10 +671,17 @@ void Hub::shutdownStreams() {
     });
 }
 
+WHttpEventLimits gLimits;
+
 }  // namespace
 
 void wHttpEventsStart(const WHttpEventLimits& limits) {
+    gLimits = limits;
     hub().start(limits);
+}
+
+const WHttpEventLimits& wHttpEventLimits(void) {
+    return gLimits;
 }
 
 void wHttpEventsStop(void) {

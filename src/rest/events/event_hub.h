@@ -22,7 +22,10 @@ struct WHttpEventLimits {
     int perSession = 4;       // events_per_session
     int total = 64;           // events_total
     int keepAliveMs = 15000;  // events_keepalive_ms
+    int queue = 256;          // events_queue: events a stream's client may fall behind by
 };
+// The hub's limits (set at start).
+const WHttpEventLimits& wHttpEventLimits(void);
 
 // One client's stream: whose session, what it watches, where it resumes.
 struct WHttpEventStream {

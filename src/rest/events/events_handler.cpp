@@ -43,7 +43,7 @@ void refuse(CgHttpRequest* request, WHttpEventAdmit why) {
     bool session = why == WHttpEventAdmit::SessionFull;
     // Another stream of the same session must end first: that takes longer.
     int retryMs = wHttpEventRetryMs(session ? 10000 : 5000);
-    const char* reason = session                          ? "too many streams of this session"
+    const char* reason = session                           ? "too many streams of this session"
                          : why == WHttpEventAdmit::Stopped ? "shutdown"
                                                            : "too many streams";
     if (!acceptsEventStream(request))
@@ -121,8 +121,9 @@ int wHttpEventsHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/
     cg_http_response_setstatuscode(head, 200);
     cg_http_response_setheader(head, "Content-Type", "text/event-stream");
     cg_http_response_setheader(head, "Cache-Control", "no-cache");
-    stream->out = cg_http_request_openstream(request, head, CgHttpStreamLimits{},
-                                             [] { wHttpEventsClosed(); });
+    CgHttpStreamLimits limits;
+    limits.maxPieces = static_cast<size_t>(wHttpEventLimits().queue);
+    stream->out = cg_http_request_openstream(request, head, limits, [] { wHttpEventsClosed(); });
     cg_http_response_delete(head);
     if (!stream->out) {
         wHttpEventsAbandon(stream);

@@ -127,9 +127,9 @@ int follow(Context& ctx, const std::string& target, EventReader& reader, bool& o
         headers.push_back("Last-Event-ID: " + reader.lastId());
     Response raw;
     std::string error;
-    bool ok = ctx.http->stream(target, session.cookie, headers, kSilenceMs,
-                               [&](const char* d, size_t n) { return reader.feed(d, n); }, raw,
-                               error);
+    bool ok = ctx.http->stream(
+        target, session.cookie, headers, kSilenceMs,
+        [&](const char* d, size_t n) { return reader.feed(d, n); }, raw, error);
     if (reader.ended())
         return kOk;
     if (raw.status == 200) {
@@ -144,7 +144,8 @@ int follow(Context& ctx, const std::string& target, EventReader& reader, bool& o
     answer.status = raw.status;
     answer.doc = parseJson(raw.body);
     if (judge(answer) == kOk)
-        fail(kFailed, "the device answered HTTP " + std::to_string(raw.status) + " without a stream");
+        fail(kFailed,
+             "the device answered HTTP " + std::to_string(raw.status) + " without a stream");
     return kFailed;
 }
 
