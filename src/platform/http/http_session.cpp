@@ -34,7 +34,7 @@ constexpr size_t kFirstRead = 4096;
 // The kernel's send buffer of a stream's socket, and what one write of a
 // stream takes from its queue.
 constexpr int kStreamSendBuffer = 32 * 1024;
-constexpr size_t kStreamWriteBytes = 16 * 1024;
+constexpr size_t kStreamWriteBytes = 4 * 1024;
 
 std::chrono::milliseconds ms(int v) {
     return std::chrono::milliseconds(v > 0 ? v : 1);

@@ -3,6 +3,7 @@
 
 #include <boost/asio/post.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 #include "platform/http/http_session.h"
@@ -20,6 +21,35 @@ bool CgHttpStreamPool::take(size_t n, bool force) {
     return true;
 }
 
+bool CgHttpStreamPool::makeRoom(size_t n, const CgHttpStream* asking) {
+    std::lock_guard<std::mutex> lock(streamsMutex_);
+    while (used() + n > max_) {
+        CgHttpStream* behind = nullptr;
+        uint64_t oldest = UINT64_MAX;
+        for (CgHttpStream* s : streams_) {
+            std::optional<uint64_t> t = s->oldestBorrowing();
+            if (t && *t < oldest) {
+                oldest = *t;
+                behind = s;
+            }
+        }
+        if (!behind || behind == asking)
+            return false;
+        behind->shed();
+    }
+    return true;
+}
+
+void CgHttpStreamPool::enter(CgHttpStream* stream) {
+    std::lock_guard<std::mutex> lock(streamsMutex_);
+    streams_.push_back(stream);
+}
+
+void CgHttpStreamPool::leave(CgHttpStream* stream) {
+    std::lock_guard<std::mutex> lock(streamsMutex_);
+    std::erase(streams_, stream);
+}
+
 CgHttpStream::CgHttpStream(boost::asio::any_io_executor ex, std::weak_ptr<HttpSession> session,
                            const CgHttpStreamLimits& limits, bool chunked,
                            std::function<void()> onClose, std::shared_ptr<CgHttpStreamPool> pool)
@@ -28,11 +58,16 @@ CgHttpStream::CgHttpStream(boost::asio::any_io_executor ex, std::weak_ptr<HttpSe
       limits_(limits),
       chunked_(chunked),
       onClose_(std::move(onClose)),
-      pool_(std::move(pool)) {}
+      pool_(std::move(pool)) {
+    if (pool_)
+        pool_->enter(this);
+}
 
 CgHttpStream::~CgHttpStream() {
-    if (pool_)
-        pool_->give(borrowed_);
+    if (!pool_)
+        return;
+    pool_->leave(this);
+    pool_->give(borrowed_);
 }
 
 // HTTP/1.1 carries the stream as chunks; HTTP/1.0 as the bytes themselves
@@ -70,18 +105,58 @@ bool CgHttpStream::hold(size_t held, bool force) {
 }
 
 CgHttpPush CgHttpStream::push(std::string_view data) {
-    std::lock_guard<std::mutex> lock(m_);
-    if (closed_ || ended_)
-        return CgHttpPush::Closed;
-    if (holding_)
-        return CgHttpPush::Dropped;
     std::string piece = frame(data);
-    if (queue_.size() >= limits_.maxPieces || held_ + piece.size() > limits_.maxBytes ||
-        !hold(held_ + piece.size(), false))
-        return CgHttpPush::Full;
-    queue_.push_back(std::move(piece));
+    std::unique_lock<std::mutex> lock(m_);
+    for (bool again = true;; again = false) {
+        if (closed_ || ended_)
+            return CgHttpPush::Closed;
+        if (holding_)
+            return CgHttpPush::Dropped;
+        if (shed_ || queue_.size() >= limits_.maxPieces || held_ + piece.size() > limits_.maxBytes)
+            return CgHttpPush::Full;
+        if (hold(held_ + piece.size(), false))
+            break;
+        // The pool is spent: the largest borrower yields, unless this is it.
+        // (Its lock is taken after the pool's, never under this one.)
+        size_t need = piece.size();
+        lock.unlock();
+        bool room = again && pool_->makeRoom(need, this);
+        lock.lock();
+        if (!room)
+            return CgHttpPush::Full;
+    }
+    enqueue(std::move(piece));
     kick();
     return CgHttpPush::Queued;
+}
+
+void CgHttpStream::enqueue(std::string bytes) {
+    queue_.push_back({std::move(bytes), pool_ ? pool_->ticket() : 0});
+}
+
+size_t CgHttpStream::queuedBytes() const {
+    size_t n = 0;
+    for (const Piece& piece : queue_)
+        n += piece.bytes.size();
+    return n;
+}
+
+std::optional<uint64_t> CgHttpStream::oldestBorrowing() const {
+    std::lock_guard<std::mutex> lock(m_);
+    if (ended_ || closed_ || borrowed_ == 0 || queue_.empty())
+        return std::nullopt;
+    return queue_.front().ticket;
+}
+
+void CgHttpStream::shed() {
+    std::lock_guard<std::mutex> lock(m_);
+    if (ended_ || closed_)
+        return;
+    size_t queued = queuedBytes();
+    queue_.clear();
+    hold(held_ - queued, true);
+    holding_ = false;
+    shed_ = true;
 }
 
 // The replacement goes out whatever the limits say: it is what tells the
@@ -90,13 +165,12 @@ void CgHttpStream::replace(std::string_view data) {
     std::lock_guard<std::mutex> lock(m_);
     if (closed_ || ended_)
         return;
-    size_t queued = 0;
-    for (const std::string& piece : queue_)
-        queued += piece.size();
+    size_t queued = queuedBytes();
     queue_.clear();
-    queue_.push_back(frame(data));
-    hold(held_ - queued + queue_.back().size(), true);
+    enqueue(frame(data));
+    hold(held_ - queued + queue_.back().bytes.size(), true);
     holding_ = true;
+    shed_ = false;
     kick();
 }
 
@@ -107,12 +181,12 @@ void CgHttpStream::end(std::string_view data) {
     // The end goes out whatever the limits say.
     size_t added = 0;
     if (!data.empty()) {
-        queue_.push_back(frame(data));
-        added += queue_.back().size();
+        enqueue(frame(data));
+        added += queue_.back().bytes.size();
     }
     if (chunked_) {
-        queue_.push_back("0\r\n\r\n");
-        added += queue_.back().size();
+        enqueue("0\r\n\r\n");
+        added += queue_.back().bytes.size();
     }
     hold(held_ + added, true);
     ended_ = true;
@@ -128,9 +202,9 @@ size_t CgHttpStream::takeInto(std::deque<std::string>& out, size_t maxBytes) {
     std::lock_guard<std::mutex> lock(m_);
     kicked_ = false;
     size_t taken = 0;
-    while (!queue_.empty() && (taken == 0 || taken + queue_.front().size() <= maxBytes)) {
-        taken += queue_.front().size();
-        out.push_back(std::move(queue_.front()));
+    while (!queue_.empty() && (taken == 0 || taken + queue_.front().bytes.size() <= maxBytes)) {
+        taken += queue_.front().bytes.size();
+        out.push_back(std::move(queue_.front().bytes));
         queue_.pop_front();
     }
     // What is left waits for the next write, which asks again.

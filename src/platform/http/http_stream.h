@@ -18,14 +18,22 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/http/cg_http.h"
 
 class HttpSession;
 
+struct CgHttpStream;
+
 // The bytes that every stream of a server may hold beyond its reserve.
+// When they run out, the borrower that has fallen furthest behind (whose
+// oldest queued piece is the oldest of all) yields: it drops what it queued
+// and will hear that it lost pieces, so that a client that keeps up never
+// loses its pieces to clients that stopped reading.
 class CgHttpStreamPool {
   public:
     explicit CgHttpStreamPool(size_t max) : max_(max) {}
@@ -33,10 +41,20 @@ class CgHttpStreamPool {
     bool take(size_t n, bool force);
     void give(size_t n) { used_.fetch_sub(n, std::memory_order_relaxed); }
     size_t used() const { return used_.load(std::memory_order_relaxed); }
+    // Frees room for `n` bytes by making the borrowers furthest behind drop
+    // their queues; false when `asking` is furthest behind itself.
+    bool makeRoom(size_t n, const CgHttpStream* asking);
+    // Numbers pushed pieces in the order of their pushes.
+    uint64_t ticket() { return tickets_.fetch_add(1, std::memory_order_relaxed); }
+    void enter(CgHttpStream* stream);
+    void leave(CgHttpStream* stream);
 
   private:
     const size_t max_;
     std::atomic<size_t> used_{0};
+    std::atomic<uint64_t> tickets_{0};
+    std::mutex streamsMutex_;  // taken before any stream's own
+    std::vector<CgHttpStream*> streams_;
 };
 
 struct CgHttpStream {
@@ -62,6 +80,10 @@ struct CgHttpStream {
     bool finished() const;
     // The connection has closed (any reason): runs the close callback once.
     void markClosed();
+    // For the pool: the ticket of its oldest queued piece when it borrows
+    // (else none), and dropping its queue (its next push is then Full).
+    std::optional<uint64_t> oldestBorrowing() const;
+    void shed();
 
   private:
     std::string frame(std::string_view data) const;
@@ -77,12 +99,20 @@ struct CgHttpStream {
     std::function<void()> onClose_;
     const std::shared_ptr<CgHttpStreamPool> pool_;
 
+    struct Piece {
+        std::string bytes;
+        uint64_t ticket;
+    };
+    void enqueue(std::string bytes);  // with m_ held
+    size_t queuedBytes() const;       // with m_ held
+
     mutable std::mutex m_;
-    std::deque<std::string> queue_;
+    std::deque<Piece> queue_;
     size_t held_ = 0;       // queued, and taken but not yet written
     size_t borrowed_ = 0;   // of held_, what the pool lends beyond the reserve
     bool holding_ = false;  // a replacement waits to be taken: pushes are dropped
     bool kicked_ = false;   // the connection has been told that pieces wait
     bool ended_ = false;
     bool closed_ = false;
+    bool shed_ = false;  // the pool took its queue: the next push is Full
 };

@@ -136,17 +136,17 @@ class Hub {
                      uint64_t* oldest = nullptr, uint64_t* latest = nullptr);
     bool readNew(std::vector<wcfg::JournalEntry>& entries);
     void resyncAll(const std::vector<EntryPtr>& streams, const char* reason);
-    void deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
-                 RenderCache& cache);
+    void deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to);
     bool offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache);
     const Rendered& render(const wcfg::JournalEntry& j, int group, RenderCache& cache);
-    bool catchUp(const std::vector<EntryPtr>& streams, RenderCache& cache);
+    bool catchUp(const std::vector<EntryPtr>& streams);
     bool greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog);
     void catchUpOne(Entry& e, int& budget, RenderCache& cache);
     void endStreams(const Work& w);
     void keepAlive(const std::vector<EntryPtr>& streams);
     void shutdownStreams();
     bool send(Entry& e, uint64_t id, const std::string& frame);
+    void overflow(Entry& e, uint64_t id);
     void end(Entry& e, const char* reason);
     void prune();
     bool endingNoted(const WHttpSessionRef& owner);
@@ -353,14 +353,13 @@ void Hub::run() {
         for (const EntryPtr& e : w.streams)
             if (e->started && !e->ended)
                 live.push_back(e);
-        RenderCache cache;
         // Entries that went missing before the hub read them: the live
         // streams read again what they watch, which covers what was read.
         if (lost)
             resyncAll(live, "events lost");
         else
-            deliver(entries, live, cache);
-        bool more = catchUp(w.streams, cache);
+            deliver(entries, live);
+        bool more = catchUp(w.streams);
         keepAlive(w.streams);
         prune();
         if (more)
@@ -421,11 +420,14 @@ const char* eventName(wcfg::JournalKind kind) {
     }
 }
 
-void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to,
-                  RenderCache& cache) {
-    for (const wcfg::JournalEntry& j : entries)
+// Each entry is rendered once per group for all the streams, and its
+// renderings go before the next entry's: a burst of changes never piles up.
+void Hub::deliver(const std::vector<wcfg::JournalEntry>& entries, const std::vector<EntryPtr>& to) {
+    for (const wcfg::JournalEntry& j : entries) {
+        RenderCache cache;
         for (const EntryPtr& e : to)
             offer(*e, j, cache);
+    }
 }
 
 // An entry for one stream, when it watches the path and its session could
@@ -478,7 +480,9 @@ const Rendered& Hub::render(const wcfg::JournalEntry& j, int group, RenderCache&
 
 // Brings the new streams up to date, a share of the work per cycle; true
 // when some are not there yet.
-bool Hub::catchUp(const std::vector<EntryPtr>& streams, RenderCache& cache) {
+bool Hub::catchUp(const std::vector<EntryPtr>& streams) {
+    // Streams that resume from the same place share the renderings.
+    RenderCache cache;
     int budget = kCatchUpPerCycle;
     bool more = false;
     for (const EntryPtr& e : streams) {
@@ -566,12 +570,7 @@ bool Hub::send(Entry& e, uint64_t id, const std::string& frame) {
             e.lastId = id;
             return true;
         case CgHttpPush::Full:
-            // The client fell behind: what it has not taken is dropped for
-            // one resync, and it must read again what it watches.
-            cg_http_stream_replace(e.s->out.get(),
-                                   wHttpEventFrame(id, "resync", wHttpEventReasonData("overflow")));
-            e.lastId = id;
-            e.viewsTold.clear();
+            overflow(e, id);
             return true;
         case CgHttpPush::Closed:
             e.ended = true;
@@ -579,6 +578,16 @@ bool Hub::send(Entry& e, uint64_t id, const std::string& frame) {
         default:
             return false;
     }
+}
+
+// The client fell behind (or its queue went to clients that keep up): what
+// it has not taken is dropped for one resync, and it must read again what
+// it watches.
+void Hub::overflow(Entry& e, uint64_t id) {
+    cg_http_stream_replace(e.s->out.get(),
+                           wHttpEventFrame(id, "resync", wHttpEventReasonData("overflow")));
+    e.lastId = id;
+    e.viewsTold.clear();
 }
 
 void Hub::end(Entry& e, const char* reason) {
@@ -637,10 +646,20 @@ void Hub::keepAlive(const std::vector<EntryPtr>& streams) {
             continue;
         if (now > e->lastId) {
             send(*e, now, wHttpEventKeepAlive(now));
-        } else {
-            if (cg_http_stream_push(e->s->out.get(), kWHttpKeepAliveFrame) == CgHttpPush::Closed)
+            continue;
+        }
+        e->lastWrite = Clock::now();
+        switch (cg_http_stream_push(e->s->out.get(), kWHttpKeepAliveFrame)) {
+            case CgHttpPush::Closed:
                 e->ended = true;
-            e->lastWrite = Clock::now();
+                break;
+            case CgHttpPush::Full:
+                // Its queue was taken for others while nothing new came for
+                // it: it hears that it lost what it had not read.
+                overflow(*e, e->lastId);
+                break;
+            default:
+                break;
         }
     }
 }
