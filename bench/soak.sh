@@ -8,11 +8,20 @@
 # along the way.  SOAK_BUILD=build runs the plain g++ build instead (ASan's
 # allocator keeps memory it has freed: the plain build shows the daemon's own
 # memory curve).
-#   bench/soak.sh [SECONDS [CLIENTS]]     (default 60 s, 32 clients)
+# With --streams the load is event streams dropped every way beside requests
+# on fresh connections (tests/e2e/stream_chaos.cpp: CLIENTS stream threads,
+# 2 readers, one writer), and the run fails on any handshake or answer that
+# a dropped stream spoilt.
+#   bench/soak.sh [--streams] [SECONDS [CLIENTS]]     (default 60 s, 32 clients; 8 with --streams)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+mode=requests
+if [ "${1:-}" = --streams ]; then
+    mode=streams
+    shift
+fi
 secs=${1:-60}
-clients=${2:-32}
+clients=${2:-$([ $mode = streams ] && echo 8 || echo 32)}
 scripts/deps
 bin=${SOAK_BUILD:-build-asan}
 if [ "$bin" = build-asan ]; then
@@ -21,7 +30,7 @@ else
     scripts/build "$bin" g++ >/dev/null
 fi
 cmake -S . -B "$bin" -DWHTTPD_BENCH=ON >/dev/null
-ninja -C "$bin" soak_load >/dev/null
+ninja -C "$bin" soak_load stream_chaos >/dev/null
 
 root=$(mktemp -d /tmp/whttpd-soak-XXXXXX)
 pid=
@@ -61,7 +70,11 @@ warm=$(( secs / 10 > 5 ? secs / 10 : 5 ))
   done ) &
 series=$!
 status=0
-"$bin"/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
+if [ $mode = streams ]; then
+    "$bin"/tests/stream_chaos $port "$clients" 2 "$secs" 2>"$root/load.err" || status=$?
+else
+    "$bin"/bench/soak_load $port "$clients" "$secs" 2>"$root/load.err" || status=$?
+fi
 rss_end=$(rss)
 kill $sampler 2>/dev/null || true
 wait $sampler 2>/dev/null || true

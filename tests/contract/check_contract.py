@@ -144,6 +144,9 @@ class Contract:
         if response is None:
             return opname, "status %s is not described" % status
         response = self.deref(response)
+        problem = self.check_headers(response, rec)
+        if problem:
+            return opname, problem
         content = response.get("content")
         body = rec.get("body") or ""
         if not content:
@@ -153,7 +156,8 @@ class Contract:
         if media is None:
             return opname, "Content-Type %r is not described for status %s" % (ctype, status)
         if "x-events" in media:
-            return opname, self.check_events(media["x-events"], body)
+            return opname, self.check_events(media["x-events"], body,
+                                             media.get("x-events-without-id", ()))
         schema = media.get("schema")
         if schema is None:
             return opname, None
@@ -172,35 +176,85 @@ class Contract:
         return opname, None
 
 
-    def check_events(self, kinds, body):
-        """A server-sent event stream: every event has a numeric id, a name
-        the document lists and one data line that fits that name's schema;
-        comment lines (keep-alives) may come between."""
-        for block in body.split("\n\n"):
-            lines = [l for l in block.split("\n") if l and not l.startswith(":")]
-            if not lines:
+    def check_events(self, kinds, body, without_id=()):
+        """A server-sent event stream, read as a browser reads it (the WHATWG
+        algorithm: LF, CR or CRLF line ends, one space after the colon
+        dropped, a blank line dispatching): every event has a name the
+        document lists and data that fits that name's schema; every event
+        but those named in `without_id` sets a numeric id in its block;
+        every id on the stream (an event's, or a block's without data that
+        only moves the position) comes after the one before it."""
+        last = -1
+        lines = re.split(r"\r\n|\r|\n", body)
+        blocks, block = [], []
+        for line in lines:
+            if line:
+                block.append(line)
+            elif block:
+                blocks.append(block)
+                block = []
+        for block in blocks:
+            fields, data = {}, []
+            for line in block:
+                if line.startswith(":"):
+                    continue
+                name, sep, value = line.partition(":")
+                value = value[1:] if value.startswith(" ") else value
+                if name == "data":
+                    data.append(value)
+                elif name in ("id", "event", "retry") and name not in fields:
+                    fields[name] = value
+                else:
+                    return "field %r is not one the stream describes, or comes twice" % line[:80]
+            if "retry" in fields and not fields["retry"].isdigit():
+                return "retry %r is no number" % fields["retry"]
+            if "id" in fields:
+                if not fields["id"].isdigit():
+                    return "event id %r is no number" % fields["id"]
+                if int(fields["id"]) <= last:
+                    return "id %s does not come after %d" % (fields["id"], last)
+                last = int(fields["id"])
+            if not data:
+                if "event" in fields:
+                    return "event %r without data" % fields["event"]
                 continue
-            fields = {}
-            for line in lines:
-                name, sep, value = line.partition(": ")
-                if not sep or name in fields:
-                    return "event line %r is not one field of its own" % line[:80]
-                fields[name] = value
-            if set(fields) != {"id", "event", "data"}:
-                return "event %r does not have exactly id, event and data" % block[:120]
-            if not fields["id"].isdigit():
-                return "event id %r is no number" % fields["id"]
-            schema = kinds.get(fields["event"])
+            event = fields.get("event", "message")
+            schema = kinds.get(event)
             if schema is None:
-                return "event %r is not described" % fields["event"]
+                return "event %r is not described" % event
+            if "id" not in fields and event not in without_id:
+                return "%s event without its id" % event
             try:
-                value = json.loads(fields["data"])
+                value = json.loads("\n".join(data))
             except ValueError as e:
                 return "event data is no JSON: %s" % e
             errs = list(self.validator(schema).iter_errors(value))
             if errs:
                 best = jsonschema.exceptions.best_match(errs)
-                return "%s event: %s" % (fields["event"], best.message[:300])
+                return "%s event: %s" % (event, best.message[:300])
+        return None
+
+    def check_headers(self, response, rec):
+        """Headers the document says an answer always carries are there and
+        fit their schemas (when the exchange recorded its headers)."""
+        got = rec.get("headers")
+        if got is None:
+            return None
+        for name, header in (response.get("headers") or {}).items():
+            header = self.deref(header)
+            value = got.get(name.lower())
+            if value is None:
+                if header.get("required"):
+                    return "header %s is missing" % name
+                continue
+            schema = header.get("schema", {})
+            if schema.get("type") == "integer":
+                if not re.fullmatch(r"-?\d+", value):
+                    return "header %s %r is no integer" % (name, value)
+                continue
+            errs = list(self.validator(schema).iter_errors(value))
+            if errs:
+                return "header %s: %s" % (name, errs[0].message[:200])
         return None
 
 
@@ -272,9 +326,17 @@ def self_test(contract):
          "content_type": "application/json", "body": '{"oper_status": "Invalid URI"}'},
         {"method": "GET", "path": base + "/Events?path=Device.NAT.", "status": 200,
          "content_type": "text/event-stream",
-         "body": 'id: 4\nevent: add\ndata: {"path":"Device.NAT.PortMapping.2.","Object":{"Enable":false}}\n\n'
+         "body": 'retry: 2400\nid: 3\n\n'
+                 'id: 4\nevent: add\ndata: {"path":"Device.NAT.PortMapping.2.","Object":{"Enable":false}}\n\n'
                  ': keep-alive\n\nid: 5\nevent: delete\ndata: {"path":"Device.NAT.PortMapping.2."}\n\n'
-                 'id: 5\nevent: end\ndata: {"reason":"logout"}\n\n'},
+                 ': keep-alive\nid: 9\n\nevent: end\ndata: {"reason":"logout"}\n\n'},
+        # another way of ending lines, a busy answer (no id)
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'retry: 7000\r\nevent: busy\r\ndata: {"reason":"too many streams"}\r\n\r\n'},
+        {"method": "GET", "path": base + "/TR181/Value/Device.NAT.", "status": 200,
+         "content_type": "application/json", "headers": {"x-event-id": "17"},
+         "body": '{"requested_path": "Device.NAT.", "oper_status": "Success", "Object": {}}'},
     ]
     bad = [
         # an event name the document does not know, a data member too many,
@@ -287,7 +349,18 @@ def self_test(contract):
          "body": 'id: 4\nevent: delete\ndata: {"path":"Device.NAT.","Object":{}}\n\n'},
         {"method": "GET", "path": base + "/Events", "status": 200,
          "content_type": "text/event-stream",
-         "body": 'event: end\ndata: {"reason":"logout"}\n\n'},
+         "body": 'event: change\ndata: {"path":"Device.NAT.","Object":{}}\n\n'},
+        # ids that go back after a resync; a retry that is no number
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream",
+         "body": 'id: 9\nevent: resync\ndata: {"reason":"events lost"}\n\n'
+                 'id: 8\nevent: delete\ndata: {"path":"Device.NAT.PortMapping.2."}\n\n'},
+        {"method": "GET", "path": base + "/Events", "status": 200,
+         "content_type": "text/event-stream", "body": 'retry: 2s\nid: 3\n\n'},
+        # a value read without the position it shows
+        {"method": "GET", "path": base + "/TR181/Value/Device.NAT.", "status": 200,
+         "content_type": "application/json", "headers": {},
+         "body": '{"requested_path": "Device.NAT.", "oper_status": "Success", "Object": {}}'},
         # the key as text
         {"method": "POST", "path": base + "/UserLogin", "status": 200,
          "content_type": "application/json",

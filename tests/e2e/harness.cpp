@@ -110,6 +110,26 @@ void recordExchange(const std::string& method, const std::string& url, const Rep
                            contentType ? json_object_new_string(contentType) : nullptr);
     json_object_object_add(
         line, "body", json_object_new_string_len(r.body.data(), static_cast<int>(r.body.size())));
+    // The headers, by lower-case name (the last of a repeated one), when
+    // the client kept them.
+    json_object* headers = r.headers.empty() ? nullptr : json_object_new_object();
+    for (size_t at = r.headers.find("\r\n"); headers && at != std::string::npos;) {
+        size_t end = r.headers.find("\r\n", at + 2);
+        std::string h = r.headers.substr(at + 2, end == std::string::npos ? end : end - at - 2);
+        size_t colon = h.find(':');
+        if (colon != std::string::npos) {
+            std::string name = h.substr(0, colon);
+            for (char& c : name)
+                c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+            size_t v = h.find_first_not_of(' ', colon + 1);
+            json_object_object_add(
+                headers, name.c_str(),
+                json_object_new_string(v == std::string::npos ? "" : h.c_str() + v));
+        }
+        at = end;
+    }
+    if (headers)
+        json_object_object_add(line, "headers", headers);
     std::string text = json_object_to_json_string_ext(line, JSON_C_TO_STRING_PLAIN);
     json_object_put(line);
     std::lock_guard<std::mutex> lock(mutex);
