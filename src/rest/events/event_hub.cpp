@@ -140,6 +140,7 @@ class Hub {
     bool offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache);
     const Rendered& render(const wcfg::JournalEntry& j, int group, RenderCache& cache);
     bool catchUp(const std::vector<EntryPtr>& streams);
+    bool missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& out);
     bool greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog);
     void catchUpOne(Entry& e, int& budget, RenderCache& cache);
     void endStreams(const Work& w);
@@ -498,6 +499,21 @@ bool Hub::catchUp(const std::vector<EntryPtr>& streams) {
     return more;
 }
 
+// What a new stream missed: the entries after its position up to `now`
+// that it watches, one per path; false when some are no longer kept.
+bool Hub::missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& out) {
+    uint64_t oldest = 0, latest = 0;
+    if (!readJournal(std::min(e.from, now), out, &oldest, &latest) || e.from + 1 < oldest ||
+        e.from > latest)
+        return false;
+    std::erase_if(out, [&](const wcfg::JournalEntry& j) {
+        return j.seq > now || j.seq <= e.from ||
+               (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(e.s->paths, j.path));
+    });
+    out = coalesce(out);
+    return true;
+}
+
 // A stream's first block: how long to wait before connecting again, and
 // where it stands: the journal's position for a new stream, the client's for
 // one that resumes (what it missed follows), or a resync when the client's
@@ -507,20 +523,12 @@ bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog
     e.greeted = true;
     const WHttpEventStream& s = *e.s;
     std::string retry = wHttpEventRetry(wHttpEventRetryMs(kRetryMs));
+    e.from = s.resumeAfter ? *s.resumeAfter : now;
     if (!s.resumeAfter && !s.resumeUnreadable) {
-        e.from = now;
         send(e, now, retry + wHttpEventPosition(now));
         return false;
     }
-    e.from = s.resumeUnreadable ? now : *s.resumeAfter;
-    uint64_t oldest = 0, latest = 0;
-    bool read = readJournal(std::min(e.from, now), backlog, &oldest, &latest);
-    bool kept = read && !s.resumeUnreadable && e.from + 1 >= oldest && e.from <= latest;
-    std::erase_if(backlog, [&](const wcfg::JournalEntry& j) {
-        return j.seq > now || j.seq <= e.from ||
-               (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(s.paths, j.path));
-    });
-    backlog = coalesce(backlog);
+    bool kept = !s.resumeUnreadable && missed(e, now, backlog);
     if (!kept || backlog.size() > static_cast<size_t>(limits_.queue)) {
         e.from = now;
         const char* why = kept ? "overflow" : "events lost";
@@ -532,16 +540,17 @@ bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog
 }
 
 // Sends what the stream missed, as far as the cycle's budget goes; once all
-// of it is out, the stream follows the journal with the others.
+// of it is out, the stream follows the journal with the others.  (What it
+// missed is read again each cycle: entries written meanwhile join it.)
 void Hub::catchUpOne(Entry& e, int& budget, RenderCache& cache) {
     uint64_t now = position();
     std::vector<wcfg::JournalEntry> backlog;
     if (!e.greeted) {
         if (!greet(e, now, backlog))
             backlog.clear();
-    } else if (readJournal(e.from, backlog)) {
-        std::erase_if(backlog, [&](const wcfg::JournalEntry& j) { return j.seq > now; });
-        backlog = coalesce(backlog);
+    } else if (!missed(e, now, backlog)) {
+        backlog.clear();
+        send(e, now, wHttpEventFrame(now, "resync", wHttpEventReasonData("events lost")));
     }
     for (const wcfg::JournalEntry& j : backlog) {
         if (budget-- <= 0)
