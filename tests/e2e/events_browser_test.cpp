@@ -163,6 +163,23 @@ TEST_F(EventsBrowserTest, AValueReadNamesWhereAStreamStartsWithoutGapOrRepeat) {
     EXPECT_TRUE(e);
 }
 
+// A change made as soon as the stream's head has come reaches it, however
+// late the hub gets to the new stream (here: the daemon is stopped before
+// it can, and the change is made meanwhile by another process).
+TEST_F(EventsBrowserTest, AChangeRightAfterTheOpeningReachesTheStream) {
+    start();
+    for (int i = 0; i < 10; ++i) {
+        EventStream es;
+        open(es, "path=Device.WiFi.SSID.1.");
+        d.signal(SIGSTOP);
+        setSsid(1, "right-after-" + std::to_string(i));
+        d.signal(SIGCONT);
+        std::optional<Event> e = es.next(kWait);
+        ASSERT_TRUE(e) << i;
+        EXPECT_EQ("right-after-" + std::to_string(i), ssidOf(*e));
+    }
+}
+
 // At the ceilings a client of event streams gets a stream that says when to
 // come back, and why, and ends; any other client a 503 with Retry-After.
 TEST_F(EventsBrowserTest, AtItsCeilingsABrowserIsToldWhenToComeBack) {

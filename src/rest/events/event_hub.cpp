@@ -515,19 +515,16 @@ bool Hub::missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& 
 }
 
 // A stream's first block: how long to wait before connecting again, and
-// where it stands: the journal's position for a new stream, the client's for
-// one that resumes (what it missed follows), or a resync when the client's
-// is no longer kept, or when what it missed would not fit its queue.
-// False when the stream is up to date already.
+// where it stands: where the journal stood when a new stream was asked for
+// (what came since follows), the client's position for one that resumes
+// (what it missed follows), or a resync when the client's is no longer
+// kept, or when what it missed would not fit its queue.  False when the
+// stream is up to date already.
 bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog) {
     e.greeted = true;
     const WHttpEventStream& s = *e.s;
     std::string retry = wHttpEventRetry(wHttpEventRetryMs(kRetryMs));
-    e.from = s.resumeAfter ? *s.resumeAfter : now;
-    if (!s.resumeAfter && !s.resumeUnreadable) {
-        send(e, now, retry + wHttpEventPosition(now));
-        return false;
-    }
+    e.from = s.resumeAfter.value_or(s.openedAt);
     bool kept = !s.resumeUnreadable && missed(e, now, backlog);
     if (!kept || backlog.size() > static_cast<size_t>(limits_.queue)) {
         e.from = now;

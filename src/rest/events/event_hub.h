@@ -33,7 +33,10 @@ struct WHttpEventStream {
     std::vector<std::string> paths;       // none: everything
     std::optional<uint64_t> resumeAfter;  // Last-Event-ID
     bool resumeUnreadable = false;        // a Last-Event-ID that is no number
-    std::shared_ptr<CgHttpStream> out;    // set once the answer's head is out
+    // Where the change journal stood for the request (a read of it then would
+    // have shown every change up to here): a new stream starts after it.
+    uint64_t openedAt = 0;
+    std::shared_ptr<CgHttpStream> out;  // set once the answer's head is out
 };
 
 // Starts the hub's threads (once) and hooks it to the session table.

@@ -8,6 +8,7 @@
 #include "auth/accounts.h"
 #include "datamodel/schema.h"
 #include "platform/log.h"
+#include "platform/store/wcfg.h"
 #include "rest/context/response_writer.h"
 #include "rest/events/event_hub.h"
 #include "rest/events/event_render.h"
@@ -111,6 +112,7 @@ int wHttpEventsHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/
         return 0;
     }
     takeResume(request, *stream);
+    stream->openedAt = wcfgFeJournalPosition();
     takeOwner(request, *stream);
     WHttpEventAdmit admit = wHttpEventsReserve(stream);
     if (admit != WHttpEventAdmit::Yes) {
