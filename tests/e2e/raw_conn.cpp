@@ -1,6 +1,7 @@
 #include "raw_conn.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -179,6 +180,21 @@ void raiseDescriptorLimit() {
         rl.rlim_cur = rl.rlim_max;
         setrlimit(RLIMIT_NOFILE, &rl);
     }
+}
+
+long socketCount(int pid) {
+    std::string dir = "/proc/" + std::to_string(pid) + "/fd";
+    DIR* d = opendir(dir.c_str());
+    if (!d)
+        return -1;
+    long n = 0;
+    while (dirent* e = readdir(d)) {
+        char target[64];
+        ssize_t len = readlink((dir + "/" + e->d_name).c_str(), target, sizeof target - 1);
+        n += len > 7 && strncmp(target, "socket:", 7) == 0;
+    }
+    closedir(d);
+    return n;
 }
 
 int threadCount(int pid) {

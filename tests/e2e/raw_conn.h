@@ -61,5 +61,7 @@ class RawConn {
 void raiseDescriptorLimit();
 // The number of threads of process `pid` (/proc), -1 when unknown.
 int threadCount(int pid);
+// The number of sockets process `pid` holds open (/proc), -1 when unknown.
+long socketCount(int pid);
 
 }  // namespace e2e
