@@ -13,7 +13,7 @@ idle=${3:-30}
 scripts/deps
 scripts/build build "" g++ >/dev/null
 # More streams than a router allows by default (64 in all, 4 per session).
-BENCH_LIMITS="events_total=$((streams + 24)),events_per_session=16"
+BENCH_LIMITS="events_total=$((streams + 24)),events_per_session=16,events_per_address=$((streams + 24))"
 # Real seconds: the device's own timers and services at their real pace, so
 # that the idle figure is the streams' cost beside a device at rest.
 BENCH_SECOND_MS=1000

@@ -40,6 +40,7 @@ const LimitName kLimitNames[] = {
     {"events_total", nullptr, nullptr, &WHttpEventLimits::total},
     {"events_keepalive_ms", nullptr, nullptr, &WHttpEventLimits::keepAliveMs},
     {"events_queue", nullptr, nullptr, &WHttpEventLimits::queue},
+    {"events_per_address", nullptr, nullptr, &WHttpEventLimits::perAddress},
 };
 
 bool applyOne(const std::string& item, WhttpdLimits& limits, std::string& error) {

@@ -37,8 +37,9 @@ void EventStream::close() {
 }
 
 bool EventStream::open(int port, const Session& s, const std::string& query,
-                       const std::vector<std::string>& headers, int rcvbuf) {
-    if (!conn_.connect(port, "", rcvbuf) || !conn_.handshake())
+                       const std::vector<std::string>& headers, int rcvbuf,
+                       const std::string& local) {
+    if (!conn_.connect(port, local, rcvbuf) || !conn_.handshake())
         return false;
     path_ = "Events" + (query.empty() ? "" : "?" + query);
     std::string req = "GET /api/v1/" + path_ + " HTTP/1.1\r\nHost: 127.0.0.1\r\n";

@@ -33,7 +33,8 @@ class EventStream {
     // Sends the request (query without "?", extra header lines) with the
     // session's cookie and reads the answer's head.
     bool open(int port, const Session& s, const std::string& query = "",
-              const std::vector<std::string>& headers = {}, int rcvbuf = 0);
+              const std::vector<std::string>& headers = {}, int rcvbuf = 0,
+              const std::string& local = "");
     long status() const { return status_; }
     const std::string& head() const { return head_; }
     // The body of an answer that is no stream (read to its end).

@@ -66,6 +66,31 @@ TEST_F(StreamLimitsTest, StreamsLeaveTheirAddressItsConnections) {
     EXPECT_EQ(200, Client(port).login("user", "user1234", &other).status);
 }
 
+// Streams do not count against their address's connections, but one
+// device (one address), whatever number of sessions it opens, takes no more
+// than its share of the streams, and the other devices get theirs.
+TEST_F(StreamLimitsTest, OneDeviceLeavesTheOthersTheirStreams) {
+    d.setEnv("WHTTPD_HTTP_LIMITS", "events_per_address=2,events_per_session=8");
+    start();
+    EventStream a, b, c, other;
+    ASSERT_TRUE(a.open(port, s));
+    ASSERT_TRUE(b.open(port, s));
+    ASSERT_EQ(200, b.status());
+    Session second;
+    ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &second).status);
+    ASSERT_TRUE(c.open(port, second, "", {"Accept: text/event-stream"}));
+    ASSERT_EQ(200, c.status());
+    std::optional<Event> busy = c.next(kWait);
+    ASSERT_TRUE(busy);
+    EXPECT_EQ("busy", busy->name);
+    EXPECT_EQ("too many streams from this address", eventMember(*busy, "reason"));
+    Session elsewhere;
+    ASSERT_EQ(200,
+              Client(port, "127.0.0.1", "127.0.0.2").login("user", "user1234", &elsewhere).status);
+    ASSERT_TRUE(other.open(port, elsewhere, "", {}, 0, "127.0.0.2"));
+    EXPECT_EQ(200, other.status());
+}
+
 // Runs a command, quietly; its exit status.
 int run(const std::string& command) {
     return system((command + " >/dev/null 2>&1").c_str());
@@ -179,7 +204,8 @@ TEST_F(StreamLimitsTest, MemoryOfStreamsThatStopReadingIsThePoolAtMost) {
         GTEST_SKIP()
             << "a sanitizer's allocator keeps what is freed: the plain build measures this";
     d.setEnv("WHTTPD_HTTP_LIMITS",
-             "events_per_session=8,events_queue=4096,stream_bytes=262144,write_ms=600000");
+             "events_per_session=8,events_per_address=64,events_queue=4096,stream_bytes=262144,"
+             "write_ms=600000");
     start();
     std::vector<std::unique_ptr<EventStream>> stalled;
     for (int k = 0; k < 6; ++k) {

@@ -143,7 +143,9 @@ size_t CgHttpStream::queuedBytes() const {
 
 std::optional<uint64_t> CgHttpStream::oldestBorrowing() const {
     std::lock_guard<std::mutex> lock(m_);
-    if (ended_ || closed_ || borrowed_ == 0 || queue_.empty())
+    // A stream that holds a replacement (its client is told it lost pieces)
+    // holds little, and that must reach the client.
+    if (ended_ || closed_ || holding_ || borrowed_ == 0 || queue_.empty())
         return std::nullopt;
     return queue_.front().ticket;
 }

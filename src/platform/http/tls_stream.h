@@ -43,7 +43,6 @@ class TlsStream {
     // operations under way end with operation_aborted.  The descriptor stays
     // this stream's until it is destroyed.
     void shut();
-    bool isShut() const { return shut_; }
     executor_type get_executor() { return socket_.get_executor(); }
     boost::asio::ip::tcp::socket& socket() { return socket_; }
     SSL* native_handle() { return ssl_; }

@@ -18,6 +18,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <tuple>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -62,6 +64,10 @@ struct Entry {
     // recorded whenever it is written, and is news only when it reads
     // differently from what this stream last heard.
     std::unordered_map<std::string, std::string> viewsTold;
+    // While it catches up: what it missed up to `backlogUpTo`, one entry per
+    // path, still to be sent.
+    std::deque<wcfg::JournalEntry> backlog;
+    uint64_t backlogUpTo = 0;
 };
 using EntryPtr = std::shared_ptr<Entry>;
 
@@ -80,9 +86,10 @@ struct Rendered {
     bool view = false;
 };
 
-// The entries rendered in one cycle, by entry and group: streams of the
-// same group that resume from the same place cost one read per entry.
-using RenderCache = std::map<std::pair<uint64_t, int>, Rendered>;
+// The entries rendered in one cycle, by entry, kind (a resume may tell an
+// entry as an "add") and group: streams of the same group that resume from
+// the same place cost one read per entry.
+using RenderCache = std::map<std::tuple<uint64_t, wcfg::JournalKind, int>, Rendered>;
 
 // Entries after `after`, one per path (the last, as an "add" when the path
 // was added among them), in the order of their last entries; everything
@@ -140,8 +147,9 @@ class Hub {
     bool offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache);
     const Rendered& render(const wcfg::JournalEntry& j, int group, RenderCache& cache);
     bool catchUp(const std::vector<EntryPtr>& streams);
-    bool missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& out);
-    bool greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog);
+    bool missed(Entry& e, uint64_t now);
+    void greet(Entry& e, uint64_t now);
+    void resync(Entry& e, uint64_t id, const char* reason);
     void catchUpOne(Entry& e, int& budget, RenderCache& cache);
     void endStreams(const Work& w);
     void keepAlive(const std::vector<EntryPtr>& streams);
@@ -214,15 +222,18 @@ WHttpEventAdmit Hub::reserve(const std::shared_ptr<WHttpEventStream>& s) {
     std::lock_guard<std::mutex> lock(m_);
     if (!started_ || stopping_)
         return WHttpEventAdmit::Stopped;
-    int all = 0, mine = 0;
+    int all = 0, mine = 0, address = 0;
     for (const EntryPtr& e : streams_) {
         if (e->ended || (e->ready && cg_http_stream_closed(e->s->out.get())))
             continue;
         ++all;
         mine += e->s->owner.sessionID == s->owner.sessionID;
+        address += e->s->owner.remote == s->owner.remote;
     }
     if (mine >= limits_.perSession)
         return WHttpEventAdmit::SessionFull;
+    if (address >= limits_.perAddress)
+        return WHttpEventAdmit::AddressFull;
     if (all >= limits_.total)
         return WHttpEventAdmit::AllFull;
     auto e = std::make_shared<Entry>();
@@ -386,15 +397,23 @@ bool Hub::readNew(std::vector<wcfg::JournalEntry>& entries) {
 
 void Hub::resyncAll(const std::vector<EntryPtr>& streams, const char* reason) {
     uint64_t id = position();
-    std::string frame = wHttpEventFrame(id, "resync", wHttpEventReasonData(reason));
-    for (const EntryPtr& e : streams) {
-        send(*e, id, frame);
-        e->viewsTold.clear();
-    }
+    for (const EntryPtr& e : streams)
+        resync(*e, id, reason);
+}
+
+// The client must read again what it watches (views included); what it was
+// still to be told is covered by that.
+void Hub::resync(Entry& e, uint64_t id, const char* reason) {
+    send(e, id, wHttpEventFrame(id, "resync", wHttpEventReasonData(reason)));
+    e.viewsTold.clear();
+    e.backlog.clear();
+    e.from = e.backlogUpTo = std::max(e.from, id);
 }
 
 // Every entry after `after` there is now; the journal's bounds as of the
-// first read.
+// first read, with `oldest` raised past a gap: numbers run without one, so
+// a batch that does not follow the one before lost entries to a trim
+// between the two reads.
 bool Hub::readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out, uint64_t* oldest,
                       uint64_t* latest) {
     for (bool first = true;; first = false) {
@@ -404,6 +423,8 @@ bool Hub::readJournal(uint64_t after, std::vector<wcfg::JournalEntry>& out, uint
             WLOG(WLOG_ERR, WHTTPD_SRC, "event hub: the change journal cannot be read\n");
             return false;
         }
+        if (!first && out.size() > had && out[had].seq != after + 1 && oldest)
+            *oldest = std::max(*oldest, out[had].seq);
         if (out.size() - had < static_cast<size_t>(kJournalBatch))
             return true;
         after = out.back().seq;
@@ -456,7 +477,7 @@ bool Hub::offer(Entry& e, const wcfg::JournalEntry& j, RenderCache& cache) {
 // no longer be read: its event goes to those who could read such an object,
 // as a GET of its path would (a path of the REST API).
 const Rendered& Hub::render(const wcfg::JournalEntry& j, int group, RenderCache& cache) {
-    auto [it, fresh] = cache.try_emplace({j.seq, group});
+    auto [it, fresh] = cache.try_emplace({j.seq, j.kind, group});
     Rendered& r = it->second;
     if (!fresh)
         return r;
@@ -501,16 +522,19 @@ bool Hub::catchUp(const std::vector<EntryPtr>& streams) {
 
 // What a new stream missed: the entries after its position up to `now`
 // that it watches, one per path; false when some are no longer kept.
-bool Hub::missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& out) {
+bool Hub::missed(Entry& e, uint64_t now) {
+    std::vector<wcfg::JournalEntry> read;
     uint64_t oldest = 0, latest = 0;
-    if (!readJournal(std::min(e.from, now), out, &oldest, &latest) || e.from + 1 < oldest ||
+    if (!readJournal(std::min(e.from, now), read, &oldest, &latest) || e.from + 1 < oldest ||
         e.from > latest)
         return false;
-    std::erase_if(out, [&](const wcfg::JournalEntry& j) {
+    std::erase_if(read, [&](const wcfg::JournalEntry& j) {
         return j.seq > now || j.seq <= e.from ||
                (j.kind != wcfg::JournalKind::Reset && !wHttpPathWatched(e.s->paths, j.path));
     });
-    out = coalesce(out);
+    std::vector<wcfg::JournalEntry> one = coalesce(read);
+    e.backlog.assign(one.begin(), one.end());
+    e.backlogUpTo = std::max(e.from, now);
     return true;
 }
 
@@ -518,44 +542,41 @@ bool Hub::missed(const Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& 
 // where it stands: where the journal stood when a new stream was asked for
 // (what came since follows), the client's position for one that resumes
 // (what it missed follows), or a resync when the client's is no longer
-// kept, or when what it missed would not fit its queue.  False when the
-// stream is up to date already.
-bool Hub::greet(Entry& e, uint64_t now, std::vector<wcfg::JournalEntry>& backlog) {
+// kept, or when what it missed would not fit its queue.
+void Hub::greet(Entry& e, uint64_t now) {
     e.greeted = true;
     const WHttpEventStream& s = *e.s;
     std::string retry = wHttpEventRetry(wHttpEventRetryMs(kRetryMs));
     e.from = s.resumeAfter.value_or(s.openedAt);
-    bool kept = !s.resumeUnreadable && missed(e, now, backlog);
-    if (!kept || backlog.size() > static_cast<size_t>(limits_.queue)) {
-        e.from = now;
+    bool kept = !s.resumeUnreadable && missed(e, now);
+    if (!kept || e.backlog.size() > static_cast<size_t>(limits_.queue)) {
+        e.from = e.backlogUpTo = now;
+        e.backlog.clear();
         const char* why = kept ? "overflow" : "events lost";
         send(e, now, retry + wHttpEventFrame(now, "resync", wHttpEventReasonData(why)));
-        return false;
+        return;
     }
     send(e, e.from, retry + wHttpEventPosition(e.from));
-    return true;
 }
 
-// Sends what the stream missed, as far as the cycle's budget goes; once all
-// of it is out, the stream follows the journal with the others.  (What it
-// missed is read again each cycle: entries written meanwhile join it.)
+// Sends what the stream missed, as far as the cycle's budget goes; what was
+// written while it caught up is read in turn, until it has reached the
+// others and follows the journal with them.
 void Hub::catchUpOne(Entry& e, int& budget, RenderCache& cache) {
     uint64_t now = position();
-    std::vector<wcfg::JournalEntry> backlog;
-    if (!e.greeted) {
-        if (!greet(e, now, backlog))
-            backlog.clear();
-    } else if (!missed(e, now, backlog)) {
-        backlog.clear();
-        send(e, now, wHttpEventFrame(now, "resync", wHttpEventReasonData("events lost")));
-    }
-    for (const wcfg::JournalEntry& j : backlog) {
+    if (!e.greeted)
+        greet(e, now);
+    else if (e.backlog.empty() && e.backlogUpTo < now && !missed(e, now))
+        resync(e, now, "events lost");
+    for (; !e.backlog.empty(); e.backlog.pop_front()) {
         if (budget-- <= 0)
             return;
-        offer(e, j, cache);
-        e.from = j.seq;
+        offer(e, e.backlog.front(), cache);
+        e.from = e.backlog.front().seq;
     }
-    e.from = std::max(e.from, now);
+    e.from = std::max(e.from, e.backlogUpTo);
+    if (e.backlogUpTo < now)
+        return;  // the rest in the next cycle
     if (e.lastId < now)
         send(e, now, wHttpEventPosition(now));
     e.started = true;

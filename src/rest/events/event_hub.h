@@ -23,6 +23,10 @@ struct WHttpEventLimits {
     int total = 64;           // events_total
     int keepAliveMs = 15000;  // events_keepalive_ms
     int queue = 256;          // events_queue: events a stream's client may fall behind by
+    // events_per_address: streams of one client address (its own, not its
+    // /64): one device, however many sessions it opens, leaves the others
+    // places.
+    int perAddress = 16;
 };
 // The hub's limits (set at start).
 const WHttpEventLimits& wHttpEventLimits(void);
@@ -45,7 +49,7 @@ void wHttpEventsStart(const WHttpEventLimits& limits);
 // go out, and stops the threads.
 void wHttpEventsStop(void);
 
-enum class WHttpEventAdmit { Yes, SessionFull, AllFull, Stopped };
+enum class WHttpEventAdmit { Yes, SessionFull, AddressFull, AllFull, Stopped };
 // Takes a place for a stream before its answer starts; Yes holds one until
 // wHttpEventsOpened or wHttpEventsAbandon.
 WHttpEventAdmit wHttpEventsReserve(const std::shared_ptr<WHttpEventStream>& stream);

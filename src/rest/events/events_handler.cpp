@@ -44,7 +44,9 @@ void refuse(CgHttpRequest* request, WHttpEventAdmit why) {
     bool session = why == WHttpEventAdmit::SessionFull;
     // Another stream of the same session must end first: that takes longer.
     int retryMs = wHttpEventRetryMs(session ? 10000 : 5000);
-    const char* reason = session                           ? "too many streams of this session"
+    const char* reason = session ? "too many streams of this session"
+                         : why == WHttpEventAdmit::AddressFull
+                             ? "too many streams from this address"
                          : why == WHttpEventAdmit::Stopped ? "shutdown"
                                                            : "too many streams";
     if (!acceptsEventStream(request))
