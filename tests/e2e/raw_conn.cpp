@@ -197,13 +197,17 @@ long socketCount(int pid) {
     return n;
 }
 
-int threadCount(int pid) {
+long statusField(int pid, const std::string& name) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     std::string line;
     while (std::getline(in, line))
-        if (line.rfind("Threads:", 0) == 0)
-            return std::stoi(line.substr(8));
+        if (line.rfind(name + ":", 0) == 0)
+            return std::stol(line.substr(name.size() + 1));
     return -1;
+}
+
+int threadCount(int pid) {
+    return static_cast<int>(statusField(pid, "Threads"));
 }
 
 }  // namespace e2e

@@ -59,6 +59,8 @@ class RawConn {
 // Raises this process's descriptor limit to its hard limit (the flood
 // tests open more than the default 1024).
 void raiseDescriptorLimit();
+// A number of /proc/PID/status ("Threads", "RssAnon" in kB), -1 when unknown.
+long statusField(int pid, const std::string& name);
 // The number of threads of process `pid` (/proc), -1 when unknown.
 int threadCount(int pid);
 // The number of sockets process `pid` holds open (/proc), -1 when unknown.

@@ -16,6 +16,7 @@
 #include "client.h"
 #include "event_client.h"
 #include "fixture.h"
+#include "raw_conn.h"
 
 using namespace e2e;
 
@@ -36,16 +37,6 @@ constexpr bool kSanitized = false;
 #else
 constexpr bool kSanitized = false;
 #endif
-
-// The daemon's anonymous resident memory in kB.
-long anonymousKb(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind("RssAnon:", 0) == 0)
-            return std::stol(line.substr(8));
-    return -1;
-}
 
 class StreamLimitsTest : public DaemonTest {};
 
@@ -221,7 +212,7 @@ TEST_F(StreamLimitsTest, MemoryOfStreamsThatStopReadingIsThePoolAtMost) {
     // the hub has handed every change before it to the streams.
     EventStream marker;
     ASSERT_TRUE(marker.open(port, s, "path=Device.WiFi.SSID.1."));
-    long before = anonymousKb(d.pid());
+    long before = statusField(d.pid(), "RssAnon");
     for (int b = 0; b < 6; ++b) {
         std::string body = R"({"MultiObjects":true,"TR181_Objects":[)";
         for (int i = 0; i < 200; ++i)
@@ -233,7 +224,7 @@ TEST_F(StreamLimitsTest, MemoryOfStreamsThatStopReadingIsThePoolAtMost) {
     ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", R"({"SSID":"marker"})").status);
     ASSERT_TRUE(marker.waitFor(
         [](const Event& e) { return e.data.find("marker") != std::string::npos; }, kWait));
-    long after = anonymousKb(d.pid());
+    long after = statusField(d.pid(), "RssAnon");
     printf("anonymous memory %ld kB before, %ld kB after\n", before, after);
     EXPECT_LT(after - before, 8192);
 }
