@@ -25,6 +25,7 @@
 #include "platform/platform.h"
 #include "rest/events/event_hub.h"
 #include "rest/whttpd_rest.h"
+#include "webui/console_files.h"
 #include "timer/uitimer.h"
 #include "platform/standins/standin.h"
 
@@ -105,6 +106,7 @@ CgHttpServer* openHttpsServer(int port) {
             return nullptr;
         }
     }
+    wHttpConsoleStart();
     cg_http_server_setlistener(server, wHttpRequestReceived_RESTfulAPI);
     cg_http_server_setquick(server, wHttpRequestIsQuick);
     return server;

@@ -254,17 +254,24 @@ int wHttpSchemaCheckBody(const WSchemaNode* node, json_object* body) {
     return 0;
 }
 
+// Leaves the parameters of the node; one that may be written but not read
+// (a pass phrase) reads as "".
 void wHttpSchemaTrimAnswer(const WSchemaNode* node, json_object* answer) {
     if (!answer || !json_object_is_type(answer, json_type_object))
         return;
-    std::vector<std::string> drop;
+    std::vector<std::string> drop, blank;
     json_object_object_foreach(answer, key, value) {
         (void)value;
-        if (!isParameter(child(node, key)))
+        const WSchemaNode* param = child(node, key);
+        if (!isParameter(param))
             drop.emplace_back(key);
+        else if (param->hasAttribute && !strstr(text(param, param->attribute), "read"))
+            blank.emplace_back(key);
     }
     for (const std::string& key : drop)
         json_object_object_del(answer, key.c_str());
+    for (const std::string& key : blank)
+        json_object_object_add(answer, key.c_str(), json_object_new_string(""));
 }
 
 void wHttpSchemaCompleteAnswer(const WSchemaNode* node, json_object* answer) {

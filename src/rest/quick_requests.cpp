@@ -1,6 +1,7 @@
 // Which requests the HTTPS server answers on its network threads: a GET of
 // a row that only computes its answer (the method list, a value read of one
-// object or table whose read never waits, an event stream's opening).
+// object or table whose read never waits, an event stream's opening), and
+// the web console's files.
 // Everything else, and anything in doubt, goes to a worker, so that a
 // request that waits never holds up the other connections of a thread.
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "datamodel/schema.h"
 #include "datamodel/ext_objects.h"
 #include "rest/whttpd_rest.h"
+#include "webui/console_files.h"
 
 namespace {
 
@@ -34,6 +36,10 @@ bool quickValueRead(CgHttpRequest* request) {
 bool wHttpRequestIsQuick(CgHttpRequest* request) {
     const char* method = cg_http_request_getmethod(request);
     const char* uri = cg_http_request_geturi(request);
+    // The console's files are in memory already: answered at once, with no
+    // lock and no worker.
+    if (wHttpConsoleOwns(uri))
+        return true;
     if (!method || strcmp(method, "GET") != 0 || !uri || strlen(uri) < 8 ||
         strncmp(uri + 5, "v1/", 3) != 0)
         return false;

@@ -14,6 +14,7 @@
 #include "platform/store/wcfg.h"
 #include "rest/context/response_writer.h"
 #include "rest/whttpd_rest.h"
+#include "webui/console_files.h"
 
 namespace {
 
@@ -114,6 +115,10 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
     wHttpAttachReqCtx(request, &ctx);
     const char* uri = cg_http_request_geturi(request);
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() fullUri=%s\n", __func__, uri);
+    // The web console's pages and files: every target that the API does not
+    // route and that is not below "/api/".
+    if (wHttpConsoleOwns(uri))
+        return wHttpConsoleAnswer(request);
     // The first five characters ("/api/") are not examined.
     if (!uri || strlen(uri) < 8 || strncmp(uri + 5, "v1/", 3) != 0)
         return;

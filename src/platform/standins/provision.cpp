@@ -65,7 +65,9 @@ json_object* schemaNode(const wdm::Object& o) {
         json_object_object_add(pn, "_Node", json_object_new_string("parameter"));
         json_object_object_add(pn, "_Type", json_object_new_string(p.schemaType.c_str()));
         json_object_object_add(pn, "_Attribute",
-                               json_object_new_string(p.writable ? "read write" : "read"));
+                               json_object_new_string(p.writeOnly  ? "write"
+                                                      : p.writable ? "read write"
+                                                                   : "read"));
         json_object_object_add(node, p.name.c_str(), pn);
     }
     for (int c : o.children)

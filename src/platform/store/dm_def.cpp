@@ -275,11 +275,9 @@ Param parseParamLine(const std::vector<std::string>& t, const std::vector<bool>&
     static const struct {
         const char* word;
         bool Param::*flag;
-    } kFlags[] = {{"hidden", &Param::hidden},
-                  {"secret", &Param::secret},
-                  {"supervisor", &Param::supervisor},
-                  {"once", &Param::once},
-                  {"device", &Param::device}};
+    } kFlags[] = {{"hidden", &Param::hidden}, {"writeonly", &Param::writeOnly},
+                  {"secret", &Param::secret}, {"supervisor", &Param::supervisor},
+                  {"once", &Param::once},     {"device", &Param::device}};
     if (t.size() < 3)
         throw std::runtime_error("expected NAME TYPE ACCESS [DEFAULT]");
     Param p;
