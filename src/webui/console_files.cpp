@@ -76,6 +76,10 @@ struct Loader {
 
     // Maps one regular file (never through a link) into the index.
     void file(int dirFd, const char* name, const std::string& path) {
+        // A path that the API routes (its "v1/" after five characters) is
+        // the API's, never a file's.
+        if (!wHttpConsoleOwns(path.c_str()))
+            return;
         const char* type = typeOf(name);
         int fd = type ? openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
         if (fd < 0)

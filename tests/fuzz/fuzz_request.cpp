@@ -1,11 +1,15 @@
 // Raw bytes from the network as the HTTP adapter takes them: the parser with
 // the daemon's limits, then the request record the listener sees (target,
 // query parameters, cookies, headers, body), the TR181 path and
-// "first_level_only", the body check of the value handlers, and an event
-// stream's watched paths and Last-Event-ID.
+// "first_level_only", the body check of the value handlers, an event
+// stream's watched paths and Last-Event-ID, and the web console's files: a
+// target names one of the console's files exactly, or none.
 #include <boost/beast/http.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,8 +18,37 @@
 #include "platform/http/cg_http_internal.h"
 #include "platform/json_util.h"
 #include "rest/events/event_text.h"
+#include "webui/console_files.h"
 
 namespace http = boost::beast::http;
+
+namespace {
+
+// A console folder of two files beside a secret, indexed once.
+const WHttpConsoleIndex& consoleIndex() {
+    static const std::unique_ptr<WHttpConsoleIndex> index = [] {
+        std::string dir = fuzzDeviceRoot() + "/console";
+        std::filesystem::create_directories(dir + "/js");
+        FILE* f = fopen((dir + "/index.html").c_str(), "w");
+        FILE* g = fopen((dir + "/js/app.js").c_str(), "w");
+        FILE* secret = fopen((fuzzDeviceRoot() + "/secret.txt").c_str(), "w");
+        if (!f || !g || !secret)
+            abort();
+        fputs("<!doctype html>", f);
+        fputs("export {};", g);
+        fputs("SECRET", secret);
+        fclose(f);
+        fclose(g);
+        fclose(secret);
+        std::unique_ptr<WHttpConsoleIndex> i = wHttpConsoleLoad(dir);
+        if (!i || i->files.size() != 2)
+            abort();
+        return i;
+    }();
+    return *index;
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const CgHttpLimits limits;
@@ -47,6 +80,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     wHttpPathWatched(watched, r.uri);
+    if (wHttpConsoleOwns(r.uri.c_str())) {
+        const WHttpConsoleFile* file = wHttpConsoleLookup(consoleIndex(), r.uri);
+        std::string_view path = std::string_view(r.uri).substr(0, r.uri.find('?'));
+        if (file && path != "/" && path != "/ui/index.html" && path != "/ui/js/app.js")
+            abort();  // a file that its target does not name
+    }
     if (const char* last = cg_http_request_getheader(&r, "Last-Event-ID"))
         wHttpParseLastEventId(last);
     char path[256] = "";
