@@ -12,6 +12,9 @@ endif()
 install(FILES data/datamodel.def data/defaults.json
         DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd)
 install(FILES README.md DEVELOPERS.md docs/openapi.yaml DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The web console, which the daemon serves from beside itself
+# (../share/whttpd/console from its program's folder).
+install(DIRECTORY console/ DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd/console)
 install(PROGRAMS packaging/openwrt/whttpd.init
         DESTINATION ${CMAKE_INSTALL_DATADIR}/whttpd/openwrt RENAME whttpd)
 

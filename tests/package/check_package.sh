@@ -86,6 +86,9 @@ port=$(free_port)
 pid=$!
 wait_served "$port" "$WHTTPD_ROOT"
 login_and_read "$port" "$WHTTPD_ROOT"
+# The console, from the package's own folder beside the program.
+curl -sS --cacert "$WHTTPD_ROOT/data/CA/newreq.crt" "https://localhost:$port/ui/js/api.js" |
+    cmp -s - "$here/../../console/js/api.js" || fail "the packaged daemon does not serve its console"
 # The packaged client, pinned to the device's certificate.
 ctl() {
     WHTTPCTL_STATE=$tmp/whttpctl.state "$pkg/bin/whttpctl" --url "https://localhost:$port" \
