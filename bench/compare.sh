@@ -3,7 +3,8 @@
 # (Device.DeviceInfo.) from the daemon against nginx serving the same JSON as
 # a static file with the same certificate, both over HTTPS with keep-alive
 # connections driven by wrk; the server CPU time per new TLS connection
-# (Connection: close) of both; then the whole Device. subtree from the
+# (Connection: close) of both; the console's largest file from both; then
+# the whole Device. subtree from the
 # daemon, its memory (resident, and anonymous: what no other process can
 # share) idle and after the load, and its start-up to the first HTTPS answer.
 #   bench/compare.sh [CONNECTIONS [SECONDS]]     (default 32 connections, 10 s)
@@ -65,6 +66,7 @@ http {
         ssl_certificate_key $root/data/CA/newreq.key;
         root $www;
         default_type application/json;
+        types { text/javascript js; text/css css; text/html html; image/svg+xml svg; }
     }
 }
 CONF
@@ -127,6 +129,16 @@ read -r d2 < <(run "$api/$object" "$conns")
 read -r n2 < <(run "https://127.0.0.1:$nport/object.json" "$conns")
 read -r d_rps d_p50 d_p99 < <(both $d1 $d2)
 read -r n_rps n_p50 n_p99 < <(both $n1 $n2)
+# The console's largest file, from the daemon and from nginx (the same file
+# at the same path).
+asset=$(cd console && find . -type f -printf '%s %P\n' | sort -n | tail -1 | cut -d' ' -f2)
+mkdir -p "$www/ui/$(dirname "$asset")" && cp "console/$asset" "$www/ui/$asset"
+read -r s1 < <(run "https://127.0.0.1:$port/ui/$asset" "$conns")
+read -r m1 < <(run "https://127.0.0.1:$nport/ui/$asset" "$conns")
+read -r s2 < <(run "https://127.0.0.1:$port/ui/$asset" "$conns")
+read -r m2 < <(run "https://127.0.0.1:$nport/ui/$asset" "$conns")
+read -r s_rps s_p50 s_p99 < <(both $s1 $s2)
+read -r m_rps m_p50 m_p99 < <(both $m1 $m2)
 secs=$full
 nworkers=$(ps --ppid $npid -o pid= | tr '\n' ' ')
 d_conn=$(perconn "$api/$object" $pid)
@@ -139,6 +151,10 @@ printf '  %-34s %10s %9s %9s\n' "" "req/s" "p50 ms" "p99 ms"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest" "$d_rps" "$d_p50" "$d_p99"
 printf '  %-34s %10s %9s %9s\n' "nginx (static file)" "$n_rps" "$n_p50" "$n_p99"
 printf '  %-34s %10s\n' "ratio whttpd/nginx" "$(awk -v a="$d_rps" -v b="$n_rps" 'BEGIN {printf "%.3f", a / b}')"
+echo "GET /ui/$asset (the console's largest file, $(wc -c < "console/$asset") bytes), the same"
+printf '  %-34s %10s %9s %9s\n' "whttpd_rest" "$s_rps" "$s_p50" "$s_p99"
+printf '  %-34s %10s %9s %9s\n' "nginx (static file)" "$m_rps" "$m_p50" "$m_p99"
+printf '  %-34s %10s\n' "ratio whttpd/nginx" "$(awk -v a="$s_rps" -v b="$m_rps" 'BEGIN {printf "%.3f", a / b}')"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, 1 conn" "$t1_rps" "$t1_p50" "$t1_p99"
 printf '  %-34s %10s %9s %9s\n' "whttpd_rest Device. tree, $conns conn" "$t_rps" "$t_p50" "$t_p99"
 printf '  %-34s %10s ms %s\n' "server CPU per TLS connection" "$d_conn" "(whttpd_rest)"
