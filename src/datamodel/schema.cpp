@@ -254,6 +254,16 @@ int wHttpSchemaCheckBody(const WSchemaNode* node, json_object* body) {
     return 0;
 }
 
+namespace {
+
+// A parameter that the schema says may be written and not read.
+bool writeOnly(const WSchemaNode* param) {
+    const char* attribute = param->hasAttribute ? text(param, param->attribute) : "";
+    return strstr(attribute, "write") && !strstr(attribute, "read");
+}
+
+}  // namespace
+
 // Leaves the parameters of the node; one that may be written but not read
 // (a pass phrase) reads as "".
 void wHttpSchemaTrimAnswer(const WSchemaNode* node, json_object* answer) {
@@ -265,7 +275,7 @@ void wHttpSchemaTrimAnswer(const WSchemaNode* node, json_object* answer) {
         const WSchemaNode* param = child(node, key);
         if (!isParameter(param))
             drop.emplace_back(key);
-        else if (param->hasAttribute && !strstr(text(param, param->attribute), "read"))
+        else if (writeOnly(param))
             blank.emplace_back(key);
     }
     for (const std::string& key : drop)

@@ -32,7 +32,9 @@ const char* const kSchema = R"({
       "AccessPoint": {
         "_Node": "index_object", "_MaxLength": 4, "_Attribute": "read",
         "WPS": {"_Node": "object",
-                "Enable": {"_Node": "parameter", "_Type": "boolean", "_Attribute": "read write"}}
+                "Enable": {"_Node": "parameter", "_Type": "boolean", "_Attribute": "read write"}},
+        "Security": {"_Node": "object",
+                "Key": {"_Node": "parameter", "_Type": "string", "_Attribute": "write"}}
       }
     }
   }
@@ -124,6 +126,18 @@ TEST_F(Schema, AnswersCarryExactlyTheSchemasParameters) {
     wHttpSchemaTrimAnswer(pm, answer.get());
     wHttpSchemaCompleteAnswer(pm, answer.get());
     EXPECT_STREQ(R"({"Status":"Up","Enable":"","ExternalPort":0,"Offset":0,"Description":""})",
+                 json_object_to_json_string_ext(answer.get(), JSON_C_TO_STRING_PLAIN));
+}
+
+// A parameter that may be written but not read (a pass phrase) is taken in
+// a body and reads as "".
+TEST_F(Schema, AWriteOnlyParameterReadsEmpty) {
+    const WSchemaNode* security = node("Device.WiFi.AccessPoint.1.Security.");
+    ASSERT_NE(nullptr, security);
+    EXPECT_EQ(0, wHttpSchemaCheckBody(security, parse(R"({"Key":"secret"})").get()));
+    JsonPtr answer = parse(R"({"Key":"the-secret"})");
+    wHttpSchemaTrimAnswer(security, answer.get());
+    EXPECT_STREQ(R"({"Key":""})",
                  json_object_to_json_string_ext(answer.get(), JSON_C_TO_STRING_PLAIN));
 }
 
