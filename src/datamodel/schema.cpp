@@ -264,24 +264,20 @@ bool writeOnly(const WSchemaNode* param) {
 
 }  // namespace
 
-// Leaves the parameters of the node; one that may be written but not read
-// (a pass phrase) reads as "".
+// Leaves the parameters of the node that may be read: one that may only be
+// written (a pass phrase) is never shown.
 void wHttpSchemaTrimAnswer(const WSchemaNode* node, json_object* answer) {
     if (!answer || !json_object_is_type(answer, json_type_object))
         return;
-    std::vector<std::string> drop, blank;
+    std::vector<std::string> drop;
     json_object_object_foreach(answer, key, value) {
         (void)value;
         const WSchemaNode* param = child(node, key);
-        if (!isParameter(param))
+        if (!isParameter(param) || writeOnly(param))
             drop.emplace_back(key);
-        else if (writeOnly(param))
-            blank.emplace_back(key);
     }
     for (const std::string& key : drop)
         json_object_object_del(answer, key.c_str());
-    for (const std::string& key : blank)
-        json_object_object_add(answer, key.c_str(), json_object_new_string(""));
 }
 
 void wHttpSchemaCompleteAnswer(const WSchemaNode* node, json_object* answer) {
@@ -290,7 +286,8 @@ void wHttpSchemaCompleteAnswer(const WSchemaNode* node, json_object* answer) {
     for (size_t i = 0; i < node->childCount; ++i) {
         const WSchemaNode* param = wHttpSchemaChildAt(node, i);
         const char* key = wHttpSchemaNodeName(param);
-        if (key[0] == '_' || !isParameter(param) || json_object_object_get_ex(answer, key, nullptr))
+        if (key[0] == '_' || !isParameter(param) || writeOnly(param) ||
+            json_object_object_get_ex(answer, key, nullptr))
             continue;
         const char* type = text(param, param->type);
         if (!strcmp(type, "uint32") || !strcmp(type, "int32")) {

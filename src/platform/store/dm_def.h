@@ -22,7 +22,7 @@ struct Param {
     std::vector<std::string> enums;
     bool writable = false;
     bool hidden = false;      // kept out of the REST schema
-    bool writeOnly = false;   // in the REST schema to be written, read as "" (a pass phrase)
+    bool writeOnly = false;   // in the REST schema to be written, never read (a pass phrase)
     bool secret = false;      // changed only by the account editor
     bool supervisor = false;  // changed only by the supervisor's group
     bool once = false;        // a session may set it while empty, not change it
