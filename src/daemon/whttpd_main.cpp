@@ -13,7 +13,6 @@
 #include "auth/accounts.h"
 #include "auth/auth_handlers.h"
 #include "auth/session.h"
-#include "daemon/allocator.h"
 #include "daemon/cert.h"
 #include "daemon/http_limits.h"
 #include "daemon/signals.h"
@@ -180,7 +179,6 @@ void serve(const Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    daemonTuneAllocator(argv);
     platformInit();
     standin::install();
     wHttpWaitForCertificate();

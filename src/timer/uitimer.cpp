@@ -5,9 +5,9 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -55,6 +55,19 @@ pthread_mutex_t gListMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 // Held by the timer thread for a whole tick and by the stop sequence while it
 // clears the timers, so that no record is freed under a running tick.
 pthread_mutex_t gTickMutex = PTHREAD_MUTEX_INITIALIZER;
+// Wakes the timer thread before its sleep ends: a timer was added or
+// re-armed, or the thread is to stop.  `gWakeCount` counts the calls, so that
+// one made while the thread looked for its next due time is not lost.
+pthread_mutex_t gWakeMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t gWakeCond;
+pthread_once_t gWakeCondOnce = PTHREAD_ONCE_INIT;
+uint64_t gWakeCount = 0;
+// The longest sleep: a clock that stood still (a suspended system, a failed
+// read) costs at most this much lateness.
+constexpr long kMaxSleepMs = 1000;
+// The sleep between reads of a clock that comes from a file, whose next
+// change no one announces.
+constexpr long kFileClockTickMs = 10;
 // Records replaced by an update of the same id are kept, never reused.
 std::vector<UITimerRec*>* const gRetired = new std::vector<UITimerRec*>;
 
@@ -259,6 +272,94 @@ void tick(timer_list* fire, UITime& now) {
     }
 }
 
+// The wake-up's condition measures its waits on the monotonic clock, which
+// wall-clock changes do not move.
+void initWakeCond() {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&gWakeCond, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
+// Tells the timer thread to look at its lists again now.
+void wakeTimerThread() {
+    pthread_once(&gWakeCondOnce, initWakeCond);
+    pthread_mutex_lock(&gWakeMutex);
+    ++gWakeCount;
+    pthread_cond_signal(&gWakeCond);
+    pthread_mutex_unlock(&gWakeMutex);
+}
+
+// A record's due time in microseconds of uptime, as isDue() sees it: a
+// sub-second part past the second's end is due when the next second begins.
+int64_t dueMicros(const UITimerRec* r) {
+    if (r->expiryUsec >= 1000000)
+        return (static_cast<int64_t>(r->expirySec) + 1) * 1000000;
+    return static_cast<int64_t>(r->expirySec) * 1000000 + r->expiryUsec;
+}
+
+// Under the list mutex: the earliest due time of both lists; -1 when none.
+int64_t earliestDue() {
+    int64_t best = -1;
+    timer_list_iter it;
+    for (timer_list* list : {&gOneShot, &gPeriodic}) {
+        for (void* v = timer_list_iter_begin(list, &it); v; v = timer_list_iter_next(&it)) {
+            int64_t due = dueMicros(static_cast<UITimerRec*>(v));
+            if (best < 0 || due < best)
+                best = due;
+        }
+    }
+    return best;
+}
+
+// How long the thread may sleep after a tick.  The uptime is read in
+// hundredths of a second, so a timer is seen due from the first hundredth at
+// or after its time; the thread sleeps until then, or kMaxSleepMs when no
+// timer is near.  A clock read from a file is polled every kFileClockTickMs.
+long sleepMs() {
+    if (!systemUptime())
+        return kFileClockTickMs;
+    int64_t due;
+    {
+        ListLock lists;
+        due = earliestDue();
+    }
+    timespec ts{};
+    if (due < 0 || clock_gettime(CLOCK_BOOTTIME, &ts) != 0)
+        return kMaxSleepMs;
+    int64_t seen = (due + 9999) / 10000 * 10000;
+    int64_t wait = seen - (static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000);
+    if (wait <= 0)
+        return 0;
+    return std::min<int64_t>(kMaxSleepMs, (wait + 999) / 1000);
+}
+
+// Sleeps until the next timer is due, a timer is added or the thread is to
+// stop, whichever comes first.
+void sleepUntilNextTick() {
+    pthread_mutex_lock(&gWakeMutex);
+    uint64_t seen = gWakeCount;
+    pthread_mutex_unlock(&gWakeMutex);
+    long ms = sleepMs();
+    if (ms <= 0)
+        return;
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += ms / 1000;
+    deadline.tv_nsec += (ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000L;
+    }
+    pthread_mutex_lock(&gWakeMutex);
+    while (gRunning && gWakeCount == seen) {
+        if (pthread_cond_timedwait(&gWakeCond, &gWakeMutex, &deadline) == ETIMEDOUT)
+            break;
+    }
+    pthread_mutex_unlock(&gWakeMutex);
+}
+
 void* UITimerProc(void*) {
     platformBlockStopSignals();
     prctl(PR_SET_NAME, "libvxuitimer", 0, 0, 0);
@@ -275,8 +376,7 @@ void* UITimerProc(void*) {
         }
         tick(&fire, now);
         pthread_mutex_unlock(&gTickMutex);
-        timeval tv{0, 10000};
-        select(0, nullptr, nullptr, nullptr, &tv);
+        sleepUntilNextTick();
     }
     timer_list_destroy(&fire);
     return nullptr;
@@ -317,6 +417,16 @@ int addTimer(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback cb, voi
         return -1;
     }
     return 0;
+}
+
+// Adds or updates a timer, then wakes the timer thread, which may be asleep
+// until a later due time.
+int addTimerAndWake(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data,
+                    const char* func) {
+    int rc = addTimer(kind, id, intervalMs, cb, data, func);
+    if (rc == 0)
+        wakeTimerThread();
+    return rc;
 }
 
 // What a delete does with one record of its id.
@@ -451,11 +561,11 @@ void getMonotonicTime(UITime* now) {
 }
 
 int UIAddTimer(uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data) {
-    return addTimer(kOneShot, id, intervalMs, cb, data, __func__);
+    return addTimerAndWake(kOneShot, id, intervalMs, cb, data, __func__);
 }
 
 int UIAddPeriodicTimer(uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data) {
-    return addTimer(kPeriodic, id, intervalMs, cb, data, __func__);
+    return addTimerAndWake(kPeriodic, id, intervalMs, cb, data, __func__);
 }
 
 int UIDelTimer(uint32_t id, void** data) {
@@ -523,6 +633,7 @@ int UIPeriodicTimerStop(uint32_t id) {
 int UITimerThreadStart(void) {
     if (gRunning)
         return 0;
+    pthread_once(&gWakeCondOnce, initWakeCond);
     clearAllTimers();
     gRunning = 1;
     pthread_attr_t attr;
@@ -545,12 +656,11 @@ int UITimerThreadStop(void) {
     clearAllTimers();
     gRunning = 0;
     pthread_mutex_unlock(&gTickMutex);
+    wakeTimerThread();
     // One more unlock of the list mutex, which this thread does not hold: the
-    // error-checking mutex refuses it with EPERM and nothing changes.
-    // ThreadSanitizer reports any such call, so its builds leave it out.
-#ifndef WHTTPD_TSAN
+    // error-checking mutex refuses it with EPERM and nothing changes (the
+    // thread-sanitizer runs are told so in tests/tsan.supp).
     pthread_mutex_unlock(&gListMutex);
-#endif
     if (pthread_kill(gThread, 0) != 0) {
         wos_pk("the specified thread did not exists or already quit\n");
         return 0;

@@ -1,6 +1,7 @@
 // Timer service: one-shot and periodic timers run by a thread of their own,
-// which wakes every 10 ms and calls the callbacks of the timers that are due.
-// Times are seconds and microseconds of system uptime.
+// which sleeps until the next timer is due (or one is added) and calls the
+// callbacks of the timers that are due.  Times are seconds and microseconds of
+// system uptime, read in hundredths of a second.
 #pragma once
 
 #include <cstdint>

@@ -49,8 +49,13 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& root, const
     dieWithParent(parent);
     setenv("WHTTPD_ROOT", root.c_str(), 1);
     setenv("WHTTPD_SECOND_MS", "10", 1);
-    for (const auto& [name, value] : env)
-        setenv(name.c_str(), value.c_str(), 1);
+    // A name that begins with "-" is one to go without.
+    for (const auto& [name, value] : env) {
+        if (name[0] == '-')
+            unsetenv(name.c_str() + 1);
+        else
+            setenv(name.c_str(), value.c_str(), 1);
+    }
     int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (o >= 0)

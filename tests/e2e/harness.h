@@ -39,6 +39,8 @@ class Daemon {
     void setEnv(const std::string& name, const std::string& value) {
         env_.emplace_back(name, value);
     }
+    // An environment variable the next start goes without.
+    void unsetEnv(const std::string& name) { env_.emplace_back("-" + name, ""); }
     // Waits until the daemon accepts connections on `port`, its bus endpoint
     // is bound and its discovery port taken.
     bool waitReady(int port, int timeoutMs = 30000);

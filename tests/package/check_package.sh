@@ -133,6 +133,9 @@ sh -c "exec $start" >"$tmp/unit.out" 2>&1 &
 pid=$!
 wait_served "$WHTTPD_HTTPS_PORT" "$WHTTPD_ROOT"
 login_and_read "$WHTTPD_HTTPS_PORT" "$WHTTPD_ROOT"
+# The allocator's setting comes from the unit's environment.
+tr '\0' '\n' <"/proc/$pid/environ" | grep -qx "GLIBC_TUNABLES=glibc.malloc.tcache_count=2" ||
+    fail "the unit's daemon runs without the allocator setting"
 stop_daemon
 
 # The procd script, sourced with stand-ins of rc.common's procd functions.
@@ -145,6 +148,7 @@ params=$(sh -c '
     . "$1"; start_service' sh "$init")
 grep -qx "command /usr/sbin/whttpd_rest -s 8443" <<<"$params" || fail "procd command: $params"
 grep -q "^respawn " <<<"$params" || fail "procd respawn: $params"
+grep -qx "env GLIBC_TUNABLES=glibc.malloc.tcache_count=2" <<<"$params" || fail "procd env: $params"
 [ "$(head -1 <<<"$params")" = open ] && [ "$(tail -1 <<<"$params")" = close ] ||
     fail "procd instance: $params"
 # scripts/run never removes a directory that is not a device root.

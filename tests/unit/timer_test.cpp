@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -274,4 +275,53 @@ TEST(TimerList, InsertGetRemoveAndIterate) {
     EXPECT_EQ(-1, timer_list_insert(nullptr, 0, &v[4]));
     timer_list_destroy(&l);
     EXPECT_TRUE(timer_list_is_empty(&l));
+}
+
+namespace {
+// The uptime each callback saw, by id; written on the timer thread.
+std::mutex gSeenMutex;
+std::vector<std::pair<uint32_t, UITime>> gSeen;
+int seenCallback(uint32_t id, void*) {
+    UITime now{};
+    getSystemUptime(&now);
+    std::lock_guard<std::mutex> lock(gSeenMutex);
+    gSeen.emplace_back(id, now);
+    return 0;
+}
+uint64_t micros(const UITime& t) {
+    return uint64_t{t.sec} * 1000000 + t.usec;
+}
+}  // namespace
+
+// On the system's clock the thread sleeps until the next due time instead of
+// ticking: timers added while it sleeps (behind an hour-long one) still fire,
+// in due order, and none before its time.
+TEST(TimerSystemClock, TimersAddedWhileTheThreadSleepsFireInOrderAndNeverEarly) {
+    UITimerThreadStop();
+    ASSERT_EQ(0, UITimerThreadStart());
+    int hourly = UIPeriodicTimerStart(3600 * 1000, seenCallback, nullptr);
+    UITime start{};
+    ASSERT_EQ(0, getSystemUptime(&start));
+    const uint32_t intervals[] = {120, 40, 80, 10};
+    std::vector<uint32_t> ids;
+    for (uint32_t ms : intervals)
+        ids.push_back(static_cast<uint32_t>(UITimerStart(ms, seenCallback, nullptr)));
+    for (int i = 0; i < 500; ++i) {
+        {
+            std::lock_guard<std::mutex> lock(gSeenMutex);
+            if (gSeen.size() >= ids.size())
+                break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    UIPeriodicTimerStop(static_cast<uint32_t>(hourly));
+    UITimerThreadStop();
+    std::lock_guard<std::mutex> lock(gSeenMutex);
+    ASSERT_EQ(ids.size(), gSeen.size());
+    const uint32_t order[] = {ids[3], ids[1], ids[2], ids[0]};
+    for (size_t i = 0; i < gSeen.size(); ++i) {
+        EXPECT_EQ(order[i], gSeen[i].first);
+        uint32_t ms = intervals[std::find(ids.begin(), ids.end(), gSeen[i].first) - ids.begin()];
+        EXPECT_GE(micros(gSeen[i].second), micros(start) + ms * 1000) << "timer " << i;
+    }
 }
