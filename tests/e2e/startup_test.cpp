@@ -179,7 +179,8 @@ TEST(Startup, TheDaemonRunsAsItWasStartedWithTheEnvironmentItWasGiven) {
         ASSERT_TRUE(d.waitReady(port)) << d.out();
         std::string env = environ(d.pid());
         if (*tunables)
-            EXPECT_NE(std::string::npos, env.find("\nGLIBC_TUNABLES=" + std::string(tunables) + "\n"));
+            EXPECT_NE(std::string::npos,
+                      env.find("\nGLIBC_TUNABLES=" + std::string(tunables) + "\n"));
         else
             EXPECT_EQ(std::string::npos, env.find("\nGLIBC_TUNABLES=")) << env;
         std::ifstream comm("/proc/" + std::to_string(d.pid()) + "/comm");
