@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/json_util.h"
-#include "platform/standins/provision.h"
-#include "platform/store/store.h"
-#include "platform/store/wcfg.h"
-#include "platform/standins/standin.h"
+#include "base/json_util.h"
+#include "simulator/standins/provision.h"
+#include "simulator/store/store.h"
+#include "device/wcfg.h"
+#include "simulator/standins/standin.h"
 
 namespace {
 

@@ -3,7 +3,9 @@
 include(GNUInstallDirs)
 
 install(TARGETS whttpd_rest RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS wcfgctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(TARGET wcfgctl)
+    install(TARGETS wcfgctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
 if(TARGET whttpctl)
     install(TARGETS whttpctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

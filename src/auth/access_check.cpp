@@ -11,9 +11,9 @@
 
 #include "auth/accounts.h"
 #include "datamodel/oid_names.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "platform/platform.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "base/platform.h"
 
 namespace {
 

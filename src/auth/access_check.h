@@ -3,7 +3,7 @@
 // the account's own privileges decide, for anyone else the group's as well.
 #pragma once
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 // 1 allowed, 0 refused.
 int wHttpCheckAccessPermission(CgHttpRequest* request, const char* user);

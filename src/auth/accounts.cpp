@@ -5,7 +5,7 @@
 #include <mutex>
 
 #include "datamodel/oid_names.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 
 namespace {
 

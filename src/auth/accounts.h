@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/store/wcfg.h"
+#include "device/wcfg.h"
 
 struct WHttpAccount {
     objIndex_t iid{};  // group, account

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 // POST /api/v1/UserLogin with {"username", "password"}.
 int wHttpUserLoginHandle(CgHttpRequest* request, uint8_t chunked, int spare);

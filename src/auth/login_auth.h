@@ -7,7 +7,7 @@
 #include <cstddef>
 
 #include "auth/session.h"
-#include "rest/context/request_context.h"
+#include "context/request_context.h"
 
 // Checks a request against the login accounts: in login mode (1) the body's
 // user name and password, in session mode (0) the request's session cookie.

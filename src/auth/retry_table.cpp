@@ -13,7 +13,7 @@
 
 #include "auth/accounts.h"
 #include "auth/session_events.h"
-#include "platform/platform.h"
+#include "base/platform.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/http/cg_http.h"
-#include "rest/context/request_context.h"
+#include "http/cg_http.h"
+#include "context/request_context.h"
 
 #define SESSION_ID_LEN 32
 

@@ -13,10 +13,10 @@
 #include "auth/retry_table.h"
 #include "auth/session.h"
 #include "auth/session_events.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 #include "timer/uitimer.h"
-#include "platform/platform.h"
+#include "base/platform.h"
 
 // One logged-in client.
 struct LoginEntry {

@@ -9,8 +9,8 @@
 #include "auth/login_auth.h"
 #include "auth/session.h"
 #include "datamodel/oid_names.h"
-#include "platform/platform.h"
-#include "rest/context/response_writer.h"
+#include "base/platform.h"
+#include "context/response_writer.h"
 
 namespace {
 

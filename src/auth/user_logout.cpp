@@ -3,8 +3,8 @@
 
 #include "auth/auth_handlers.h"
 #include "auth/session.h"
-#include "platform/log.h"
-#include "rest/context/response_writer.h"
+#include "base/log.h"
+#include "context/response_writer.h"
 
 int wHttpUserLogoutHandle(CgHttpRequest* request, uint8_t /*chunked*/, int /*spare*/) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);

@@ -11,10 +11,10 @@
 #include "auth/accounts.h"
 #include "auth/auth_handlers.h"
 #include "auth/retry_table.h"
-#include "platform/log.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/log.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 

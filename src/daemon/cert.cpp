@@ -9,7 +9,8 @@
 #include <string>
 
 #include "daemon/cert.h"
-#include "platform/platform.h"
+#include "base/platform.h"
+#include "device/commands.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "platform/http/cg_http.h"
-#include "rest/events/event_hub.h"
+#include "http/cg_http.h"
+#include "events/event_hub.h"
 
 // The HTTPS server's limits and those of its event streams.
 struct WhttpdLimits {

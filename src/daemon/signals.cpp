@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "daemon/signals.h"
-#include "platform/bus/wcfg_msg.h"
-#include "rest/context/response_writer.h"
+#include "device/bus.h"
+#include "context/response_writer.h"
 
 std::atomic<int> gDumpRequested{0};
 std::atomic<int> gStopRequested{0};

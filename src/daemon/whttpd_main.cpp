@@ -19,14 +19,15 @@
 #include "datamodel/schema.h"
 #include "discover/whttpd_discover.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/bus/wcfg_msg.h"
-#include "platform/http/cg_http.h"
-#include "platform/platform.h"
-#include "rest/events/event_hub.h"
+#include "device/bus.h"
+#include "http/cg_http.h"
+#include "base/platform.h"
+#include "device/commands.h"
+#include "events/event_hub.h"
 #include "rest/whttpd_rest.h"
 #include "webui/console_files.h"
 #include "timer/uitimer.h"
-#include "platform/standins/standin.h"
+#include "device/device.h"
 
 namespace {
 
@@ -180,7 +181,7 @@ void serve(const Options& o) {
 
 int main(int argc, char** argv) {
     platformInit();
-    standin::install();
+    installDevice();
     wHttpWaitForCertificate();
     wHttpInstallSignalHandler();
     Options options = parseOptions(argc, argv);

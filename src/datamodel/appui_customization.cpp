@@ -2,10 +2,10 @@
 // interface, passed through from the configuration service.
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "datamodel/value_handlers.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 const int32_t kAppUiCustomizationOid = 63828;  // RDM_OID_A_P_P_U_I_CUSTOMIZATION

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/schema.h"
-#include "platform/store/wcfg.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "datamodel/ext_objects.h"
-#include "platform/store/wcfg.h"
+#include "device/wcfg.h"
 
 #define IID_FMT "%s iid.level=%u [%u, %u, %u, %u, %u, %u]\n"
 #define IID_ARGS(iid) \

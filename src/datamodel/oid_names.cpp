@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 
 namespace {
 int compareOidName(const void* key, int index, void** row) {

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 struct OidNameRow {
     const char* name;

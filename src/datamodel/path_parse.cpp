@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/platform.h"
-#include "platform/json_util.h"
-#include "platform/utf8.h"
-#include "platform/store/wcfg.h"
+#include "base/platform.h"
+#include "base/json_util.h"
+#include "base/utf8.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <json-c/json.h>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 // Cuts the TR-181 object path ("Device....", ending in ".") or the
 // "MultiObjects" marker out of the request URI into `path` (256 bytes,

@@ -3,9 +3,9 @@
 // answer for it.
 #include "datamodel/return_codes.h"
 
-#include "platform/log.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/log.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 

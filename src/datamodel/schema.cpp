@@ -11,9 +11,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "device/wcfg.h"
 
 namespace {
 

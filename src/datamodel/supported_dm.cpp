@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "datamodel/path_parse.h"
 #include "datamodel/schema.h"
 #include "datamodel/value_handlers.h"
-#include "rest/context/response_writer.h"
+#include "context/response_writer.h"
 
 int wHttpTR181SupportedDMHandle(CgHttpRequest* request, uint8_t chunked, int /*spare*/) {
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "%s() Enter\n", __func__);

@@ -6,8 +6,8 @@
 
 #include "datamodel/ext_objects.h"
 #include "datamodel/schema.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 

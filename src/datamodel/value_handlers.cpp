@@ -11,10 +11,10 @@
 #include "datamodel/path_parse.h"
 #include "datamodel/return_codes.h"
 #include "datamodel/value_cache.h"
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 

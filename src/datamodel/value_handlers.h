@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 int wHttpTR181ValueHandle(CgHttpRequest* request, uint8_t chunked, int spare);
 int wHttpTR181ValueGetHandle(CgHttpRequest* request, uint8_t chunked);

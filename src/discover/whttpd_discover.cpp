@@ -21,11 +21,11 @@
 #include <string>
 #include <thread>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "datamodel/oid_names.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "platform/utf8.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "base/utf8.h"
 
 namespace {
 

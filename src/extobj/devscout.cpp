@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "platform/utf8.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "base/utf8.h"
 
 namespace {
 

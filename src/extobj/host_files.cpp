@@ -9,10 +9,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "datamodel/oid_names.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -7,14 +7,14 @@
 #include <cstring>
 #include <string>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/devscout.h"
 #include "extobj/host_files.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 namespace {
 

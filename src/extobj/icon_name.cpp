@@ -3,13 +3,13 @@
 // the mesh node it belongs to.
 #include <string>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/devscout.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 // client's internet access.  Only a router can, and not the NX3301A models.
 #include <cstring>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 int vxInterBlockingGet(const char* /*path*/, int /*row*/, json_object** out) {
     bool enable = false;

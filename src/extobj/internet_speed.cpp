@@ -8,8 +8,8 @@
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "platform/platform.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "base/platform.h"
 
 namespace {
 

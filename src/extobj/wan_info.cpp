@@ -6,12 +6,13 @@
 #include <cstring>
 #include <string>
 
-#include "platform/platform.h"
+#include "base/platform.h"
+#include "device/commands.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/json_util.h"
-#include "platform/utf8.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "base/utf8.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 
 #include "datamodel/oid_names.h"
-#include "platform/store/wcfg.h"
+#include "device/wcfg.h"
 
 // Rows are matched by exact class name, first row first; an empty slot
 // refuses its operation.

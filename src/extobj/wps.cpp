@@ -8,14 +8,14 @@
 #include <string>
 #include <unistd.h>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "datamodel/ext_objects.h"
 #include "datamodel/obj_ops.h"
 #include "datamodel/oid_names.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/bus/wcfg_msg.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "device/bus.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -8,12 +8,13 @@
 #include <cstring>
 #include <string>
 
-#include "platform/platform.h"
-#include "platform/utf8.h"
+#include "base/platform.h"
+#include "device/commands.h"
+#include "base/utf8.h"
 #include "datamodel/oid_names.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 #include "rest/device_actions.h"
 #include "rest/whttpd_rest.h"
 

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 int wHttpRebootHandle(CgHttpRequest* request, uint8_t chunked, int spare);
 int wHttpMeshRebootHandle(CgHttpRequest* request, uint8_t chunked, int spare);

@@ -10,9 +10,9 @@
 #include "auth/login_auth.h"
 #include "auth/session.h"
 #include "extobj/whttpd_extobj.h"
-#include "platform/platform.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/platform.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 #include "rest/whttpd_rest.h"
 #include "webui/console_files.h"
 

@@ -7,11 +7,11 @@
 
 #include "auth/auth_handlers.h"
 #include "datamodel/value_handlers.h"
-#include "platform/log.h"
-#include "rest/context/response_writer.h"
+#include "base/log.h"
+#include "context/response_writer.h"
 #include "rest/device_actions.h"
-#include "rest/events/events_handler.h"
-#include "rest/fota.h"
+#include "events/events_handler.h"
+#include "fota/fota.h"
 #include "rest/whttpd_rest.h"
 
 namespace {

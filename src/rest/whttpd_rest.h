@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 // A URI handler: the request and the "chunked" and spare arguments.
 typedef int (*WHttpUriHandler)(CgHttpRequest* request, uint8_t chunked, int spare);

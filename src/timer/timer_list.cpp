@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 
 #define TIMER_SRC "timer_list"
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"
+#include "base/platform.h"
 #include "timer/timer_list.h"
 
 #define UITIMER_SRC "uitimer"

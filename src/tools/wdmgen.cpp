@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/store/dm_def.h"
+#include "device/dm_def.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) {

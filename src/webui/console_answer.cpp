@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "webui/console_files.h"
 
 namespace {

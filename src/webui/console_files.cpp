@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/http/cg_http.h"
+#include "http/cg_http.h"
 
 struct WHttpConsoleFile {
     const char* data = nullptr;  // mapped, read-only

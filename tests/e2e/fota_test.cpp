@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "client.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 #include "fixture.h"
 #include "harness.h"
 

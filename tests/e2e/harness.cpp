@@ -22,7 +22,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/bus/wcfg_msg.h"
+#include "device/bus.h"
 
 namespace e2e {
 

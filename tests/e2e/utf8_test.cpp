@@ -10,7 +10,7 @@
 #include <string>
 
 #include "fixture.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 #include "raw_conn.h"
 
 namespace {

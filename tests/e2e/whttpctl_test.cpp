@@ -35,7 +35,7 @@
 #include "client.h"
 #include "fixture.h"
 #include "harness.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 #include "relay.h"
 
 namespace {

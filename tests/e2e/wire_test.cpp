@@ -15,8 +15,8 @@
 
 #include "fixture.h"
 #include "harness.h"
-#include "platform/bus/wcfg_msg.h"
-#include "platform/store/wcfg.h"
+#include "device/bus.h"
+#include "device/wcfg.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/platform.h"
-#include "platform/standins/provision.h"
-#include "platform/utf8.h"
-#include "platform/standins/standin.h"
+#include "base/platform.h"
+#include "simulator/standins/provision.h"
+#include "base/utf8.h"
+#include "simulator/standins/standin.h"
 
 inline const std::string& fuzzDeviceRoot() {
     static const std::string root = [] {

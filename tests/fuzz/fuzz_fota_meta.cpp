@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "rest/fota.h"
+#include "fota/fota.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string text(reinterpret_cast<const char*>(data), size);

@@ -16,11 +16,11 @@
 
 #include "datamodel/schema.h"
 #include "fuzz_common.h"
-#include "platform/bus/wcfg_msg.h"
-#include "platform/http/cg_http_internal.h"
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "rest/events/event_hub.h"
+#include "simulator/bus/wcfg_msg.h"
+#include "http/cg_http_internal.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "events/event_hub.h"
 #include "rest/whttpd_rest.h"
 
 namespace http = boost::beast::http;

@@ -15,9 +15,9 @@
 
 #include "datamodel/path_parse.h"
 #include "fuzz_common.h"
-#include "platform/http/cg_http_internal.h"
-#include "platform/json_util.h"
-#include "rest/events/event_text.h"
+#include "http/cg_http_internal.h"
+#include "base/json_util.h"
+#include "events/event_text.h"
 #include "webui/console_files.h"
 
 namespace http = boost::beast::http;

@@ -12,7 +12,7 @@
 #include "extobj/host_files.h"
 #include "extobj/whttpd_extobj.h"
 #include "fuzz_common.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 
 namespace {
 

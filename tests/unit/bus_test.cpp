@@ -6,11 +6,11 @@
 #include <cstring>
 #include <string>
 
-#include "platform/store/wcfg.h"
-#include "platform/bus/wcfg_msg.h"
-#include "platform/bus/wcfg_wire.h"
-#include "platform/standins/knobs.h"
-#include "platform/store/store.h"
+#include "device/wcfg.h"
+#include "simulator/bus/wcfg_msg.h"
+#include "simulator/bus/wcfg_wire.h"
+#include "simulator/standins/knobs.h"
+#include "simulator/store/store.h"
 #include "test_root.h"
 
 TEST(Bus, HeaderLayout) {

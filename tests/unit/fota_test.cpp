@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "platform/fwcloud/sigv4.h"
-#include "rest/fota.h"
+#include "simulator/fwcloud/sigv4.h"
+#include "fota/fota.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 
 #include "daemon/http_limits.h"
 #include "discover/whttpd_discover.h"
-#include "platform/http/conn_registry.h"
-#include "platform/http/http_text.h"
-#include "platform/http/worker_pool.h"
-#include "platform/utf8.h"
+#include "http/conn_registry.h"
+#include "http/http_text.h"
+#include "http/worker_pool.h"
+#include "base/utf8.h"
 
 TEST(Utf8Check, EveryBoundaryOfEverySequenceLength) {
     struct Case {

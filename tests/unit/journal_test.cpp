@@ -6,9 +6,9 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/store/journal_reader.h"
-#include "platform/store/store.h"
-#include "rest/events/event_text.h"
+#include "simulator/store/journal_reader.h"
+#include "simulator/store/store.h"
+#include "events/event_text.h"
 #include "store_helpers.h"
 #include "test_root.h"
 

@@ -2,7 +2,7 @@
 // stand-in services attached to the store and the bus before any test.
 #include <gtest/gtest.h>
 
-#include "platform/standins/standin.h"
+#include "simulator/standins/standin.h"
 
 int main(int argc, char** argv) {
     standin::install();

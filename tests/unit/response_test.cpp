@@ -6,11 +6,11 @@
 #include <string>
 
 #include "datamodel/oid_names.h"
-#include "platform/store/dm_def.h"
+#include "device/dm_def.h"
 #include "datamodel/return_codes.h"
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
-#include "rest/context/response_writer.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
+#include "context/response_writer.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "datamodel/path_parse.h"
 #include "datamodel/schema.h"
-#include "platform/json_util.h"
+#include "base/json_util.h"
 
 namespace {
 

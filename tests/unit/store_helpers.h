@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "platform/json_util.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "device/wcfg.h"
 
 // An applied write of the JSON object `json`; the service's code.
 inline int storeSet(const char* path, const char* json) {

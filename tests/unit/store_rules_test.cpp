@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "platform/store/generation.h"
-#include "platform/store/store.h"
-#include "platform/store/wcfg.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "simulator/store/generation.h"
+#include "simulator/store/store.h"
+#include "device/wcfg.h"
 #include "store_helpers.h"
 #include "test_root.h"
 

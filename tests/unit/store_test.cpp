@@ -10,13 +10,13 @@
 #include <fstream>
 #include <string>
 
-#include "platform/store/dm_def.h"
-#include "platform/json_util.h"
-#include "platform/platform.h"
-#include "platform/standins/firmware_image.h"
-#include "platform/standins/standin.h"
-#include "platform/store/wcfg.h"
-#include "platform/store/store.h"
+#include "device/dm_def.h"
+#include "base/json_util.h"
+#include "base/platform.h"
+#include "simulator/standins/firmware_image.h"
+#include "simulator/standins/standin.h"
+#include "device/wcfg.h"
+#include "simulator/store/store.h"
 #include "store_helpers.h"
 #include "test_root.h"
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/http/conn_registry.h"
-#include "platform/http/http_stream.h"
+#include "http/conn_registry.h"
+#include "http/http_stream.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "platform/standins/provision.h"
+#include "simulator/standins/provision.h"
 
 inline const std::string& unitTestRoot() {
     static const std::string root = [] {
