@@ -22,34 +22,6 @@ namespace {
 // run unlocked.
 std::mutex gDataModelMutex;
 
-const struct {
-    const char* name;
-    uint8_t bit;
-} kMethods[] = {
-    {"GET", kWHttpGet}, {"PUT", kWHttpPut}, {"POST", kWHttpPost}, {"DELETE", kWHttpDelete}};
-
-uint8_t methodBit(const char* method) {
-    for (const auto& m : kMethods)
-        if (method && !strcmp(method, m.name))
-            return m.bit;
-    return 0;
-}
-
-bool modifying(uint8_t method) {
-    return method & (kWHttpPut | kWHttpPost | kWHttpDelete);
-}
-
-}  // namespace
-
-const WHttpUriRow* wHttpFindUriRow(const char* name) {
-    for (const WHttpUriRow* row = gRestUriTable; row->name; ++row)
-        if (strncmp(name, row->name, strlen(row->name)) == 0)
-            return row;
-    return nullptr;
-}
-
-namespace {
-
 // Whether the request's "sessionkey" is its session's key.
 bool keyHeld(CgHttpRequest* request) {
     const char* key = cg_http_request_getparam(request, "sessionkey");
@@ -60,8 +32,8 @@ bool keyHeld(CgHttpRequest* request) {
 // The login state and key checks; false when the request was answered.
 // Until its session is known a request may change nothing that the
 // configuration service guards (the login configuration, trust domains).
-bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriRow* row, uint8_t method) {
-    if (row && row->access == WHttpAccess::Open && !strcmp(name, row->name))
+bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriPolicy& policy) {
+    if (!policy.loginCheck)
         return true;
     const char* auth = wHttpLoginAuth(&ctx, 0, nullptr, 0);
     if (strcmp(auth, "Success") != 0) {
@@ -70,12 +42,7 @@ bool admitted(WHttpReqCtx& ctx, const char* name, const WHttpUriRow* row, uint8_
         return false;
     }
     wcfgFeSetCaller(ctx.group);
-    // A device action acts only on POST or PUT with the key; any other
-    // method is refused as a request without it.
-    bool actionRefused =
-        row && row->access == WHttpAccess::DeviceAction && !(method & (kWHttpPost | kWHttpPut));
-    bool keyNeeded = modifying(method) && !(row && row->access == WHttpAccess::SessionRead);
-    if (actionRefused || (keyNeeded && !keyHeld(ctx.request))) {
+    if (policy.keyRefused || (policy.keyNeeded && !keyHeld(ctx.request))) {
         wHttpdSessionFailHandle("Invalid SessionKey", ctx.request);
         return false;
     }
@@ -93,12 +60,13 @@ void refuseMethod(CgHttpRequest* request, WHttpOtherMethod how) {
     }
 }
 
-void dispatch(CgHttpRequest* request, const WHttpUriRow& row, uint8_t method) {
-    if (row.methods != kWHttpAnyMethod && !(row.methods & method)) {
+void dispatch(CgHttpRequest* request, const WHttpUriPolicy& policy) {
+    const WHttpUriRow& row = *policy.row;
+    if (policy.otherMethod) {
         refuseMethod(request, row.otherMethod);
         return;
     }
-    if (row.dataModelLock && modifying(method)) {
+    if (policy.dataModelLock) {
         WHttpHeldAnswer answer(request);  // posted after the unlock
         std::lock_guard<std::mutex> lock(gDataModelMutex);
         row.handler(request, 0, 0);
@@ -124,13 +92,12 @@ void wHttpRequestReceived_RESTfulAPI(CgHttpRequest* request) {
         return;
     WLOG(WLOG_DEBUG, WHTTPD_SRC, "use restApiHandler_v1\n");
     const char* name = uri + 8;
-    uint8_t method = methodBit(cg_http_request_getmethod(request));
-    const WHttpUriRow* row = wHttpFindUriRow(name);
+    WHttpUriPolicy policy = wHttpUriPolicyOf(name, cg_http_request_getmethod(request));
     WcfgCallerScope caller(WCFG_CALLER_NONE);
-    if (!admitted(ctx, name, row, method))
+    if (!admitted(ctx, name, policy))
         return;
-    if (row) {
-        dispatch(request, *row, method);
+    if (policy.row) {
+        dispatch(request, policy);
         return;
     }
     json_object* doc = json_object_new_object();

@@ -70,6 +70,23 @@ extern const WHttpUriRow gRestUriTable[];
 // begins with, or nullptr.
 const WHttpUriRow* wHttpFindUriRow(const char* name);
 
+// What the request entry does with a request of `method` for `name` (what
+// follows "/api/v1/"), decided from the URI table alone, before any check of
+// the request itself.
+struct WHttpUriPolicy {
+    const WHttpUriRow* row = nullptr;  // nullptr: answered "Invalid URI" once admitted
+    bool loginCheck = true;            // the login state is checked first
+    // After the login check: refused with "Invalid SessionKey" whatever the
+    // key (a device action asked with another method than POST or PUT).
+    bool keyRefused = false;
+    bool keyNeeded = false;  // the request's "sessionkey" must be its session's key
+    // Once admitted: the row's handler does not answer the method, which is
+    // answered as the row says instead.
+    bool otherMethod = false;
+    bool dataModelLock = false;  // the handler runs under the data-model mutex
+};
+WHttpUriPolicy wHttpUriPolicyOf(const char* name, const char* method);
+
 // The method list: "/api/v1/<row>" for every row, in table order.
 json_object* wHttpMethodList(void);
 // The MethodList handler.
