@@ -171,6 +171,10 @@ class Hub {
     std::unique_ptr<device::JournalReader> journal_;  // the hub thread's
 };
 
+// Whether a stream's session still stands (nullptr) or why it ended, and its
+// login group now; the session table's own judgement unless a test sets one.
+WHttpSessionJudge gSessionJudge = wHttpSessionEndReason;
+
 Hub& hub() {
     static Hub* const h = new Hub;  // never destroyed: callbacks may come late
     return *h;
@@ -282,6 +286,13 @@ void Hub::follow() {
     platformBlockStopSignals();
     device::Journal& journal = *device::current().journal;
     uint32_t seen = journal.writeCount();
+    // A write between the hub's start and this count woke nobody: the hub
+    // reads the journal once more from where it started.
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        moved_ = true;
+    }
+    cv_.notify_all();
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(m_);
@@ -650,7 +661,7 @@ void Hub::endStreams(const Work& w) {
             continue;
         }
         int group = 0;
-        if (const char* reason = wHttpSessionEndReason(e->s->owner, &group)) {
+        if (const char* reason = gSessionJudge(e->s->owner, &group)) {
             // Told of just now: the next cycle ends it with the reason given.
             if (!endingNoted(e->s->owner))
                 end(*e, reason);
@@ -744,6 +755,10 @@ void wHttpEventsOpened(const std::shared_ptr<WHttpEventStream>& stream) {
 
 void wHttpEventsAbandon(const std::shared_ptr<WHttpEventStream>& stream) {
     hub().abandon(stream);
+}
+
+void wHttpEventsSetSessionJudge(WHttpSessionJudge judge) {
+    gSessionJudge = judge ? judge : wHttpSessionEndReason;
 }
 
 void wHttpEventsClosed(void) {

@@ -57,5 +57,10 @@ WHttpEventAdmit wHttpEventsReserve(const std::shared_ptr<WHttpEventStream>& stre
 void wHttpEventsOpened(const std::shared_ptr<WHttpEventStream>& stream);
 // The answer could not be opened: the place is free again.
 void wHttpEventsAbandon(const std::shared_ptr<WHttpEventStream>& stream);
+// Who judges whether a stream's session still stands: nullptr (the session
+// stands) or the reason it ended, and the session's login group now.  The
+// session table by default; set before the hub starts (tests).
+using WHttpSessionJudge = const char* (*)(const WHttpSessionRef& ref, int* group);
+void wHttpEventsSetSessionJudge(WHttpSessionJudge judge);
 // A stream's connection closed (the adapter's close callback).
 void wHttpEventsClosed(void);

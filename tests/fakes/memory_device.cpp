@@ -235,10 +235,16 @@ uint32_t MemoryDevice::writeCount() {
 
 void MemoryDevice::waitForWrite(uint32_t seen, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_);
-    cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return writes_ != seen; });
+    uint64_t wakes = wakes_;
+    cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                 [&] { return writes_ != seen || wakes_ != wakes; });
 }
 
 void MemoryDevice::wakeWaiters() {
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        ++wakes_;
+    }
     cv_.notify_all();
 }
 

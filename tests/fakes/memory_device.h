@@ -91,6 +91,7 @@ class MemoryDevice : public device::Config,
     std::vector<wcfg::JournalEntry> journal_;
     uint64_t version_ = 1;
     uint32_t writes_ = 0;
+    uint64_t wakes_ = 0;  // calls of wakeWaiters: each ends every wait
     device::Device before_;
 };
 
