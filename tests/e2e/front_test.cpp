@@ -119,12 +119,20 @@ TEST_F(FrontConcurrent, IdleAndSlowFloodsLeaveAProperClientServed) {
     std::vector<RawConn> silent(1000);
     for (size_t i = 0; i < silent.size(); ++i)
         ASSERT_TRUE(silent[i].connect(port, "127.0.1." + std::to_string(1 + i / 25))) << i;
-    // The daemon has taken the whole flood in (the connections it turned
-    // out are gone): until then a newcomer may find every socket taken, the
-    // closing ones included.
-    long sockets = -1;
-    for (int i = 0; i < 400 && (sockets = e2e::socketCount(d.pid())) > 256 + 16; ++i)
+    // The daemon has taken the whole flood in (nothing waits in its accept
+    // queue) and the connections it turned out are gone: until then a
+    // newcomer may find every socket taken, the closing ones included.  While
+    // the queue is not empty each connection taken turns another out, so the
+    // count of sockets alone says nothing.
+    long sockets = -1, queued = -1;
+    for (int i = 0; i < 1200; ++i) {
+        queued = e2e::acceptQueue(port);
+        sockets = e2e::socketCount(d.pid());
+        if (queued == 0 && sockets <= 256 + 16)
+            break;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_EQ(0, queued);
     ASSERT_LE(sockets, 256 + 16);
     Drippers drippers;
     drippers.open(*this, 50);

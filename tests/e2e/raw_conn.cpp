@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <cstring>
 #include <chrono>
+#include <algorithm>
 #include <fstream>
+#include <sstream>
 
 namespace e2e {
 
@@ -195,6 +197,28 @@ long socketCount(int pid) {
     }
     closedir(d);
     return n;
+}
+
+long acceptQueue(int port) {
+    long queued = -1;
+    for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        std::ifstream in(table);
+        std::string line;
+        std::getline(in, line);  // the column names
+        while (std::getline(in, line)) {
+            std::istringstream fields(line);
+            std::string slot, local, remote, state, queues;
+            fields >> slot >> local >> remote >> state >> queues;
+            size_t colon = local.rfind(':');
+            if (state != "0A" || colon == std::string::npos ||
+                std::stol(local.substr(colon + 1), nullptr, 16) != port)
+                continue;
+            // For a listening socket the receive queue is its accept queue.
+            long rx = std::stol(queues.substr(queues.find(':') + 1), nullptr, 16);
+            queued = std::max(queued, 0L) + rx;
+        }
+    }
+    return queued;
 }
 
 long statusField(int pid, const std::string& name) {

@@ -65,5 +65,8 @@ long statusField(int pid, const std::string& name);
 int threadCount(int pid);
 // The number of sockets process `pid` holds open (/proc), -1 when unknown.
 long socketCount(int pid);
+// The connections waiting in the accept queue of the TCP socket listening on
+// `port` (/proc/net/tcp and tcp6), -1 when no socket listens there.
+long acceptQueue(int port);
 
 }  // namespace e2e
