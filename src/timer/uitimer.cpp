@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,12 +57,18 @@ pthread_mutex_t gListMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 // clears the timers, so that no record is freed under a running tick.
 pthread_mutex_t gTickMutex = PTHREAD_MUTEX_INITIALIZER;
 // Wakes the timer thread before its sleep ends: a timer was added or
-// re-armed, or the thread is to stop.  `gWakeCount` counts the calls, so that
-// one made while the thread looked for its next due time is not lost.
+// re-armed to a time before the thread's wake-up, or the thread is to stop.
+// `gWakeCount` counts the wake-ups, so that one made while the thread looked
+// for its next due time is not lost.  `gSleepUntil` is when the sleeping
+// thread wakes anyway (boot-clock microseconds): 0 while it looks at its
+// lists (every add wakes it then), kNoWakeNeeded when it polls a file clock.
+// A request re-arms its session's idle timer minutes ahead: that wakes no one.
 pthread_mutex_t gWakeMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gWakeCond;
 pthread_once_t gWakeCondOnce = PTHREAD_ONCE_INIT;
 uint64_t gWakeCount = 0;
+constexpr int64_t kNoWakeNeeded = INT64_MIN;
+int64_t gSleepUntil = 0;
 // The longest sleep: a clock that stood still (a suspended system, a failed
 // read) costs at most this much lateness.
 constexpr long kMaxSleepMs = 1000;
@@ -282,13 +289,23 @@ void initWakeCond() {
     pthread_condattr_destroy(&attr);
 }
 
-// Tells the timer thread to look at its lists again now.
-void wakeTimerThread() {
+// Tells the timer thread to look at its lists again now: always (`force`),
+// or when a timer is due at `dueUs` (boot-clock microseconds) before the
+// thread would wake by itself.
+void wakeTimerThread(bool force, int64_t dueUs = 0) {
     pthread_once(&gWakeCondOnce, initWakeCond);
     pthread_mutex_lock(&gWakeMutex);
-    ++gWakeCount;
-    pthread_cond_signal(&gWakeCond);
+    if (force || gSleepUntil == 0 || (gSleepUntil != kNoWakeNeeded && dueUs < gSleepUntil)) {
+        ++gWakeCount;
+        pthread_cond_signal(&gWakeCond);
+    }
     pthread_mutex_unlock(&gWakeMutex);
+}
+
+int64_t bootMicros() {
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 // A record's due time in microseconds of uptime, as isDue() sees it: a
@@ -353,10 +370,12 @@ void sleepUntilNextTick() {
         deadline.tv_nsec -= 1000000000L;
     }
     pthread_mutex_lock(&gWakeMutex);
+    gSleepUntil = systemUptime() ? bootMicros() + ms * 1000 : kNoWakeNeeded;
     while (gRunning && gWakeCount == seen) {
         if (pthread_cond_timedwait(&gWakeCond, &gWakeMutex, &deadline) == ETIMEDOUT)
             break;
     }
+    gSleepUntil = 0;
     pthread_mutex_unlock(&gWakeMutex);
 }
 
@@ -425,7 +444,7 @@ int addTimerAndWake(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback 
                     const char* func) {
     int rc = addTimer(kind, id, intervalMs, cb, data, func);
     if (rc == 0)
-        wakeTimerThread();
+        wakeTimerThread(false, systemUptime() ? bootMicros() + intervalMs * int64_t{1000} : 0);
     return rc;
 }
 
@@ -656,7 +675,7 @@ int UITimerThreadStop(void) {
     clearAllTimers();
     gRunning = 0;
     pthread_mutex_unlock(&gTickMutex);
-    wakeTimerThread();
+    wakeTimerThread(true);
     // One more unlock of the list mutex, which this thread does not hold: the
     // error-checking mutex refuses it with EPERM and nothing changes (the
     // thread-sanitizer runs are told so in tests/tsan.supp).
