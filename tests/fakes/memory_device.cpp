@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "device/dm_def.h"
+#include "simulator/store/store.h"
 
 namespace fake {
 
@@ -80,14 +81,9 @@ std::vector<wcfg::JournalEntry> MemoryDevice::journalEntries() {
     return journal_;
 }
 
+// Paths resolve by the data-model definition, as on the embedded device.
 int32_t MemoryDevice::nameToOid(const char* path, objIndex_t* iid) {
-    *iid = objIndex_t{};
-    int level = 0;
-    const wdm::Object* o = wdm::model().resolve(path, iid->idx, &level);
-    if (!o)
-        return WCFG_INVALID_OBJECT;
-    iid->level = static_cast<uint8_t>(level);
-    return o->id;
+    return wcfg::nameToOid(path, iid);
 }
 
 int MemoryDevice::get(int32_t oid, objIndex_t* iid, bool, json_object** out) {
