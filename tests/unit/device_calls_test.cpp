@@ -20,8 +20,7 @@ namespace {
 class OnTheMemoryDevice : public ::testing::Test {
   protected:
     void SetUp() override {
-        unitTestRoot();
-        ASSERT_TRUE(wHttpSchemaLoad());
+        ASSERT_TRUE(unitTestSchema());
         dev_ = std::make_unique<fake::MemoryDevice>();
     }
     static int set(const char* path, const char* values) {

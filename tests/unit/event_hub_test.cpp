@@ -40,6 +40,13 @@ const char* judge(const WHttpSessionRef& ref, int* group) {
 // One client's stream: its place with the hub and what it has read so far.
 struct Client {
     std::shared_ptr<WHttpEventStream> s = std::make_shared<WHttpEventStream>();
+    // The client goes away: its connection closes, and the hub lets go.
+    ~Client() {
+        if (s->out) {
+            s->out->markClosed();
+            wHttpEventsClosed();
+        }
+    }
     e2e::SseParser parser;
     std::vector<e2e::SseItem> events;
 
@@ -79,8 +86,7 @@ struct Client {
 class EventHub : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        unitTestRoot();
-        ASSERT_TRUE(wHttpSchemaLoad());
+        ASSERT_TRUE(unitTestSchema());
         dev_ = new fake::MemoryDevice;
         dev_->put("Device.WiFi.SSID.1.", R"({"Enable": true, "SSID": "home"})");
         dev_->put("Device.WiFi.SSID.2.", R"({"Enable": true, "SSID": "guest"})");
@@ -119,10 +125,13 @@ class EventHub : public ::testing::Test {
     }
 
     static fake::MemoryDevice* dev_;
-    boost::asio::io_context ioc_;  // never run: the streams have no connection
+    // Never run (the streams have no connection), and never destroyed: the
+    // hub's thread may still kick a stream of a test that has ended.
+    static boost::asio::io_context& ioc_;
     std::shared_ptr<CgHttpStreamPool> pool_ = std::make_shared<CgHttpStreamPool>(1 << 20);
 };
 fake::MemoryDevice* EventHub::dev_ = nullptr;
+boost::asio::io_context& EventHub::ioc_ = *new boost::asio::io_context;
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <string>
 
+#include "datamodel/schema.h"
 #include "simulator/standins/provision.h"
 
 inline const std::string& unitTestRoot() {
@@ -26,4 +27,12 @@ inline const std::string& unitTestRoot() {
         return dir;
     }();
     return root;
+}
+
+// The device root's REST schema, loaded once per test program (a load
+// replaces the schema and keeps the old one for readers that may hold it).
+inline bool unitTestSchema() {
+    unitTestRoot();
+    static const bool loaded = wHttpSchemaLoad();
+    return loaded;
 }
