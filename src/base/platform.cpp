@@ -161,7 +161,7 @@ int platformExec(int flags, const char* const argv[], long long maxFileBytes) {
     if (!argv || !argv[0])
         return -1;
     if (flags & 1)
-        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, "wos_exec", "run: %s\n", argv[0]);
+        wlog_log_f(WLOG_DEBUG, "wos", __LINE__, "wos_exec_limited", "run: %s\n", argv[0]);
     pid_t pid = fork();
     if (pid < 0)
         return -1;

@@ -289,23 +289,26 @@ void initWakeCond() {
     pthread_condattr_destroy(&attr);
 }
 
+int64_t bootMicros() {
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
 // Tells the timer thread to look at its lists again now: always (`force`),
 // or when a timer is due at `dueUs` (boot-clock microseconds) before the
 // thread would wake by itself.
 void wakeTimerThread(bool force, int64_t dueUs = 0) {
     pthread_once(&gWakeCondOnce, initWakeCond);
     pthread_mutex_lock(&gWakeMutex);
-    if (force || gSleepUntil == 0 || (gSleepUntil != kNoWakeNeeded && dueUs < gSleepUntil)) {
+    // A wake-up time already past (the system was suspended: the sleep is
+    // measured on the monotonic clock, which stood still) wakes it as well.
+    if (force || gSleepUntil == 0 ||
+        (gSleepUntil != kNoWakeNeeded && (dueUs < gSleepUntil || gSleepUntil <= bootMicros()))) {
         ++gWakeCount;
         pthread_cond_signal(&gWakeCond);
     }
     pthread_mutex_unlock(&gWakeMutex);
-}
-
-int64_t bootMicros() {
-    timespec ts{};
-    clock_gettime(CLOCK_BOOTTIME, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 // A record's due time in microseconds of uptime, as isDue() sees it: a
@@ -346,9 +349,13 @@ long sleepMs() {
     if (due < 0 || clock_gettime(CLOCK_BOOTTIME, &ts) != 0)
         return kMaxSleepMs;
     int64_t seen = (due + 9999) / 10000 * 10000;
-    int64_t wait = seen - (static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000);
+    int64_t now = static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+    int64_t wait = seen - now;
+    // Due already (re-armed or added during the tick just run, as a periodic
+    // timer of 0 ms is): the next tick comes with the next hundredth, as the
+    // clock can tell no sooner, so that such a timer never spins the thread.
     if (wait <= 0)
-        return 0;
+        wait = 10000 - now % 10000;
     return std::min<int64_t>(kMaxSleepMs, (wait + 999) / 1000);
 }
 
