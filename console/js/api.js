@@ -230,8 +230,24 @@ export function live(paths, load, onEvent) {
 }
 
 // The smallest position of several reads.
-export function earliest(reads) {
+function earliest(reads) {
   return reads.map((r) => Number(r.eventId)).reduce((a, b) => Math.min(a, b));
+}
+
+// What a page shows, read at once: `specs` are paths, or [path, options] of
+// read(); `show` gets their objects in order and the page's status `st`
+// clears, or says what failed.  Resolves to the position a live view follows
+// from (live()), null when a read failed.
+export async function readForPage(specs, st, show) {
+  try {
+    const reads = await Promise.all(specs.map((s) => (Array.isArray(s) ? read(...s) : read(s))));
+    show(...reads.map((r) => r.object));
+    st.clear();
+    return earliest(reads);
+  } catch (e) {
+    st.fail(e.message);
+    return null;
+  }
 }
 
 // Resolves once the router answers again.

@@ -62,13 +62,15 @@ pthread_mutex_t gTickMutex = PTHREAD_MUTEX_INITIALIZER;
 // for its next due time is not lost.  `gSleepUntil` is when the sleeping
 // thread wakes anyway (boot-clock microseconds): 0 while it looks at its
 // lists (every add wakes it then), kNoWakeNeeded when it polls a file clock.
-// A request re-arms its session's idle timer minutes ahead: that wakes no one.
+// The thread writes it under gWakeMutex; an add reads it without the lock, so
+// that a request, which re-arms its session's idle timer minutes ahead,
+// neither wakes the thread nor waits for its mutex.
 pthread_mutex_t gWakeMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t gWakeCond;
 pthread_once_t gWakeCondOnce = PTHREAD_ONCE_INIT;
 uint64_t gWakeCount = 0;
 constexpr int64_t kNoWakeNeeded = INT64_MIN;
-int64_t gSleepUntil = 0;
+std::atomic<int64_t> gSleepUntil{0};
 // The longest sleep: a clock that stood still (a suspended system, a failed
 // read) costs at most this much lateness.
 constexpr long kMaxSleepMs = 1000;
@@ -295,20 +297,26 @@ int64_t bootMicros() {
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-// Tells the timer thread to look at its lists again now: always (`force`),
-// or when a timer is due at `dueUs` (boot-clock microseconds) before the
-// thread would wake by itself.
-void wakeTimerThread(bool force, int64_t dueUs = 0) {
+// Tells the timer thread to look at its lists again now.
+void wakeTimerThread() {
     pthread_once(&gWakeCondOnce, initWakeCond);
     pthread_mutex_lock(&gWakeMutex);
-    // A wake-up time already past (the system was suspended: the sleep is
-    // measured on the monotonic clock, which stood still) wakes it as well.
-    if (force || gSleepUntil == 0 ||
-        (gSleepUntil != kNoWakeNeeded && (dueUs < gSleepUntil || gSleepUntil <= bootMicros()))) {
-        ++gWakeCount;
-        pthread_cond_signal(&gWakeCond);
-    }
+    ++gWakeCount;
+    pthread_cond_signal(&gWakeCond);
     pthread_mutex_unlock(&gWakeMutex);
+}
+
+// Whether a timer just added, due in `intervalMs`, needs the thread awake: it
+// is due before the thread's own wake-up, or the thread looks at its lists
+// (it may have passed the timer's place), or the wake-up time has passed (a
+// suspended system: the sleep is measured on the monotonic clock, which
+// stood still).  A timer due later is found when the thread wakes.
+bool wakeNeeded(uint32_t intervalMs) {
+    int64_t until = gSleepUntil.load();
+    if (until == 0 || until == kNoWakeNeeded)
+        return until == 0;
+    int64_t now = bootMicros();
+    return now + intervalMs * int64_t{1000} < until || until <= now;
 }
 
 // A record's due time in microseconds of uptime, as isDue() sees it: a
@@ -450,8 +458,8 @@ int addTimer(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback cb, voi
 int addTimerAndWake(int kind, uint32_t id, uint32_t intervalMs, UITimerCallback cb, void* data,
                     const char* func) {
     int rc = addTimer(kind, id, intervalMs, cb, data, func);
-    if (rc == 0)
-        wakeTimerThread(false, systemUptime() ? bootMicros() + intervalMs * int64_t{1000} : 0);
+    if (rc == 0 && wakeNeeded(intervalMs))
+        wakeTimerThread();
     return rc;
 }
 
@@ -682,7 +690,7 @@ int UITimerThreadStop(void) {
     clearAllTimers();
     gRunning = 0;
     pthread_mutex_unlock(&gTickMutex);
-    wakeTimerThread(true);
+    wakeTimerThread();
     // One more unlock of the list mutex, which this thread does not hold: the
     // error-checking mutex refuses it with EPERM and nothing changes (the
     // thread-sanitizer runs are told so in tests/tsan.supp).

@@ -25,25 +25,13 @@ if grep -E "$standins" "$tmp/device.nm" >"$tmp/found"; then
     head -5 "$tmp/found" >&2
     fail "stand-in symbols in the device's daemon"
 fi
-export WHTTPD_ROOT=$tmp/root WHTTPD_SECOND_MS=10
-port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
-export WHTTPD_DISCOVERY_PORT=$(python3 -c 'import socket; s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+. "$here/../lib/daemon.sh"
+export WHTTPD_ROOT=$tmp/root WHTTPD_SECOND_MS=10 WHTTPD_DISCOVERY_PORT=$(free_port)
+port=$(free_port)
 "$sim/wcfgctl" init >/dev/null
-build-device/whttpd_rest -s "$port" >"$tmp/out" 2>&1 &
+build-device/whttpd_rest -s "$port" >"$tmp/daemon.out" 2>&1 &
 pid=$!
-cacert=$WHTTPD_ROOT/data/CA/newreq.crt
-for _ in $(seq 300); do
-    kill -0 "$pid" 2>/dev/null || { tail -5 "$tmp/out" >&2; fail "the daemon exited"; }
-    curl -sS --cacert "$cacert" -o /dev/null "https://localhost:$port/api/v1/MethodList" \
-        2>/dev/null && break
-    sleep 0.1
-done
-curl -sS --cacert "$cacert" -c "$tmp/jar" -d '{"username":"admin","password":"1234abcd"}' \
-    "https://localhost:$port/api/v1/UserLogin" | grep -q '"sessionkey"' || fail "login failed"
-curl -sS --cacert "$cacert" -b "$tmp/jar" \
-    "https://localhost:$port/api/v1/TR181/Value/Device.DeviceInfo." | grep -q '"ModelName"' ||
-    fail "read failed"
-kill -TERM "$pid"
-wait "$pid" || fail "the daemon did not stop cleanly"
-pid=
+wait_served "$port" "$WHTTPD_ROOT"
+login_and_read "$port" "$WHTTPD_ROOT"
+stop_daemon
 echo "device build: whttpd_rest without the simulator ($(stat -c %s build-device/whttpd_rest) bytes) has no stand-in and serves"

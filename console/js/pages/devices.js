@@ -31,18 +31,12 @@ export function devicesPage() {
     count.textContent = `${active} connected, ${hosts.size} known.`;
   }
 
-  async function load() {
-    try {
-      const r = await api.read("Device.Hosts.Host.");
+  function load() {
+    return api.readForPage(["Device.Hosts.Host."], st, (all) => {
       hosts.clear();
-      (r.object || []).forEach((x, i) => { if (x && !x._EmptyInstance) hosts.set(i + 1, x); });
-      st.clear();
+      (all || []).forEach((x, i) => { if (x && !x._EmptyInstance) hosts.set(i + 1, x); });
       render();
-      return r.eventId;
-    } catch (e) {
-      st.fail(e.message);
-      return null;
-    }
+    });
   }
 
   // Each event carries the host as a read shows it: no read needed.

@@ -38,17 +38,11 @@ export function firmwarePage() {
     progress.textContent = STEPS[fw.LastFWUpdateStatus] || "";
   }
 
-  async function load() {
-    try {
-      const reads = await Promise.all([api.read(OBJECT), api.read("Device.DeviceInfo.")]);
-      [fw, device] = reads.map((r) => r.object);
-      st.clear();
+  function load() {
+    return api.readForPage([OBJECT, "Device.DeviceInfo."], st, (f, d) => {
+      [fw, device] = [f, d];
       render();
-      return api.earliest(reads);
-    } catch (e) {
-      st.fail(e.message);
-      return null;
-    }
+    });
   }
 
   check.addEventListener("click", () =>

@@ -26,20 +26,13 @@ export function overviewPage() {
         h("a", { href: "#/devices" }, "See connected devices")));
   }
 
-  async function load() {
-    try {
-      const reads = await Promise.all([api.read("Device.DeviceInfo."),
-        api.read("Device.DeviceInfo.WanInfo."), api.read("Device.Hosts.Host.")]);
-      [info, wan, hosts] = reads.map((r) => r.object);
-      hosts = hosts || [];
-      readAt = Date.now();
-      st.clear();
-      render();
-      return api.earliest(reads);
-    } catch (e) {
-      st.fail(e.message);
-      return null;
-    }
+  function load() {
+    return api.readForPage(["Device.DeviceInfo.", "Device.DeviceInfo.WanInfo.", "Device.Hosts.Host."],
+      st, (i, w, hs) => {
+        [info, wan, hosts] = [i, w, hs || []];
+        readAt = Date.now();
+        render();
+      });
   }
 
   const stop = api.live(["Device.DeviceInfo.", "Device.Hosts."], load, () => load());

@@ -88,18 +88,12 @@ export function portsPage() {
     else list.append(empty);
   }
 
-  async function load() {
-    try {
-      const r = await api.read(TABLE);
+  function load() {
+    return api.readForPage([TABLE], st, (rules) => {
       for (const n of [...rows.keys()]) show(n, null);
-      (r.object || []).forEach((rule, i) => { if (rule && !rule._EmptyInstance) show(i + 1, rule); });
+      (rules || []).forEach((rule, i) => { if (rule && !rule._EmptyInstance) show(i + 1, rule); });
       if (!rows.size) list.append(empty);
-      st.clear();
-      return r.eventId;
-    } catch (e) {
-      st.fail(e.message);
-      return null;
-    }
+    });
   }
 
   // The list follows every change, the person's own included.

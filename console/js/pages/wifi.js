@@ -52,23 +52,17 @@ export function wifiPage() {
   const st = status();
   const el = page("Wi-Fi", st.el, list);
 
-  async function load() {
-    try {
-      const reads = await Promise.all([api.read("Device.WiFi.SSID."), api.read("Device.WiFi.AccessPoint.",
-                                                                                { subtree: true })]);
-      const [ssids, aps] = reads.map((r) => r.object || []);
-      list.replaceChildren(...ssids.map((ssid, i) => {
-        if (!ssid || ssid._EmptyInstance) return null;
-        const ap = accessPointOf(aps, i + 1);
-        const point = ap ? aps[ap - 1] : null;
-        return networkCard(i + 1, ssid, ap, point && point.Security, point && point.WPS);
-      }));
-      st.clear();
-      return api.earliest(reads);
-    } catch (e) {
-      st.fail(e.message);
-      return null;
-    }
+  function load() {
+    return api.readForPage(["Device.WiFi.SSID.", ["Device.WiFi.AccessPoint.", { subtree: true }]], st,
+      (ssidList, apList) => {
+        const [ssids, aps] = [ssidList || [], apList || []];
+        list.replaceChildren(...ssids.map((ssid, i) => {
+          if (!ssid || ssid._EmptyInstance) return null;
+          const ap = accessPointOf(aps, i + 1);
+          const point = ap ? aps[ap - 1] : null;
+          return networkCard(i + 1, ssid, ap, point && point.Security, point && point.WPS);
+        }));
+      });
   }
 
   // A network's name changed (here, in another tab, by anyone): shown at
