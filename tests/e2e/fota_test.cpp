@@ -309,28 +309,4 @@ TEST_F(Fota, ASelfSignedCertificateNamingTheHostIsTaken) {
     }
 }
 
-// Checks and upgrades at once share the daemon-wide descriptor: whatever
-// they overwrite, nothing crashes and (under ThreadSanitizer) nothing races.
-TEST_F(Fota, ConcurrentChecksAndUpgrades) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            e2e::Session own;
-            Client c(port);
-            if (c.login("admin", "1234abcd", &own).status != 200)
-                return;
-            for (int i = 0; i < 4; ++i) {
-                Reply r = t % 2 ? c.write("POST", "FOTA?action=online", "", own)
-                                : c.request("GET", "FOTA", "", &own);
-                EXPECT_TRUE(r.status == 200 || r.status == 400) << r.status;
-            }
-        });
-    }
-    for (auto& th : threads)
-        th.join();
-    EXPECT_EQ(200, check().status);
-    EXPECT_EQ(0, d.stop());
-    port = 0;
-}
-
 }  // namespace

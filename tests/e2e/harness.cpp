@@ -411,45 +411,4 @@ bool udpPortTaken(int port) {
     return false;
 }
 
-namespace {
-
-bool tcpPortBindable(int port) {
-    int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 a{};
-    a.sin6_family = AF_INET6;
-    a.sin6_addr = in6addr_any;
-    a.sin6_port = htons(static_cast<uint16_t>(port));
-    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-    close(fd);
-    return ok;
-}
-
-}  // namespace
-
-// Below the kernel's range for clients' ports: a port from that range could
-// be taken by a client connection of another test before the daemon binds
-// it, and the daemon would refuse to start.
-int freePort() {
-    static std::mutex m;
-    static std::minstd_rand rng(static_cast<unsigned>(getpid()) * 7919u +
-                                static_cast<unsigned>(time(nullptr)));
-    std::lock_guard<std::mutex> lock(m);
-    int low = 32768, high = 60999;
-    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low >> high;
-    // Below the clients' range, or above it when it starts low.
-    int bottom = low > 12000 ? 10000 : high + 1;
-    int top = low > 12000 ? low : 65536;
-    if (top - bottom < 1000) {
-        bottom = 1024;
-        top = 65536;
-    }
-    for (int i = 0; i < 1000; ++i) {
-        int port = bottom + static_cast<int>(rng() % static_cast<unsigned>(top - bottom));
-        if (tcpPortBindable(port))
-            return port;
-    }
-    fprintf(stderr, "freePort: no free port between %d and %d\n", bottom, top);
-    abort();
-}
-
 }  // namespace e2e

@@ -68,5 +68,8 @@ long socketCount(int pid);
 // The connections waiting in the accept queue of the TCP socket listening on
 // `port` (/proc/net/tcp and tcp6), -1 when no socket listens there.
 long acceptQueue(int port);
+// A TCP port that is free on loopback now, outside the kernel's range for
+// clients' ports.
+int freePort();
 
 }  // namespace e2e

@@ -47,7 +47,8 @@ def main():
     # The unit tests first, then the end-to-end tests, each stopping at its
     # first failure: a killed mutant costs little.  The concurrency tests
     # (load, many threads) are left out: the mutations change behaviour that
-    # the functional tests pin down.
+    # the functional tests pin down.  They are programs of their own; older
+    # trees kept them in these programs, under names with "Concurrent".
     env = dict(os.environ, GTEST_FAIL_FAST="1", GTEST_FILTER="-*Concurrent*")
     test = ("build-mut/tests/unit_tests >build-mut/unit.log 2>&1 && "
             "build-mut/tests/e2e_wire_tests >build-mut/e2e_wire.log 2>&1 && "

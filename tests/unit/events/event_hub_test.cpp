@@ -22,7 +22,7 @@
 #include "events/event_hub.h"
 #include "fakes/memory_device.h"
 #include "http/http_stream.h"
-#include "test_root.h"
+#include "unit/test_root.h"
 
 namespace {
 

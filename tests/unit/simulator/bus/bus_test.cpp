@@ -11,7 +11,7 @@
 #include "simulator/bus/wcfg_wire.h"
 #include "simulator/standins/knobs.h"
 #include "simulator/store/store.h"
-#include "test_root.h"
+#include "unit/test_root.h"
 
 TEST(Bus, HeaderLayout) {
     EXPECT_EQ(12u, offsetof(wcfgMsgHdr_t, length));

@@ -8,7 +8,7 @@
 
 #include "auth/retry_table.h"
 #include "auth/session.h"
-#include "test_root.h"
+#include "unit/test_root.h"
 
 namespace {
 

@@ -17,8 +17,8 @@
 #include "simulator/standins/standin.h"
 #include "device/wcfg.h"
 #include "simulator/store/store.h"
-#include "store_helpers.h"
-#include "test_root.h"
+#include "unit/simulator/store/store_helpers.h"
+#include "unit/test_root.h"
 
 namespace {
 

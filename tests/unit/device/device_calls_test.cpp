@@ -13,7 +13,7 @@
 #include "device/wcfg.h"
 #include "events/event_render.h"
 #include "fakes/memory_device.h"
-#include "test_root.h"
+#include "unit/test_root.h"
 
 namespace {
 

@@ -15,49 +15,9 @@
 
 #include "timer/timer_list.h"
 #include "timer/uitimer.h"
+#include "unit/timer/timer_fixture.h"
 
 namespace {
-
-class TimerTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/whttpd-uptime-XXXXXX";
-        int fd = mkstemp(tmpl);
-        close(fd);
-        file_ = tmpl;
-        setUptime("100.50");
-        UITimerSetUptimeFile(file_.c_str());
-        UITimerThreadStop();
-        ASSERT_EQ(0, UITimerThreadStart());
-    }
-    void TearDown() override {
-        UITimerThreadStop();
-        UITimerSetUptimeFile(nullptr);
-        unlink(file_.c_str());
-    }
-    // Replaces the uptime file at once, so that the timer thread never reads
-    // a half-written one.
-    void setUptime(const char* text) {
-        std::string tmp = file_ + ".new";
-        FILE* f = fopen(tmp.c_str(), "w");
-        fprintf(f, "%s 1234.00\n", text);
-        fclose(f);
-        rename(tmp.c_str(), file_.c_str());
-    }
-    // Lets the timer thread run a few ticks.
-    static void ticks() { std::this_thread::sleep_for(std::chrono::milliseconds(60)); }
-    static bool waitFor(const std::atomic<int>& v, int want) {
-        for (int i = 0; i < 200 && v.load() < want; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return v.load() >= want;
-    }
-    std::string file_;
-};
-
-int countCallback(uint32_t, void* data) {
-    ++*static_cast<std::atomic<int>*>(data);
-    return 0;
-}
 
 // The ids in the order their callbacks ran; the timer thread writes it.
 std::mutex gOrderMutex;
@@ -219,35 +179,6 @@ TEST_F(TimerTest, StartAndStopTwice) {
     EXPECT_EQ(0, UITimerThreadStop());
     EXPECT_EQ(0, UITimerThreadStop());  // not running: nothing
     EXPECT_EQ(0, UITimerThreadStart());
-}
-
-TEST_F(TimerTest, ConcurrentStartStopWhileFiring) {
-    std::atomic<int> fired{0};
-    std::atomic<bool> done{false};
-    std::thread clock([&] {
-        for (int s = 101; !done; ++s) {
-            setUptime((std::to_string(s) + ".00").c_str());
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    });
-    std::vector<std::thread> workers;
-    for (int w = 0; w < 4; ++w) {
-        workers.emplace_back([&] {
-            for (int i = 0; i < 300; ++i) {
-                int id = UITimerStart(static_cast<uint32_t>(i % 3) * 1000, countCallback, &fired);
-                int pid = UIPeriodicTimerStart(1000, countCallback, &fired);
-                if (i % 2)
-                    UITimerStop(static_cast<uint32_t>(id));
-                UIPeriodicTimerStop(static_cast<uint32_t>(pid));
-            }
-        });
-    }
-    for (auto& t : workers)
-        t.join();
-    done = true;
-    clock.join();
-    // The zero-interval timers left running are due and fire at the next tick.
-    EXPECT_TRUE(waitFor(fired, 1));
 }
 
 TEST(TimerList, InsertGetRemoveAndIterate) {
