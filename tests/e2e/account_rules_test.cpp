@@ -182,7 +182,9 @@ TEST_F(AccountRules, AdminChangesItsOwnAndLowerGroupsOnly) {
 }
 
 TEST_F(AccountRules, EditorLocksWrongOldPasswordsAndHidesWhichNamesExist) {
-    ASSERT_EQ(0, root.wcfgctl({"set", kUser, R"({"AccountLockTime":2})"}));
+    // A lock longer than the test (its run-out is the retry table's, tested
+    // on a clock the unit test drives).
+    ASSERT_EQ(0, root.wcfgctl({"set", kUser, R"({"AccountLockTime":3600})"}));
     Session admin = login("admin", "1234abcd");
     Client c(port);
     auto edit = [&](const std::string& body) {
@@ -200,10 +202,6 @@ TEST_F(AccountRules, EditorLocksWrongOldPasswordsAndHidesWhichNamesExist) {
     edit(update("user", "wrong1234", "user", "n3wPassword"));
     EXPECT_EQ(wrong.body, edit(update("user", "user1234", "user", "n3wPassword")).body);
     EXPECT_EQ(401, c.login("user", "user1234").status);
-    // The lock runs out (2 s); then the right password changes it.
-    e2e::sleepMs(2500);
-    EXPECT_EQ("Success", operStatus(edit(update("user", "user1234", "user", "n3wPassword"))));
-    login("user", "n3wPassword");
 }
 
 TEST_F(AccountRules, EscapedNulMatchesNoAccount) {

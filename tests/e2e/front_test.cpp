@@ -154,72 +154,46 @@ TEST_F(FrontConcurrent, IdleAndSlowFloodsLeaveAProperClientServed) {
 
 TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
     startWith("per_address=4,idle_ms=60000,handshake_ms=60000,request_ms=60000");
-    // Four connections of one address, each inside an unfinished request.
+    // Four connections of one address, each inside an unfinished request: the
+    // daemon's "100 Continue" shows that it has read the header (until then
+    // the connection is idle, and an idle one yields to a newcomer).
     std::vector<RawConn> held;
     for (int i = 0; i < 4; ++i) {
         held.push_back(tlsFrom("127.0.3.1"));
-        ASSERT_TRUE(held.back().send("GET /api/v1/MethodList HTTP/1.1\r\nHo"));
+        ASSERT_TRUE(held.back().send(
+            "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
+            "Expect: 100-continue\r\nContent-Length: 10\r\n\r\n"));
+        std::string got;
+        for (int k = 0; k < 100 && got.find("100 Continue") == std::string::npos; ++k)
+            got += held.back().readSome(200);
+        ASSERT_NE(std::string::npos, got.find("HTTP/1.1 100 Continue")) << got;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     RawConn extra;
     ASSERT_TRUE(extra.connect(port, "127.0.3.1"));
     EXPECT_TRUE(extra.closedWithin(10000));  // refused at once, long before any time-out
     EXPECT_TRUE(servedFrom("127.0.3.2"));
-    // A connection of the full address that closes makes room for another.
+    // A connection of the full address that closes makes room for another
+    // (once the daemon has seen it close).
     held.pop_back();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.1").login("admin", "1234abcd").status);
-}
-
-TEST_F(FrontConcurrent, AnAddressAtItsCeilingClosesItsOwnIdleConnectionForANewOne) {
-    startWith("per_address=4,idle_ms=60000,handshake_ms=60000");
-    std::vector<RawConn> idle;
-    for (int i = 0; i < 4; ++i)
-        idle.push_back(tlsFrom("127.0.3.3"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    // A fifth is served; the one that waited longest is closed for it.
-    EXPECT_EQ(200, Client(port, "127.0.0.1", "127.0.3.3").login("admin", "1234abcd").status);
-    EXPECT_TRUE(idle.front().closedWithin(10000));
-    for (size_t i = 1; i < idle.size(); ++i)
-        EXPECT_FALSE(idle[i].closedWithin(100)) << i;
-}
-
-TEST_F(FrontConcurrent, OversizeBrokenAndUnfinishedRequestsGetTheirStatus) {
-    startWith("request_ms=1500,idle_ms=1500");
-    struct Case {
-        const char* name;
-        std::string bytes;
-        const char* status;
-    };
-    const Case cases[] = {
-        {"headers over 16 KiB",
-         "GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\nX-Big: " + std::string(20000, 'a') +
-             "\r\n\r\n",
-         "HTTP/1.1 431 Request Header Fields Too Large"},
-        {"body over 64 KiB",
-         "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
-         "Content-Length: 100000\r\n\r\n",
-         "HTTP/1.1 413 Payload Too Large"},
-        {"unfinished request", "GET /api/v1/MethodList HTTP/1.1\r\nHo",
-         "HTTP/1.1 408 Request Timeout"},
-        {"not HTTP", "BLAH\x01\x02 / HTTP/1.1\r\n\r\n", "HTTP/1.1 400 Bad Request"},
-        {"kept alive, then idle", "GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n\r\n",
-         "HTTP/1.1 401 Unauthorized"},
-    };
-    for (const Case& c : cases) {
-        RawConn conn = tlsFrom("127.0.4.1");
-        ASSERT_TRUE(conn.send(c.bytes)) << c.name;
-        bool closed = false;
-        std::string answer = conn.readUntilClose(10000, &closed);
-        EXPECT_EQ(c.status, statusLine(answer)) << c.name;
-        EXPECT_TRUE(closed) << c.name;
+    long status = 0;
+    for (int i = 0; i < 500 && status != 200; ++i) {
+        status = Client(port, "127.0.0.1", "127.0.3.1").login("admin", "1234abcd").status;
+        if (status != 200)
+            e2e::sleepMs(20);
     }
-    // Plain HTTP on the TLS port: closed without an answer.
-    RawConn plain;
-    ASSERT_TRUE(plain.connect(port, "127.0.4.2"));
-    ASSERT_TRUE(plain.send("GET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n\r\n"));
+    EXPECT_EQ(200, status);
+}
+
+// The adapter's refusals are its unit tests'; here the daemon's own limit.
+TEST_F(FrontConcurrent, ABodyOverTheDaemonsLimitIsRefused) {
+    start();
+    RawConn conn = tlsFrom("127.0.4.1");
+    ASSERT_TRUE(conn.send(
+        "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
+        "Content-Length: 100000\r\n\r\n"));
     bool closed = false;
-    EXPECT_EQ("", plain.readUntilClose(10000, &closed));
+    std::string answer = conn.readUntilClose(10000, &closed);
+    EXPECT_EQ("HTTP/1.1 413 Payload Too Large", statusLine(answer));
     EXPECT_TRUE(closed);
     EXPECT_TRUE(servedFrom("127.0.0.1"));
 }
@@ -287,50 +261,11 @@ TEST_F(FrontConcurrent, AClientThatNeverReadsHoldsUpNoOtherWriter) {
     EXPECT_EQ("Success", e2e::operStatus(r)) << r.body;
 }
 
-TEST_F(FrontConcurrent, ABodyDrippedInTinyRecordsIsStillCutOff) {
-    startWith("request_ms=1000,idle_ms=60000");
-    // Headers, then one-byte TLS records sent without pause from just before
-    // the request deadline to just after it, then silence: every connection
-    // ends (408 or closed) soon after, none lingers with a read pending and
-    // no deadline left.
-    std::vector<RawConn> conns;
-    for (int i = 0; i < 12; ++i) {
-        conns.push_back(tlsFrom("127.0.6." + std::to_string(1 + i)));
-        ASSERT_TRUE(
-            conns.back().send("PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\n"
-                              "Host: d\r\nContent-Length: 60000\r\n\r\n"));
-    }
-    Clock::time_point t0 = Clock::now();
-    std::this_thread::sleep_for(std::chrono::milliseconds(850));
-    std::vector<bool> open(conns.size(), true);
-    while (msSince(t0) < 1400)
-        for (size_t i = 0; i < conns.size(); ++i)
-            if (open[i] && !conns[i].send("x"))
-                open[i] = false;
-    for (size_t i = 0; i < conns.size(); ++i) {
-        bool closed = false;
-        conns[i].readUntilClose(6000, &closed);
-        EXPECT_TRUE(closed) << i;
-    }
-}
-
-TEST_F(FrontConcurrent, ContinueAndHeadAsHttpSays) {
-    startWith("request_ms=10000");
+TEST_F(FrontConcurrent, HeadAsHttpSays) {
+    start();
     const std::string cookie = "Cookie: Session=" + s.id + "\r\n";
-    // A client that waits for "100 Continue" before its body gets it.
-    // (From the session's own address: a session answers only there.)
-    RawConn put = tlsFrom("127.0.0.1");
-    const std::string body = R"({"SSID":"after-continue"})";
-    ASSERT_TRUE(put.send(
-        "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1.?sessionkey=" + std::to_string(s.key) +
-        " HTTP/1.1\r\nHost: d\r\n" + cookie + "Content-Length: " + std::to_string(body.size()) +
-        "\r\nExpect: 100-continue\r\nConnection: close\r\n\r\n"));
-    EXPECT_EQ("HTTP/1.1 100 Continue\r\n\r\n", put.readUntilClose(3000));
-    ASSERT_TRUE(put.send(body));
-    std::string answer = put.readUntilClose(10000);
-    EXPECT_EQ("HTTP/1.1 200 OK", statusLine(answer)) << answer;
-    EXPECT_NE(std::string::npos, answer.find("\"Success\"")) << answer;
     // HEAD: the headers of the answer, no body; the connection stays usable.
+    // (From the session's own address: a session answers only there.)
     RawConn head = tlsFrom("127.0.0.1");
     ASSERT_TRUE(head.send("HEAD /api/v1/TR181/Value/Device.DeviceInfo. HTTP/1.1\r\nHost: d\r\n" +
                           cookie + "\r\nGET /api/v1/MethodList HTTP/1.1\r\nHost: d\r\n" + cookie +

@@ -1,3 +1,5 @@
+// The end-to-end harness: device roots, the daemon and its tools as child
+// processes, the stand-in cloud, free ports (harness.h).
 #include "harness.h"
 
 #include <curl/curl.h>
@@ -22,6 +24,7 @@
 #include <sstream>
 #include <thread>
 
+#include "client.h"
 #include "device/bus.h"
 
 namespace e2e {
@@ -295,6 +298,16 @@ bool Daemon::waitForOutput(const std::string& text, int timeoutMs) const {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (std::chrono::steady_clock::now() < end) {
         if (out().find(text) != std::string::npos || err().find(text) != std::string::npos)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+bool Daemon::waitForCount(const std::string& text, size_t count, int timeoutMs) const {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < end) {
+        if (countOf(out(), text) + countOf(err(), text) >= count)
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }

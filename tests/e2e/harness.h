@@ -57,6 +57,8 @@ class Daemon {
     std::string err() const;  // standard error so far
     // Waits until standard output or error contains `text`.
     bool waitForOutput(const std::string& text, int timeoutMs = 10000) const;
+    // Waits until the output holds `text` at least `count` times.
+    bool waitForCount(const std::string& text, size_t count, int timeoutMs = 20000) const;
 
   private:
     bool busBound() const;

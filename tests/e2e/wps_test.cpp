@@ -95,10 +95,11 @@ TEST_F(Wps, EveryStatusClassReadsItsText) {
 
 TEST_F(Wps, ExtenderReportsSuccessThroughTheMarker) {
     start(2);
-    knob("wifi.wps.walk_seconds", "20");
+    knob("wifi.wps.walk_seconds", "1000000");
     knob("wifi.wps.outcome", "success");
     EXPECT_EQ("Success", press());
-    e2e::sleepMs(300);
+    // The walk ends: the service reads its time at every status request.
+    knob("wifi.wps.walk_seconds", "0");
     EXPECT_EQ("NoError, WPS ok!", running());
     EXPECT_FALSE(root.exists("/tmp/wps_success"));
 }
@@ -136,24 +137,27 @@ TEST_F(Wps, PollsUseTheFirstSevenCharactersOfTheInterface) {
 }
 
 // A set waits for the Wi-Fi service and its polls; other clients log in and
-// read meanwhile.
+// read meanwhile.  The service holds its reply until the test lets it go.
 TEST_F(Wps, OtherClientsAreServedWhileASetWaits) {
     start();
     knob("wifi.wps.forced_status", "0");
-    knob("wifi.wps.delay_ms", "600");  // six requests: about four seconds
+    knob("wifi.wps.hold", "1");
     std::atomic<bool> done{false};
     std::string result;
     std::thread setter([&] {
         result = press();
         done = true;
     });
-    e2e::sleepMs(300);
+    // The set has reached the service, which holds it.
+    for (int i = 0; i < 1000 && journal().find(R"("type":4006)") == std::string::npos; ++i)
+        e2e::sleepMs(20);
     Session other;
     Client c(port);
     EXPECT_EQ(200, c.login("user", "user1234", &other).status);
     EXPECT_EQ("Success",
               operStatus(c.request("GET", "TR181/Value/Device.DeviceInfo.", "", &other)));
     EXPECT_FALSE(done.load()) << "the set was expected to be still waiting";
+    knob("wifi.wps.hold", "");
     setter.join();
     EXPECT_EQ("Success", result);
 }

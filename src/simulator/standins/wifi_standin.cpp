@@ -7,6 +7,8 @@
 //   wifi.wps.reply          "normal", "none" (no reply: the caller times out),
 //                           "kind1" (success without payload), "error" (-5)
 //   wifi.wps.delay_ms       a delay before every reply
+//   wifi.wps.hold           "1": every reply waits until it is something else
+//                           (a test holds a request the daemon waits for)
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -126,6 +128,8 @@ void* wifiServiceReply(const void* request, size_t length) {
     journalRequest(req, ifName);
     if (long delay = knobNumber("wifi.wps.delay_ms", 0); delay > 0)
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    while (knob("wifi.wps.hold", "") == "1")
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     std::string mode = knob("wifi.wps.reply", "normal");
     if (mode == "none")
         return nullptr;

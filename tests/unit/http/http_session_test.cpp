@@ -223,6 +223,28 @@ TEST_F(HttpSessionTest, AnUnfinishedRequestIsAnswered408AtItsDeadline) {
     EXPECT_EQ(0, gCalls.load());
 }
 
+// A header dripped a byte at a time, without pause: each byte read does not
+// move the deadline, and the connection ends while the drip goes on.
+TEST_F(HttpSessionTest, ADrippedRequestEndsAtItsDeadlineAllTheSame) {
+    CgHttpLimits l = quickLimits();
+    l.requestTimeoutMs = 200;
+    start(l);
+    e2e::RawConn c;
+    connect(c);
+    bool closed = false;
+    std::string got;
+    const std::string header = "GET /echo HTTP/1.1\r\nX-Drip: ";
+    for (size_t i = 0; i < 100000 && !closed; ++i) {
+        if (!c.send(i < header.size() ? header.substr(i, 1) : "a"))
+            break;
+        got += c.readSome(5, &closed);
+    }
+    got += c.readUntilClose(kWait, &closed);
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(got.empty() || got.find("HTTP/1.1 408") == 0) << got;
+    EXPECT_EQ(0, gCalls.load());
+}
+
 // The handshake phase: a client that is silent, or that speaks anything but
 // TLS, is closed without a byte of answer.
 TEST_F(HttpSessionTest, AClientThatDoesNotSpeakTlsIsClosedWithoutAnAnswer) {
