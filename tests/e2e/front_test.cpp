@@ -160,9 +160,9 @@ TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
     std::vector<RawConn> held;
     for (int i = 0; i < 4; ++i) {
         held.push_back(tlsFrom("127.0.3.1"));
-        ASSERT_TRUE(held.back().send(
-            "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
-            "Expect: 100-continue\r\nContent-Length: 10\r\n\r\n"));
+        ASSERT_TRUE(
+            held.back().send("PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
+                             "Expect: 100-continue\r\nContent-Length: 10\r\n\r\n"));
         std::string got;
         for (int k = 0; k < 100 && got.find("100 Continue") == std::string::npos; ++k)
             got += held.back().readSome(200);
@@ -188,9 +188,9 @@ TEST_F(FrontConcurrent, PerAddressCeilingRefusesOnlyThatAddress) {
 TEST_F(FrontConcurrent, ABodyOverTheDaemonsLimitIsRefused) {
     start();
     RawConn conn = tlsFrom("127.0.4.1");
-    ASSERT_TRUE(conn.send(
-        "PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
-        "Content-Length: 100000\r\n\r\n"));
+    ASSERT_TRUE(
+        conn.send("PUT /api/v1/TR181/Value/Device.WiFi.SSID.1. HTTP/1.1\r\nHost: d\r\n"
+                  "Content-Length: 100000\r\n\r\n"));
     bool closed = false;
     std::string answer = conn.readUntilClose(10000, &closed);
     EXPECT_EQ("HTTP/1.1 413 Payload Too Large", statusLine(answer));

@@ -154,8 +154,8 @@ TEST(Login, EachFailureHasItsTextAndStatus) {
 // drives; here the lock lasts longer than any test.
 TEST(Login, RetriesLockTheUser) {
     DeviceRoot root;
-    ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount,
-                               "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", kUserAccount, "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
     Daemon d;
     d.setEnv("WLOG_LEVEL", "7");
     int port = e2e::startDaemon(d, root);
@@ -192,8 +192,8 @@ TEST(Login, RetriesLockTheUser) {
 // makes a new entry forgets them.
 TEST(Login, ANewEntryForgetsTheFailuresAReusedOneKeepsThem) {
     DeviceRoot root;
-    ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount,
-                               "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
+    ASSERT_EQ(0, root.wcfgctl(
+                     {"set", kUserAccount, "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
     Daemon d;
     d.setEnv("WLOG_LEVEL", "7");
     int port = e2e::startDaemon(d, root);

@@ -2,7 +2,7 @@
 // a whole session (login, reads, writes that follow the key renewal,
 // logout), batches, the schema and method list, the password change, the
 // device actions, the firmware upgrade against the cloud stand-in,
-// discovery, TLS trust, and the client's own defences: bad paths and JSON,
+// discovery, TLS trust, the password prompt, and the client's own defences: bad paths and JSON,
 // unreachable or silent devices, and state files that an attacker planted,
 // opened up or swapped.
 #include <arpa/inet.h>
@@ -13,16 +13,12 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -286,26 +282,6 @@ TEST_F(Whttpctl, WholeSessionFollowsEveryKeyRenewal) {
     r = ctl({"get", "Device.DeviceInfo."});
     EXPECT_EQ(1, r.status);
     EXPECT_EQ("whttpctl: Timeout (HTTP 504)\n", r.err);
-}
-
-TEST_F(Whttpctl, RunsAtOnceTakeTurnsWithTheKey) {
-    // Each write needs the key the one before brought: runs started together
-    // share the state file and still all succeed.
-    start();
-    login();
-    std::vector<std::thread> runs;
-    int status[6];
-    for (int i = 0; i < 6; ++i) {
-        runs.emplace_back([this, i, &status] {
-            status[i] = ctl({"set", "Device.NAT.PortMapping.1.",
-                             "{\"Description\":\"run" + std::to_string(i) + "\"}"})
-                            .status;
-        });
-    }
-    for (auto& t : runs)
-        t.join();
-    for (int s : status)
-        EXPECT_EQ(0, s);
 }
 
 TEST_F(Whttpctl, PrettyOrCompactTheSameDocument) {
@@ -661,133 +637,6 @@ TEST_F(Whttpctl, StateFilesThatCannotBeTrustedAreRefused) {
 
 namespace {
 
-// whttpctl at a password prompt on a pseudo-terminal, started as a shell
-// starts a job: a session of its own with the terminal, the client in its
-// own foreground process group below a parent that waits for it (a stop
-// signal is discarded in a group without such a parent).  The test keeps
-// the terminal's slave end open, to read its modes after the client ends.
-class PromptOnPty {
-  public:
-    ~PromptOnPty() {
-        if (shell_ > 0) {
-            kill(client_, SIGKILL);
-            waitpid(shell_, nullptr, 0);
-        }
-        close(master_);
-        close(slave_);
-    }
-    bool start(const std::string& dir, const std::vector<std::string>& args) {
-        if (openpty(&master_, &slave_, nullptr, nullptr, nullptr) != 0)
-            return false;
-        int report[2];
-        if (pipe(report) != 0)
-            return false;
-        pid_t parent = getpid();
-        shell_ = fork();
-        if (shell_ == 0)
-            runShell(parent, dir, args, report[1]);
-        close(report[1]);
-        bool ok = read(report[0], &client_, sizeof client_) == sizeof client_;
-        close(report[0]);
-        return ok;
-    }
-    // Reads what the terminal shows until `text` appears (bounded).
-    bool waitFor(const std::string& text) {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (shown_.find(text) == std::string::npos && std::chrono::steady_clock::now() < end)
-            drain(100);
-        return shown_.find(text) != std::string::npos;
-    }
-    void drain(int ms) {
-        pollfd p{master_, POLLIN, 0};
-        char buf[4096];
-        ssize_t n = 0;
-        if (poll(&p, 1, ms) > 0 && (n = read(master_, buf, sizeof buf)) > 0)
-            shown_.append(buf, static_cast<size_t>(n));
-    }
-    bool echo() const {
-        termios t{};
-        tcgetattr(slave_, &t);
-        return (t.c_lflag & ECHO) != 0;
-    }
-    // Polls (bounded) until the terminal's echo is `on`.
-    bool waitEcho(bool on) {
-        for (int i = 0; i < 3000 && echo() != on; ++i)
-            drain(10);
-        return echo() == on;
-    }
-    // The client's state letter in /proc ('T' stopped).
-    char state() const {
-        std::string stat = slurp("/proc/" + std::to_string(client_) + "/stat");
-        size_t at = stat.rfind(')');
-        return at == std::string::npos || at + 2 >= stat.size() ? '?' : stat[at + 2];
-    }
-    void type(const std::string& text) { (void)!write(master_, text.data(), text.size()); }
-    pid_t client() const { return client_; }
-    const std::string& shown() const { return shown_; }
-    // The client's exit status, 128 + the signal that ended it, or -1000
-    // when it had to be killed.
-    int finish() {
-        int status = 0;
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (waitpid(shell_, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > end) {
-                kill(client_, SIGKILL);
-                waitpid(shell_, &status, 0);
-                shell_ = -1;
-                return -1000;
-            }
-            drain(10);
-        }
-        shell_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-  private:
-    // The parent in the new session: makes the client the foreground job,
-    // then waits for it and exits with its status.
-    [[noreturn]] void runShell(pid_t parent, const std::string& dir,
-                               const std::vector<std::string>& args, int report) {
-        e2e::dieWithParent(parent);
-        setsid();
-        ioctl(slave_, TIOCSCTTY, 0);
-        int go[2];
-        (void)!pipe(go);
-        pid_t shell = getpid();
-        pid_t client = fork();
-        if (client == 0) {
-            char c;
-            close(go[1]);
-            (void)!read(go[0], &c, 1);  // until it is the foreground job
-            rlimit none{0, 0};
-            setrlimit(RLIMIT_CORE, &none);
-            // A shell's foreground job starts with the signals' default
-            // actions, even where the test itself runs with some ignored (a
-            // background job of a shell without job control ignores SIGINT
-            // and SIGQUIT).
-            for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP})
-                signal(sig, SIG_DFL);
-            dup2(slave_, 0);
-            dup2(slave_, 1);
-            dup2(slave_, 2);
-            execCtl(shell, dir, args);
-        }
-        setpgid(client, client);
-        signal(SIGTTOU, SIG_IGN);
-        tcsetpgrp(slave_, client);
-        (void)!write(go[1], "g", 1);
-        (void)!write(report, &client, sizeof client);
-        int status = 0;
-        while (waitpid(client, &status, 0) < 0 && errno == EINTR) {
-        }
-        _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
-    }
-
-    int master_ = -1, slave_ = -1;
-    pid_t shell_ = -1, client_ = -1;
-    std::string shown_;
-};
-
 // A UDP socket bound to `address` on a free port.
 int udpOn(const char* address, uint16_t& port) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -809,60 +658,6 @@ std::string answerDatagram(const std::string& json) {
 }
 
 }  // namespace
-
-TEST_F(Whttpctl, SignalsAtThePasswordPromptLeaveTheTerminalEchoing) {
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-        SCOPED_TRACE(strsignal(sig));
-        PromptOnPty pty;
-        ASSERT_TRUE(pty.start(home, {"--url", "https://127.0.0.1:1", "login", "admin"}));
-        ASSERT_TRUE(pty.waitFor("Password for admin: ")) << pty.shown();
-        EXPECT_FALSE(pty.echo());
-        kill(pty.client(), sig);
-        EXPECT_EQ(128 + sig, pty.finish()) << pty.shown();
-        EXPECT_TRUE(pty.echo());
-    }
-}
-
-TEST_F(Whttpctl, StoppedAtThePasswordPromptTheTerminalEchoesUntilContinued) {
-    start();
-    PromptOnPty pty;
-    ASSERT_TRUE(pty.start(home, {"--url", url(), "--insecure", "login", "admin"}));
-    ASSERT_TRUE(pty.waitFor("Password for admin: ")) << pty.shown();
-    EXPECT_FALSE(pty.echo());
-    // Ctrl-Z: the shell the user returns to echoes again.
-    kill(pty.client(), SIGTSTP);
-    for (int i = 0; i < 3000 && pty.state() != 'T'; ++i)
-        e2e::sleepMs(10);
-    ASSERT_EQ('T', pty.state());
-    EXPECT_TRUE(pty.echo());
-    // Back in the foreground: the rest of the password is not echoed.
-    kill(pty.client(), SIGCONT);
-    EXPECT_TRUE(pty.waitEcho(false));
-    pty.type("1234abcd\n");
-    EXPECT_EQ(0, pty.finish()) << pty.shown();
-    EXPECT_EQ(std::string::npos, pty.shown().find("1234abcd")) << pty.shown();
-    EXPECT_TRUE(pty.echo());
-}
-
-TEST_F(Whttpctl, AClientAtItsPromptDoesNotHoldUpOtherRuns) {
-    start();
-    login();
-    // A login that waits at its prompt for as long as the test wants.
-    PromptOnPty waiting;
-    ASSERT_TRUE(waiting.start(home, {"--url", url(), "--insecure", "login", "admin"}));
-    ASSERT_TRUE(waiting.waitFor("Password for admin: ")) << waiting.shown();
-    Outcome r = runCtl(home,
-                       {"--url", url(), "--insecure", "set", "Device.NAT.PortMapping.1.",
-                        R"({"Description":"meanwhile"})"},
-                       "", 30000);
-    EXPECT_EQ(0, r.status) << r.err;
-    r = runCtl(home, {"--url", url(), "--insecure", "get", "Device.NAT.PortMapping.1."}, "", 30000);
-    EXPECT_EQ(0, r.status) << r.err;
-    waiting.type("1234abcd\n");
-    EXPECT_EQ(0, waiting.finish()) << waiting.shown();
-    // The login's session replaced the other one, and works.
-    EXPECT_EQ(0, ctl({"set", "Device.NAT.PortMapping.1.", R"({"Description":"after"})"}).status);
-}
 
 TEST_F(Whttpctl, DiscoverTakesOneAnswerFromTheAddressAskedOnly) {
     // A stand-in device on 127.0.0.1, and a stranger on 127.0.0.5 who answers
@@ -904,22 +699,6 @@ TEST_F(Whttpctl, DiscoverTakesOneAnswerFromTheAddressAskedOnly) {
     std::string one = json_object_to_json_string(json_object_array_get_idx(list.get(), 0));
     EXPECT_EQ("\"latest\"", member(one, "ModelName"));
     EXPECT_EQ("\"127.0.0.1\"", member(one, "Address"));
-}
-
-TEST_F(Whttpctl, EndlessBatchInputIsRefusedAfterTheLimit) {
-    start();
-    login();
-    Outcome r = runCtl(home, {"--url", url(), "--insecure", "batch", "/dev/zero"}, "", 30000);
-    EXPECT_EQ(2, r.status);
-    EXPECT_EQ("whttpctl: /dev/zero is larger than a batch may be (1 MiB)\n", r.err);
-    // Just over the limit from standard input: likewise.
-    r = ctl({"batch", "-"}, "[" + std::string(1 << 20, ' ') + "]");
-    EXPECT_EQ(2, r.status);
-    EXPECT_NE(std::string::npos, r.err.find("larger than")) << r.err;
-    // At the limit: read whole.
-    r = ctl({"batch", "-"}, R"([{"object_path":"Device.NAT.PortMapping.1.","Description":"big"}])" +
-                                std::string((1 << 20) - 65, ' '));
-    EXPECT_EQ(0, r.status) << r.err;
 }
 
 TEST_F(Whttpctl, CharactersATerminalActsOnArePrintedEscaped) {

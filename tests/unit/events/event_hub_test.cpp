@@ -199,3 +199,28 @@ TEST_F(EventHub, AStreamWhoseSessionEndsIsToldWhyAndEnds) {
     EXPECT_TRUE(leaving->s->out->finished() || leaving->s->out->closed());
     EXPECT_EQ(0, leaving->count("change", "Device.WiFi.SSID.1."));
 }
+
+// Only objects of the API are told of.  A deleted object can no longer be
+// read: its delete is told when a GET could name such an object.
+TEST_F(EventHub, OnlyObjectsOfTheApiAreToldOfDeletesIncluded) {
+    auto c = open("s-delete", {});
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Change, "Device.X_NotOfTheApi.7."));
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Add, "Device.X_NotOfTheApi.8."));
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Delete, "Device.X_NotOfTheApi.7."));
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Delete, "Device.NAT.PortMapping.5."));
+    ASSERT_TRUE(c->waitFor("delete", "Device.NAT.PortMapping.5."));
+    EXPECT_EQ(0, c->count("change", "Device.X_NotOfTheApi.7."));
+    EXPECT_EQ(0, c->count("add", "Device.X_NotOfTheApi.8."));
+    EXPECT_EQ(0, c->count("delete", "Device.X_NotOfTheApi.7."));
+}
+
+// A configuration replaced whole is one resync for every stream, whatever
+// it watches.
+TEST_F(EventHub, AResetIsOneResyncForEveryStream) {
+    auto all = open("s-reset-all", {});
+    auto one = open("s-reset-one", {"Device.WiFi.SSID.2."});
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Reset, "Device."));
+    ASSERT_TRUE(all->waitFor("resync", "configuration reset"));
+    ASSERT_TRUE(one->waitFor("resync", "configuration reset"));
+    EXPECT_EQ(1, one->count("resync", "configuration reset"));
+}
