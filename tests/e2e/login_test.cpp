@@ -150,18 +150,26 @@ TEST(Login, EachFailureHasItsTextAndStatus) {
     EXPECT_EQ(0, d.stop());
 }
 
-// The lock's run-out is the retry table's, tested on a clock the unit test
-// drives; here the lock lasts longer than any test.
-TEST(Login, RetriesLockTheUser) {
+// The user locked after three failures.  The lock's run-out is the retry
+// table's, tested on a clock the unit test drives; here the lock lasts
+// longer than any test.
+class LoginLock : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount,
+                                   "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
+        d.setEnv("WLOG_LEVEL", "7");
+        port = e2e::startDaemon(d, root);
+        ASSERT_NE(0, port) << d.out() << d.err();
+    }
+    size_t locks() const { return e2e::countOf(d.err(), "Locked User AfterLockTime="); }
     DeviceRoot root;
-    ASSERT_EQ(0, root.wcfgctl(
-                     {"set", kUserAccount, "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
     Daemon d;
-    d.setEnv("WLOG_LEVEL", "7");
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    int port = 0;
+};
+
+TEST_F(LoginLock, RetriesLockTheUser) {
     Client c(port);
-    auto locks = [&] { return e2e::countOf(d.err(), "Locked User AfterLockTime="); };
 
     Session s;
     ASSERT_EQ(200, c.login("user", "user1234", &s).status);
@@ -190,16 +198,8 @@ TEST(Login, RetriesLockTheUser) {
 
 // A login that reuses its entry leaves the failures on record; a login that
 // makes a new entry forgets them.
-TEST(Login, ANewEntryForgetsTheFailuresAReusedOneKeepsThem) {
-    DeviceRoot root;
-    ASSERT_EQ(0, root.wcfgctl(
-                     {"set", kUserAccount, "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
-    Daemon d;
-    d.setEnv("WLOG_LEVEL", "7");
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+TEST_F(LoginLock, ANewEntryForgetsTheFailuresAReusedOneKeepsThem) {
     Client c(port);
-    auto locks = [&] { return e2e::countOf(d.err(), "Locked User AfterLockTime="); };
 
     Session s;
     ASSERT_EQ(200, c.login("user", "user1234", &s).status);

@@ -14,27 +14,7 @@
 
 namespace {
 
-int add(const char* table, objIndex_t* out) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId((std::string(table) + "i").c_str(), &iid);
-    int rc = wcfgFeObjJsonAdd(oid, &iid, nullptr);
-    *out = iid;
-    return rc;
-}
-
-int del(const char* path) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    return wcfgFeObjJsonDel(oid, &iid, nullptr);
-}
-
-class StoreRules : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        unitTestRoot();
-        ASSERT_EQ(0, wcfg::Store::instance().resetToDefaults());
-    }
-};
+class StoreRules : public StoreFixture {};
 
 }  // namespace
 
@@ -69,11 +49,11 @@ TEST_F(StoreRules, ConcurrentReadsBesideWritesSeeWholeObjects) {
         ASSERT_EQ(0, storeSet("Device.NAT.PortMapping.1.",
                               ("{\"ExternalPort\":" + v + ",\"InternalPort\":" + v + "}").c_str()));
         objIndex_t added;
-        ASSERT_EQ(0, add("Device.NAT.PortMapping.", &added));
+        ASSERT_EQ(0, storeAdd("Device.NAT.PortMapping.", &added));
         std::string path = "Device.NAT.PortMapping." + std::to_string(added.idx[0]) + ".";
         ASSERT_EQ(0, storeSet(path.c_str(),
                               ("{\"ExternalPort\":" + v + ",\"InternalPort\":" + v + "}").c_str()));
-        ASSERT_EQ(0, del(path.c_str()));
+        ASSERT_EQ(0, storeDel(path.c_str()));
     }
     stop = true;
     for (auto& t : readers)

@@ -30,21 +30,6 @@ int set(const char* path, const char* json) {
     return storeSet(path, json);
 }
 
-int add(const char* table, objIndex_t* out = nullptr) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId((std::string(table) + "i").c_str(), &iid);
-    int rc = wcfgFeObjJsonAdd(oid, &iid, nullptr);
-    if (out)
-        *out = iid;
-    return rc;
-}
-
-int del(const char* path) {
-    objIndex_t iid;
-    int32_t oid = wcfgFeObjNameToObjId(path, &iid);
-    return wcfgFeObjJsonDel(oid, &iid, nullptr);
-}
-
 std::string get(const char* path, const char* key) {
     return storeGet(path, key);
 }
@@ -73,13 +58,7 @@ const char* const kSup = "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.";
 const char* const kAdmin = "Device.X_OLVEX_LoginCfg.LogGp.2.Account.1.";
 const char* const kUser = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
 
-class StoreRules : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        unitTestRoot();
-        ASSERT_EQ(0, wcfg::Store::instance().resetToDefaults());
-    }
-};
+class StoreRules : public StoreFixture {};
 
 }  // namespace
 
@@ -93,12 +72,12 @@ TEST_F(StoreRules, SessionsReachTheirOwnAndLowerGroups) {
     EXPECT_EQ(WCFG_REQUEST_REJECT,
               set("Device.X_OLVEX_LoginCfg.LogGp.3.", R"({"GP_Privilege": "app,http,ssh"})"));
     EXPECT_EQ(WCFG_REQUEST_REJECT, set("Device.X_OLVEX_SP_TrustDomain.1.", R"({"Enable": false})"));
-    EXPECT_EQ(WCFG_REQUEST_REJECT, add("Device.X_OLVEX_LoginCfg.LogGp.2.Account."));
-    EXPECT_EQ(WCFG_REQUEST_REJECT, add("Device.X_OLVEX_SP_TrustDomain."));
-    EXPECT_EQ(WCFG_REQUEST_REJECT, del(kAdmin));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, storeAdd("Device.X_OLVEX_LoginCfg.LogGp.2.Account."));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, storeAdd("Device.X_OLVEX_SP_TrustDomain."));
+    EXPECT_EQ(WCFG_REQUEST_REJECT, storeDel(kAdmin));
     objIndex_t added;
-    ASSERT_EQ(0, add("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
-    EXPECT_EQ(0, del("Device.X_OLVEX_LoginCfg.LogGp.3.Account.2."));
+    ASSERT_EQ(0, storeAdd("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
+    EXPECT_EQ(0, storeDel("Device.X_OLVEX_LoginCfg.LogGp.3.Account.2."));
     EXPECT_EQ("900", get(kUser, "AccountIdleTime"));
     EXPECT_EQ("\"httpd,sshd\"", get(kAdmin, "Privilege"));
 
@@ -193,7 +172,7 @@ TEST_F(StoreRules, CountsWrittenBackUnchangedAreAccepted) {
     EXPECT_EQ("1", get("Device.NAT.", "PortMappingNumberOfEntries"));
     EXPECT_EQ(0, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 1})"));
     EXPECT_EQ(WCFG_SET_READ_ONLY_PARAM, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 5})"));
-    ASSERT_EQ(0, add("Device.NAT.PortMapping."));
+    ASSERT_EQ(0, storeAdd("Device.NAT.PortMapping."));
     EXPECT_EQ("2", get("Device.NAT.", "PortMappingNumberOfEntries"));
     EXPECT_EQ(0, set("Device.NAT.", R"({"PortMappingNumberOfEntries": 2})"));
 }
@@ -203,7 +182,7 @@ TEST_F(StoreRules, NamesGivenOnceAndLockedEdits) {
         WcfgCallerScope admin(2);
         EXPECT_EQ(WCFG_REQUEST_REJECT, set(kUser, R"({"Username": "guest"})"));
         objIndex_t added;
-        ASSERT_EQ(0, add("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
+        ASSERT_EQ(0, storeAdd("Device.X_OLVEX_LoginCfg.LogGp.3.Account.", &added));
         std::string path =
             "Device.X_OLVEX_LoginCfg.LogGp.3.Account." + std::to_string(added.idx[1]) + ".";
         EXPECT_EQ(WCFG_INVALID_PARAM_VALUE,
