@@ -88,6 +88,7 @@ int32_t MemoryDevice::nameToOid(const char* path, objIndex_t* iid) {
 
 int MemoryDevice::get(int32_t oid, objIndex_t* iid, bool, json_object** out) {
     std::lock_guard<std::mutex> lock(m_);
+    readCallers_.push_back(tCaller);
     auto it = objects_.find(keyOf(oid, *iid));
     if (it == objects_.end())
         return WCFG_NO_SUCH_OBJECT;
@@ -169,6 +170,11 @@ int MemoryDevice::del(int32_t oid, objIndex_t* iid) {
 uint64_t MemoryDevice::dataVersion() {
     std::lock_guard<std::mutex> lock(m_);
     return version_;
+}
+
+std::vector<int> MemoryDevice::readCallers() {
+    std::lock_guard<std::mutex> lock(m_);
+    return readCallers_;
 }
 
 void MemoryDevice::setCaller(int caller) {

@@ -36,6 +36,8 @@ class MemoryDevice : public device::Config,
     // What the device holds at `path` (JSON text), "" when nothing.
     std::string at(const std::string& path);
     std::vector<wcfg::JournalEntry> journalEntries();
+    // The caller (a session's group) of every object read so far.
+    std::vector<int> readCallers();
     std::vector<std::string> requests, commands, accountEdits;
     std::vector<std::vector<char>> sent;  // bus messages
     int mode = 0;                         // operation mode
@@ -78,6 +80,7 @@ class MemoryDevice : public device::Config,
 
   private:
     using Key = std::pair<int32_t, std::vector<int>>;
+    std::vector<int> readCallers_;
     static Key keyOf(int32_t oid, const objIndex_t& iid);
     static std::string pathOf(const Key& k);
     void journal(wcfg::JournalKind kind, const std::string& path);

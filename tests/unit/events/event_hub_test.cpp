@@ -5,6 +5,7 @@
 // adapter's queues without a connection, read as a browser would.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <deque>
@@ -20,6 +21,7 @@
 #include "datamodel/schema.h"
 #include "e2e/sse_parser.h"
 #include "events/event_hub.h"
+#include "extobj/whttpd_extobj.h"
 #include "fakes/memory_device.h"
 #include "http/http_stream.h"
 #include "unit/test_root.h"
@@ -102,12 +104,12 @@ class EventHub : public ::testing::Test {
     // Opens a stream of session `id` that watches `paths`, from now or
     // resuming after `after`.
     std::unique_ptr<Client> open(const std::string& id, std::vector<std::string> paths,
-                                 std::optional<uint64_t> after = std::nullopt) {
+                                 std::optional<uint64_t> after = std::nullopt, int group = 1) {
         auto c = std::make_unique<Client>();
         c->s->owner.user = "admin";
         c->s->owner.sessionID = id;
         c->s->owner.remote = "192.0.2.1";
-        c->s->owner.group = 1;
+        c->s->owner.group = group;
         c->s->paths = std::move(paths);
         c->s->resumeAfter = after;
         c->s->openedAt = dev_->position();
@@ -223,4 +225,43 @@ TEST_F(EventHub, AResetIsOneResyncForEveryStream) {
     ASSERT_TRUE(all->waitFor("resync", "configuration reset"));
     ASSERT_TRUE(one->waitFor("resync", "configuration reset"));
     EXPECT_EQ(1, one->count("resync", "configuration reset"));
+}
+
+// Each stream's change is read as its session's group would read it (the
+// device scopes what a group sees), once per group.
+TEST_F(EventHub, AChangeIsReadAsEachStreamsGroup) {
+    auto admin = open("s-group-2", {"Device.WiFi.SSID.2."}, std::nullopt, 2);
+    auto user = open("s-group-3", {"Device.WiFi.SSID.2."}, std::nullopt, 3);
+    auto user2 = open("s-group-3b", {"Device.WiFi.SSID.2."}, std::nullopt, 3);
+    size_t before = dev_->readCallers().size();
+    setSsid("Device.WiFi.SSID.2.", "by-group");
+    ASSERT_TRUE(admin->waitFor("change", "by-group"));
+    ASSERT_TRUE(user->waitFor("change", "by-group"));
+    ASSERT_TRUE(user2->waitFor("change", "by-group"));
+    std::vector<int> all = dev_->readCallers();
+    std::vector<int> reads(all.begin() + static_cast<long>(before), all.end());
+    EXPECT_EQ(1, std::count(reads.begin(), reads.end(), 2));
+    EXPECT_EQ(1, std::count(reads.begin(), reads.end(), 3));
+}
+
+// A computed view is told when it reads differently from what the stream was
+// last told, not at every write below it.
+TEST_F(EventHub, AViewIsToldOnlyWhenItReadsDifferently) {
+    const char* view = "Device.X_OLVEX_EXT.InternetBlocking.";
+    vxExtObjRegister();
+    dev_->put("Device.DeviceInfo.", R"({"ModelName": "NX5150"})");
+    auto c = open("s-view", {view, "Device.WiFi.SSID.1."});
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Change, view));
+    ASSERT_TRUE(c->waitFor("change", R"({"Enable":true})"));
+    // Written again, reading the same (whether the hub reads it before or
+    // after the model changes below, one of the two reads is a repeat).
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Change, view));
+    dev_->put("Device.DeviceInfo.", R"({"ModelName": "NX3301A"})");
+    ASSERT_EQ(0, dev_->note(wcfg::JournalKind::Change, view));
+    // Entries go out in journal order: once this one is there, the view's
+    // have had their turn.
+    setSsid("Device.WiFi.SSID.1.", "after-the-view");
+    ASSERT_TRUE(c->waitFor("change", "after-the-view"));
+    EXPECT_EQ(1, c->count("change", R"({"Enable":true})"));
+    EXPECT_EQ(1, c->count("change", R"({"Enable":false})"));
 }
