@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -22,6 +24,19 @@ const int kWait = 20000;  // ms: the ceiling of every wait for the adapter
 
 std::atomic<int> gCalls{0};
 std::atomic<int> gStreamsClosed{0};
+
+// "/block" holds its worker until the test lets it go.
+std::mutex gBlockMutex;
+std::condition_variable gBlockCv;
+bool gBlockReleased = false;
+
+void releaseBlocked() {
+    {
+        std::lock_guard<std::mutex> lock(gBlockMutex);
+        gBlockReleased = true;
+    }
+    gBlockCv.notify_all();
+}
 
 void answer(CgHttpRequest* r, int status, const std::string& body) {
     CgHttpResponse* res = cg_http_response_new();
@@ -39,6 +54,10 @@ void listener(CgHttpRequest* r) {
     std::string uri = cg_http_request_geturi(r);
     if (uri == "/silent")
         return;
+    if (uri == "/block") {
+        std::unique_lock<std::mutex> lock(gBlockMutex);
+        gBlockCv.wait(lock, [] { return gBlockReleased; });
+    }
     if (uri == "/stream" || uri == "/open") {
         CgHttpResponse* res = cg_http_response_new();
         cg_http_response_setstatuscode(res, 200);
@@ -61,6 +80,7 @@ class HttpSessionTest : public ::testing::Test {
     void start(const CgHttpLimits& limits) {
         gCalls = 0;
         gStreamsClosed = 0;
+        gBlockReleased = false;
         std::string cert = unitTestRoot() + "/data/CA/newreq.crt";
         std::string key = unitTestRoot() + "/data/CA/newreq.key";
         CgHttpSslSettings tls{cert.c_str(), key.c_str(), nullptr, 0, 0};
@@ -72,6 +92,7 @@ class HttpSessionTest : public ::testing::Test {
         ASSERT_TRUE(cg_http_server_start(server_));
     }
     void TearDown() override {
+        releaseBlocked();
         if (server_) {
             cg_http_server_stop(server_);
             cg_http_server_delete(server_);
@@ -301,4 +322,40 @@ TEST_F(HttpSessionTest, AStreamRunsFromItsHeadToItsEndOrItsClientsLeaving) {
         c.close();
         EXPECT_TRUE(closes(2));
     }
+}
+
+// Every worker busy and the queue full: the adapter answers 503 itself, and
+// says when to come back; the request queued meanwhile is answered in turn.
+TEST_F(HttpSessionTest, AFullQueueIsAnswered503WithRetryAfter) {
+    CgHttpLimits l = quickLimits();
+    l.minWorkers = 1;
+    l.maxWorkers = 1;
+    l.maxQueuedRequests = 1;
+    start(l);
+    e2e::RawConn busy, a, b;
+    connect(busy);
+    ASSERT_TRUE(busy.send("GET /block HTTP/1.1\r\nHost: x\r\n\r\n"));
+    for (int i = 0; i < kWait / 10 && gCalls < 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(1, gCalls.load());  // the one worker holds it
+    // Of two more requests one is queued and the other refused, in whichever
+    // order they arrive.
+    connect(a);
+    connect(b);
+    ASSERT_TRUE(a.send(kGet));
+    ASSERT_TRUE(b.send(kGet));
+    std::string gotA, gotB;
+    for (int i = 0;
+         i < 100 && gotA.find("503") == std::string::npos && gotB.find("503") == std::string::npos;
+         ++i) {
+        gotA += a.readSome(kWait / 200);
+        gotB += b.readSome(kWait / 200);
+    }
+    std::string& refused = gotA.find("503") != std::string::npos ? gotA : gotB;
+    e2e::RawConn& queued = &refused == &gotA ? b : a;
+    EXPECT_EQ(0u, refused.find("HTTP/1.1 503 Service Unavailable\r\n")) << refused;
+    EXPECT_NE(std::string::npos, refused.find("Retry-After: 1\r\n")) << refused;
+    releaseBlocked();
+    EXPECT_NE(std::string::npos, readFor(queued, "GET /echo []").find("GET /echo []"));
+    EXPECT_NE(std::string::npos, readFor(busy, "GET /block []").find("GET /block []"));
 }
