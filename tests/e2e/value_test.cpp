@@ -220,10 +220,17 @@ TEST_F(ValueBatch, BatchesApplyOnceThroughTheFirstElement) {
     ASSERT_EQ(0, root.wcfgctl({"get", "Device.WiFi.SSID.2."}, &out));
     EXPECT_NE(std::string::npos, out.find("\"SSID\":\"home-5g\"")) << out;
 
+    // One element: applied through it.
+    r = write("PUT", "TR181/Value/MultiObjects",
+              R"({"MultiObjects":true,"TR181_Objects":[
+                  {"object_path":"Device.NAT.PortMapping.1.","Description":"alone"}]})");
+    EXPECT_EQ("Success", operStatus(r));
+    ASSERT_TRUE(d.waitForCount(kNotice, n0 + 2));
+
     // Without "TR181_Objects".
     r = write("PUT", "TR181/Value/MultiObjects", R"({"MultiObjects":true})");
     EXPECT_EQ("Invalid object", operStatus(r));
-    EXPECT_EQ(n0 + 1, notices());
+    EXPECT_EQ(n0 + 2, notices());
 }
 
 TEST_F(Value, AddAndDeleteInstances) {
