@@ -113,6 +113,10 @@ class HttpSessionTest : public ::testing::Test {
             *closed = gone;
         return got;
     }
+    // Whether `text` arrives before the peer closes (or the wait's ceiling).
+    static bool shows(e2e::RawConn& c, const std::string& text) {
+        return readFor(c, text).find(text) != std::string::npos;
+    }
     // The deadlines stay long but for the one a test waits for: a short one
     // elsewhere would make the outcome depend on the machine's speed.
     static CgHttpLimits quickLimits() {
@@ -154,7 +158,7 @@ TEST_F(HttpSessionTest, KeptAliveRequestsAreAnsweredInTurn) {
     EXPECT_LT(first, second);
     EXPECT_EQ(0u, got.find("HTTP/1.1 200"));
     ASSERT_TRUE(c.send("DELETE /echo HTTP/1.1\r\nHost: x\r\n\r\n"));
-    EXPECT_NE(std::string::npos, readFor(c, "DELETE /echo []").find("DELETE /echo []"));
+    EXPECT_TRUE(shows(c, "DELETE /echo []"));
     EXPECT_EQ(3, gCalls.load());
 }
 
@@ -291,7 +295,7 @@ TEST_F(HttpSessionTest, ContinueIsSentBeforeTheBodyIsRead) {
         "PUT /echo HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n"));
     EXPECT_EQ(0u, readFor(c, "\r\n\r\n").find("HTTP/1.1 100 Continue\r\n\r\n"));
     ASSERT_TRUE(c.send("ok"));
-    EXPECT_NE(std::string::npos, readFor(c, "PUT /echo [ok]").find("PUT /echo [ok]"));
+    EXPECT_TRUE(shows(c, "PUT /echo [ok]"));
 }
 
 // Streaming: the head and the pieces in order, the connection closed at the
@@ -317,7 +321,7 @@ TEST_F(HttpSessionTest, AStreamRunsFromItsHeadToItsEndOrItsClientsLeaving) {
         e2e::RawConn c;
         connect(c);
         ASSERT_TRUE(c.send("GET /open HTTP/1.1\r\nHost: x\r\n\r\n"));
-        EXPECT_NE(std::string::npos, readFor(c, "piece-one").find("piece-one"));
+        EXPECT_TRUE(shows(c, "piece-one"));
         EXPECT_EQ(1, gStreamsClosed.load());
         c.close();
         EXPECT_TRUE(closes(2));
@@ -356,6 +360,6 @@ TEST_F(HttpSessionTest, AFullQueueIsAnswered503WithRetryAfter) {
     EXPECT_EQ(0u, refused.find("HTTP/1.1 503 Service Unavailable\r\n")) << refused;
     EXPECT_NE(std::string::npos, refused.find("Retry-After: 1\r\n")) << refused;
     releaseBlocked();
-    EXPECT_NE(std::string::npos, readFor(queued, "GET /echo []").find("GET /echo []"));
-    EXPECT_NE(std::string::npos, readFor(busy, "GET /block []").find("GET /block []"));
+    EXPECT_TRUE(shows(queued, "GET /echo []"));
+    EXPECT_TRUE(shows(busy, "GET /block []"));
 }
