@@ -166,7 +166,8 @@ class Hub {
     std::vector<Ending> endings_;
     bool moved_ = true, poked_ = false, stopping_ = false, started_ = false;
     bool followerStop_ = false, followerDone_ = false;
-    uint64_t seq_ = 0;  // the last journal entry read; written by the hub under m_
+    bool swept_ = false;  // shutdownStreams has taken the open streams
+    uint64_t seq_ = 0;    // the last journal entry read; written by the hub under m_
     std::thread hub_, follower_;
     std::unique_ptr<device::JournalReader> journal_;  // the hub thread's
 };
@@ -248,13 +249,21 @@ WHttpEventAdmit Hub::reserve(const std::shared_ptr<WHttpEventStream>& s) {
 }
 
 void Hub::opened(const std::shared_ptr<WHttpEventStream>& s) {
+    EntryPtr late;
     {
         std::lock_guard<std::mutex> lock(m_);
         for (EntryPtr& e : streams_)
-            if (e->s == s)
+            if (e->s == s) {
                 e->ready = true;
+                if (swept_)
+                    late = e;
+            }
         poked_ = true;
     }
+    // Its head went out while the daemon was stopping, after the hub had
+    // ended the open streams: it is ended here, as they were.
+    if (late)
+        end(*late, "shutdown");
     cv_.notify_all();
 }
 
@@ -711,14 +720,18 @@ void Hub::prune() {
 
 // The daemon stops: every stream hears why, and has a moment to get it out.
 void Hub::shutdownStreams() {
+    // Under the lock, so that a stream opening now is either taken here
+    // or ends itself in opened(), never neither nor both.
     std::vector<EntryPtr> streams;
     {
         std::lock_guard<std::mutex> lock(m_);
-        streams = streams_;
+        for (const EntryPtr& e : streams_)
+            if (e->ready)
+                streams.push_back(e);
+        swept_ = true;
     }
     for (const EntryPtr& e : streams)
-        if (e->ready)
-            end(*e, "shutdown");
+        end(*e, "shutdown");
     std::unique_lock<std::mutex> lock(m_);
     cv_.wait_for(lock, std::chrono::seconds(2), [&] {
         for (const EntryPtr& e : streams_)

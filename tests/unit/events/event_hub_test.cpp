@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -105,6 +106,13 @@ class EventHub : public ::testing::Test {
     // resuming after `after`.
     std::unique_ptr<Client> open(const std::string& id, std::vector<std::string> paths,
                                  std::optional<uint64_t> after = std::nullopt, int group = 1) {
+        std::unique_ptr<Client> c = reserve(id, std::move(paths), after, group);
+        wHttpEventsOpened(c->s);
+        return c;
+    }
+    // A stream that has its place with the hub, before its head goes out.
+    std::unique_ptr<Client> reserve(const std::string& id, std::vector<std::string> paths,
+                                    std::optional<uint64_t> after = std::nullopt, int group = 1) {
         auto c = std::make_unique<Client>();
         c->s->owner.user = "admin";
         c->s->owner.sessionID = id;
@@ -117,7 +125,6 @@ class EventHub : public ::testing::Test {
             std::make_shared<CgHttpStream>(ioc_.get_executor(), std::weak_ptr<HttpSession>(),
                                            CgHttpStreamLimits{}, false, nullptr, pool_);
         EXPECT_EQ(WHttpEventAdmit::Yes, wHttpEventsReserve(c->s));
-        wHttpEventsOpened(c->s);
         return c;
     }
     static void setSsid(const char* path, const char* ssid) {
@@ -264,4 +271,19 @@ TEST_F(EventHub, AViewIsToldOnlyWhenItReadsDifferently) {
     ASSERT_TRUE(c->waitFor("change", "after-the-view"));
     EXPECT_EQ(1, c->count("change", R"({"Enable":true})"));
     EXPECT_EQ(1, c->count("change", R"({"Enable":false})"));
+}
+
+// A stream whose head goes out while the daemon stops, after the hub has
+// ended the open streams, is told why as they were.  The hub starts once
+// per process, so the stop runs in a process of its own.
+TEST_F(EventHub, AStreamThatOpensAsTheDaemonStopsIsToldWhy) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto late = reserve("s-late", {"Device.WiFi.SSID.1."});
+            wHttpEventsStop();
+            wHttpEventsOpened(late->s);
+            std::_Exit(late->waitFor("end", "shutdown") ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
