@@ -94,7 +94,8 @@ TEST_F(ConsoleFiles, ThePageAndItsFilesWithTheirHeaders) {
     std::string again = fetch(port, "/ui/js/app.js", "If-None-Match: " + etag + "\r\n");
     EXPECT_EQ("HTTP/1.1 304 Not Modified", statusOf(again));
     EXPECT_EQ("", bodyOf(again));
-    EXPECT_EQ("HTTP/1.1 200 OK", statusOf(fetch(port, "/ui/js/app.js", "If-None-Match: \"x\"\r\n")));
+    EXPECT_EQ("HTTP/1.1 200 OK",
+              statusOf(fetch(port, "/ui/js/app.js", "If-None-Match: \"x\"\r\n")));
     // HEAD: the headers of GET, no body; other methods refused.
     std::string head =
         exactly(port, "HEAD /ui/js/app.js HTTP/1.1\r\nHost: r\r\nConnection: close\r\n\r\n");
@@ -103,8 +104,8 @@ TEST_F(ConsoleFiles, ThePageAndItsFilesWithTheirHeaders) {
     EXPECT_EQ("", bodyOf(head));
     for (const char* method : {"POST", "PUT", "DELETE", "OPTIONS"}) {
         std::string refused = exactly(port, std::string(method) +
-                                                 " / HTTP/1.1\r\nHost: r\r\nContent-Length: 0\r\n"
-                                                 "Connection: close\r\n\r\n");
+                                                " / HTTP/1.1\r\nHost: r\r\nContent-Length: 0\r\n"
+                                                "Connection: close\r\n\r\n");
         EXPECT_EQ("HTTP/1.1 405 Method Not Allowed", statusOf(refused)) << method;
         EXPECT_EQ("GET, HEAD", header(refused, "Allow")) << method;
     }
@@ -116,13 +117,32 @@ TEST_F(ConsoleFiles, NoWayOutOfTheFolder) {
     ownFolder();
     start();
     ASSERT_EQ("HTTP/1.1 200 OK", statusOf(fetch(port, "/ui/index.html")));
-    for (const std::string& target : std::vector<std::string>{
-             "/ui/../secret.txt", "/ui/js/../../secret.txt", "/ui/%2e%2e/secret.txt",
-          "/ui/%2E%2E%2Fsecret.txt", "/ui/js/..%2fapp.js", "/ui/index.html%00.js", "//ui/index.html",
-          "/ui//index.html", "/ui/./index.html", "/ui\\index.html", "/ui/js\\app.js",
-          "/ui/link.txt", "/ui/outside/passwd", "/ui/outside/", "/ui/.hidden.txt", "/ui/run.sh",
-          "/ui/", "/ui", "/ui/js/", "/ui/d/d/d/d/d/d/deep.txt", "/secret.txt", "/../secret.txt",
-          "/ui/" + std::string(3000, 'a') + ".js", "/index.html", "*"}) {
+    for (const std::string& target :
+         std::vector<std::string>{"/ui/../secret.txt",
+                                  "/ui/js/../../secret.txt",
+                                  "/ui/%2e%2e/secret.txt",
+                                  "/ui/%2E%2E%2Fsecret.txt",
+                                  "/ui/js/..%2fapp.js",
+                                  "/ui/index.html%00.js",
+                                  "//ui/index.html",
+                                  "/ui//index.html",
+                                  "/ui/./index.html",
+                                  "/ui\\index.html",
+                                  "/ui/js\\app.js",
+                                  "/ui/link.txt",
+                                  "/ui/outside/passwd",
+                                  "/ui/outside/",
+                                  "/ui/.hidden.txt",
+                                  "/ui/run.sh",
+                                  "/ui/",
+                                  "/ui",
+                                  "/ui/js/",
+                                  "/ui/d/d/d/d/d/d/deep.txt",
+                                  "/secret.txt",
+                                  "/../secret.txt",
+                                  "/ui/" + std::string(3000, 'a') + ".js",
+                                  "/index.html",
+                                  "*"}) {
         std::string answer = fetch(port, target);
         EXPECT_EQ("HTTP/1.1 404 Not Found", statusOf(answer)) << target;
         EXPECT_EQ(std::string::npos, answer.find("SECRET")) << target;
@@ -153,8 +173,10 @@ TEST_F(ConsoleFiles, ServedWhileEveryWorkerWaits) {
     // A read of the WPS object asks the silent service: it holds the worker.
     RawConn waiting;
     ASSERT_TRUE(waiting.connect(port) && waiting.handshake());
-    ASSERT_TRUE(waiting.send("GET /api/v1/TR181/Value/Device.WiFi.AccessPoint.1.WPS. HTTP/1.1\r\n"
-                             "Host: r\r\nCookie: Session=" + s.id + "\r\n\r\n"));
+    ASSERT_TRUE(
+        waiting.send("GET /api/v1/TR181/Value/Device.WiFi.AccessPoint.1.WPS. HTTP/1.1\r\n"
+                     "Host: r\r\nCookie: Session=" +
+                     s.id + "\r\n\r\n"));
     EXPECT_EQ("HTTP/1.1 200 OK", statusOf(fetch(port, "/")));
     EXPECT_EQ("", waiting.readSome(0)) << "the worker's request was answered: nothing waited";
     d.signal(SIGKILL);

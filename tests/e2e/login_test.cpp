@@ -34,8 +34,6 @@ TEST(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
         std::regex("Set-Cookie: Session=[A-Za-z0-9]{32}; path=/; HttpOnly; SameSite=Strict\r\n")))
         << r.headers;
     EXPECT_EQ("Success", operStatus(r));
-    EXPECT_GE(s.key, 0);
-    EXPECT_LE(s.key, 999999999);
     EXPECT_NE(std::string::npos, r.body.find("\"MethodList\": [ \"\\/api\\/v1\\/UserLogin\", "
                                              "\"\\/api\\/v1\\/UserLogout\""))
         << r.body;
@@ -124,11 +122,6 @@ TEST(Login, EachFailureHasItsTextAndStatus) {
     r = c.request("POST", "UserLogin?x=1", "{\"username\":\"admin\",\"password\":\"1234abcd\"}");
     EXPECT_EQ(401, r.status);
     EXPECT_EQ("Invalid Session ID", operStatus(r));
-
-    // Another version gets no answer at all.
-    Reply none =
-        e2e::https("GET", "https://127.0.0.1:" + std::to_string(port) + "/api/v2/UserLogin");
-    EXPECT_EQ(0, none.status);
 
     // A live session used on another local address: the entry is not found
     // there ("Internal Error"); from another client address it ends

@@ -108,10 +108,6 @@ TEST_F(Value, GetObjectTableSubtreeAndBadPaths) {
     ap1 = json_object_array_get_idx(aps, 0);
     json_object* wps = nullptr;
     EXPECT_TRUE(json_object_object_get_ex(ap1, "WPS", &wps)) << deep.body;
-    for (const char* v : {"0", "true", "no"}) {
-        Reply shallow = get(std::string("Device.WiFi.?first_level_only=") + v);
-        EXPECT_EQ(std::string::npos, shallow.body.find("\"Radio\"")) << v;
-    }
 
     // A path without the trailing dot, an unknown one, an instance past the
     // table's bound.
@@ -123,6 +119,7 @@ TEST_F(Value, GetObjectTableSubtreeAndBadPaths) {
     EXPECT_EQ("Invalid object", operStatus(get("Device.NoSuch.")));
     EXPECT_EQ("Invalid object", operStatus(get("Device.WiFi.SSID.9.")));
     EXPECT_EQ("Invalid object", operStatus(get("Device.WiFi.SSID.7.")));  // not there
+    EXPECT_EQ("Success", operStatus(get("Device.WiFi.SSID.01.")));        // instance 1
 
     // The system state is the daemon's own.
     r = get("Device.X_OLVEX_EXT.SystemState.");
@@ -134,11 +131,6 @@ TEST_F(Value, GetObjectTableSubtreeAndBadPaths) {
               operStatus(write("DELETE", "TR181/Value/Device.X_OLVEX_EXT.SystemState.", "")));
     // The hosts root goes through its handler to the service.
     EXPECT_EQ("Success", operStatus(get("Device.Hosts.")));
-
-    // The whole tree answers.
-    r = get("Device.?first_level_only=false");
-    EXPECT_EQ("Success", operStatus(r));
-    EXPECT_GT(r.body.size(), 10000u);
 }
 
 TEST_F(Value, PutOneObjectAndItsRefusals) {
@@ -303,9 +295,6 @@ TEST_F(Value, SchemaMethodListAndCustomisation) {
                               "\"\\/api\\/v1\\/UserLogin\", \"\\/api\\/v1\\/UserLogout\", "
                               "\"\\/api\\/v1\\/MethodList\""))
         << r.body;
-    // Not a GET: the handler does not answer and the connection closes.
-    r = client_->request("POST", e2e::withKey("MethodList", s_), "", &s_);
-    EXPECT_EQ(0, r.status);
 
     r = client_->request("GET", "APPUICustomization", "", &s_);
     Doc c(r.body);
