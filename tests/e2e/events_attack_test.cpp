@@ -18,15 +18,9 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = 20000;
+const int kWait = kEventWait;
 
-class EventsAttackTest : public DaemonTest {
-  protected:
-    void open(EventStream& es, const std::string& query = "", const Session* as = nullptr) {
-        ASSERT_TRUE(es.open(port, as ? *as : s, query));
-        ASSERT_EQ(200, es.status()) << es.head() << es.body();
-    }
-};
+class EventsAttackTest : public StreamTest {};
 
 // An object whose read asks another service (WPS with its push button
 // pressed once: every read asks the Wi-Fi service for its status) and the
@@ -96,7 +90,7 @@ TEST_F(EventsAttackTest, AStreamGetsNothingWrittenAfterItsSessionEnded) {
     ASSERT_EQ(200, Client(port).login("user", "user1234", &user).status);
     EventStream all, ofUser;
     open(all);  // renders the WPS object below
-    open(ofUser, "path=Device.NAT.", &user);
+    open(ofUser, "path=Device.NAT.", {}, &user);
     ASSERT_EQ(0, root.wcfgctl({"knob", "wifi.wps.delay_ms", "10000"}));
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.AccessPoint.1.WPS.",
                                "{\"X_OlVEX_TriggerWPSPushButton\":true}"}));
@@ -123,7 +117,7 @@ TEST_F(EventsAttackTest, ADisabledAccountGetsNothingWrittenAfterwards) {
     Session user;
     ASSERT_EQ(200, Client(port).login("user", "user1234", &user).status);
     EventStream ofUser;
-    open(ofUser, "path=Device.WiFi.SSID.1.", &user);
+    open(ofUser, "path=Device.WiFi.SSID.1.", {}, &user);
     d.signal(SIGSTOP);
     ASSERT_EQ(0, root.wcfgctl(
                      {"set", "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.", "{\"Enabled\":false}"}));

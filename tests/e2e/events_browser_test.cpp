@@ -22,16 +22,11 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = 20000;
+const int kWait = kEventWait;
 const std::string kAccept = "Accept: text/event-stream";
 
-class EventsBrowserTest : public DaemonTest {
+class EventsBrowserTest : public StreamTest {
   protected:
-    void open(EventStream& es, const std::string& query = "",
-              const std::vector<std::string>& headers = {}, const Session* as = nullptr) {
-        ASSERT_TRUE(es.open(port, as ? *as : s, query, headers));
-        ASSERT_EQ(200, es.status()) << es.head() << es.body();
-    }
     // The position a value read names (X-Event-Id), "" without one.
     std::string positionOf(const Reply& r) {
         const std::string name = "X-Event-Id: ";
@@ -293,10 +288,7 @@ TEST_F(EventsBrowserTest, IdsOnlyGrowOnAStreamThatLostEvents) {
     setSsid(1, "first");
     std::optional<Event> first = es.next(kWait);
     ASSERT_TRUE(first);
-    setenv("WHTTPD_JOURNAL_KEEP", "8", 1);
-    struct Unset {
-        ~Unset() { unsetenv("WHTTPD_JOURNAL_KEEP"); }
-    } unset;
+    JournalKeep keep("8");
     d.signal(SIGSTOP);
     for (int i = 0; i < 12; ++i)
         setSsid(1 + i % 2, "lag" + std::to_string(i));

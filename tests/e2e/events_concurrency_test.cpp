@@ -15,7 +15,7 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = 20000;  // ms an event may take under a sanitizer on a busy machine
+const int kWait = kEventWait;
 
 class EventsConcurrent : public DaemonTest {};
 

@@ -17,16 +17,10 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = 20000;  // ms an event may take under a sanitizer on a busy machine
+const int kWait = kEventWait;
 
-class EventsTest : public DaemonTest {
+class EventsTest : public StreamTest {
   protected:
-    // Opens a stream of the admin session; expects it to be accepted.
-    void open(EventStream& es, const std::string& query = "",
-              const std::vector<std::string>& headers = {}, const Session* as = nullptr) {
-        ASSERT_TRUE(es.open(port, as ? *as : s, query, headers));
-        ASSERT_EQ(200, es.status()) << es.head() << es.body();
-    }
     // The next event of `name` for `path`, skipping any other.
     static Event expect(EventStream& es, const std::string& name, const std::string& path) {
         std::optional<Event> e = es.waitFor(
@@ -180,10 +174,7 @@ TEST_F(EventsTest, AccountEventsCarryNoSecretAndUserSessionsReadAsAUser) {
 
 TEST_F(EventsTest, AResumptionNoLongerKeptIsAResync) {
     // Every writer keeps 8 entries: the daemon and the wcfgctl runs alike.
-    setenv("WHTTPD_JOURNAL_KEEP", "8", 1);
-    struct Unset {
-        ~Unset() { unsetenv("WHTTPD_JOURNAL_KEEP"); }
-    } unset;
+    JournalKeep keep("8");
     start();
     std::string last;
     {

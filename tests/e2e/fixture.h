@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "client.h"
+#include "event_client.h"
 #include "harness.h"
 
 namespace e2e {
@@ -44,6 +47,25 @@ class DaemonTest : public ::testing::Test {
     Daemon d;
     Session s;
     int port = 0;
+};
+
+// ms an event may take under a sanitizer on a busy machine
+constexpr int kEventWait = 20000;
+
+// The same, for tests of event streams.
+class StreamTest : public DaemonTest {
+  protected:
+    // Opens a stream of the admin session (or `as`); expects it accepted.
+    void open(EventStream& es, const std::string& query = "",
+              const std::vector<std::string>& headers = {}, const Session* as = nullptr) {
+        ASSERT_TRUE(es.open(port, as ? *as : s, query, headers));
+        ASSERT_EQ(200, es.status()) << es.head() << es.body();
+    }
+    // The journal keeps `n` entries for the wcfgctl runs of this test.
+    struct JournalKeep {
+        explicit JournalKeep(const char* n) { setenv("WHTTPD_JOURNAL_KEEP", n, 1); }
+        ~JournalKeep() { unsetenv("WHTTPD_JOURNAL_KEEP"); }
+    };
 };
 
 }  // namespace e2e

@@ -22,7 +22,7 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = 20000;
+const int kWait = kEventWait;
 
 // Whether this build runs under a sanitizer, whose allocator holds on to
 // freed memory (and so hides what the daemon itself keeps).
