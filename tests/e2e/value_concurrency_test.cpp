@@ -11,26 +11,40 @@
 #include <vector>
 
 #include "client.h"
-#include "harness.h"
+#include "fixture.h"
 
 using namespace e2e;
 
-TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
-    DeviceRoot root;
-    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+namespace {
+
+// Each test's daemon, stopped at its end, and its sanitizer's silence.
+class ValueConcurrent : public DaemonTest {
+  protected:
+    void TearDown() override {
+        DaemonTest::TearDown();
+        EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
+    }
+    // A client thread's login; a failure is counted, not asserted.
+    static bool loggedIn(Client& c, Session& s, const char* user, const char* password,
+                         std::atomic<int>& failures) {
+        bool ok = c.login(user, password, &s).status == 200;
+        failures += !ok;
+        return ok;
+    }
+};
+
+}  // namespace
+
+TEST_F(ValueConcurrent, ReadsBesideSerialisedWrites) {
+    start();
     const int kReaders = 3, kWriters = 3, kRounds = 8;
     std::atomic<int> unexpected{0};
 
     auto reader = [&] {
         Client c(port);
         Session s;
-        if (c.login("admin", "1234abcd", &s).status != 200) {
-            ++unexpected;
+        if (!loggedIn(c, s, "admin", "1234abcd", unexpected))
             return;
-        }
         for (int i = 0; i < kRounds; ++i) {
             for (const char* path :
                  {"Device.?first_level_only=false", "Device.Hosts.", "Device.NAT.PortMapping.",
@@ -44,10 +58,8 @@ TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
     auto writer = [&](int n) {
         Client c(port);
         Session s;
-        if (c.login("user", "user1234", &s).status != 200) {
-            ++unexpected;
+        if (!loggedIn(c, s, "user", "user1234", unexpected))
             return;
-        }
         auto write = [&](const std::string& method, const std::string& uri,
                          const std::string& body) { return c.write(method, uri, body, s); };
         for (int i = 0; i < kRounds; ++i) {
@@ -75,29 +87,21 @@ TEST(ValueConcurrent, ReadsBesideSerialisedWrites) {
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(0, unexpected.load());
-    EXPECT_EQ(0, d.stop());
-    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
 }
 
 // wcfgctl writes from another process while clients read through the daemon:
 // every read shows a whole object, and a read made after wcfgctl has returned
 // shows its write.
-TEST(ValueConcurrent, WcfgctlWritesBesideDaemonReads) {
-    DeviceRoot root;
-    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+TEST_F(ValueConcurrent, WcfgctlWritesBesideDaemonReads) {
+    start();
     const std::string object = "TR181/Value/Device.NAT.PortMapping.1.";
     std::atomic<bool> stop{false};
     std::atomic<int> torn{0}, failed{0}, reads{0};
     auto reader = [&] {
         Client c(port);
         Session s;
-        if (c.login("admin", "1234abcd", &s).status != 200) {
-            ++failed;
+        if (!loggedIn(c, s, "admin", "1234abcd", failed))
             return;
-        }
         while (!stop) {
             Reply r = c.request("GET", object, "", &s);
             if (operStatus(r) != "Success") {
@@ -136,21 +140,15 @@ TEST(ValueConcurrent, WcfgctlWritesBesideDaemonReads) {
     EXPECT_EQ(0, torn.load());
     EXPECT_EQ(0, failed.load());
     EXPECT_GT(reads.load(), 0);
-    EXPECT_EQ(0, d.stop());
-    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
 }
 
 // The extended objects from many clients at once: host lists (their refresh,
 // the shared host-probe database, per-thread tables), WAN information, WPS,
 // the speed test's index, icon names and schedules, beside the bandwidth
 // monitor.  Under ThreadSanitizer this finds races in their shared state.
-TEST(ValueConcurrent, ExtendedObjectsFromManyClients) {
-    DeviceRoot root;
-    ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 0));
+TEST_F(ValueConcurrent, ExtendedObjectsFromManyClients) {
     ASSERT_EQ(0, root.wcfgctl({"knob", "wifi.wps.walk_seconds", "5"}));
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    start();
     std::atomic<int> unexpected{0};
     const char* const reads[] = {"Device.Hosts.?first_level_only=false",
                                  "Device.Hosts.Host.2.",
@@ -161,10 +159,8 @@ TEST(ValueConcurrent, ExtendedObjectsFromManyClients) {
     auto reader = [&] {
         Client c(port);
         Session s;
-        if (c.login("admin", "1234abcd", &s).status != 200) {
-            ++unexpected;
+        if (!loggedIn(c, s, "admin", "1234abcd", unexpected))
             return;
-        }
         for (int round = 0; round < 4; ++round)
             for (const char* path : reads)
                 if (operStatus(c.request("GET", std::string("TR181/Value/") + path, "", &s)) !=
@@ -174,10 +170,8 @@ TEST(ValueConcurrent, ExtendedObjectsFromManyClients) {
     auto writer = [&](int n) {
         Client c(port);
         Session s;
-        if (c.login("admin", "1234abcd", &s).status != 200) {
-            ++unexpected;
+        if (!loggedIn(c, s, "admin", "1234abcd", unexpected))
             return;
-        }
         for (int round = 0; round < 4; ++round) {
             std::string v = std::to_string(1 + (n + round) % 2);
             c.write("PUT", "TR181/Value/Device.X_OLVEX_EXT.InternetSpeed.", "{\"Index\":" + v + "}",
@@ -198,6 +192,4 @@ TEST(ValueConcurrent, ExtendedObjectsFromManyClients) {
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(0, unexpected.load());
-    EXPECT_EQ(0, d.stop());
-    EXPECT_EQ(std::string::npos, d.err().find("Sanitizer")) << d.err().substr(0, 4000);
 }
