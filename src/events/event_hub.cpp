@@ -268,8 +268,11 @@ void Hub::opened(const std::shared_ptr<WHttpEventStream>& s) {
 }
 
 void Hub::abandon(const std::shared_ptr<WHttpEventStream>& s) {
-    std::lock_guard<std::mutex> lock(m_);
-    std::erase_if(streams_, [&](const EntryPtr& e) { return e->s == s; });
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        std::erase_if(streams_, [&](const EntryPtr& e) { return e->s == s; });
+    }
+    cv_.notify_all();
 }
 
 void Hub::poke() {
@@ -732,10 +735,12 @@ void Hub::shutdownStreams() {
     }
     for (const EntryPtr& e : streams)
         end(*e, "shutdown");
+    // The moment also covers a stream still opening: its "end" must be out
+    // before the server closes the connections.
     std::unique_lock<std::mutex> lock(m_);
     cv_.wait_for(lock, std::chrono::seconds(2), [&] {
         for (const EntryPtr& e : streams_)
-            if (e->ready && !cg_http_stream_closed(e->s->out.get()))
+            if (!e->ready || !cg_http_stream_closed(e->s->out.get()))
                 return false;
         return true;
     });
