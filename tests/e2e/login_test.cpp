@@ -17,13 +17,30 @@ namespace {
 const char* const kUserAccount = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
 const char* const kHidden = "Invalid Username or Password";
 
-}  // namespace
-
-TEST(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
+// A daemon on a fresh device root, with the device's own login limit, and
+// its clean stop at the end of the test.
+class Device : public ::testing::Test {
+  protected:
+    void start(e2e::Uptime* clock = nullptr) {
+        port = e2e::startDaemon(d, root, clock);
+        ASSERT_NE(0, port) << d.out() << d.err();
+    }
+    void TearDown() override {
+        if (port) {
+            EXPECT_EQ(0, d.stop());
+        }
+    }
     DeviceRoot root;
     Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    int port = 0;
+};
+class Login : public Device {};
+class Sessions : public Device {};
+
+}  // namespace
+
+TEST_F(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
+    start();
     Client c(port);
 
     Session s;
@@ -76,16 +93,12 @@ TEST(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
                                           "login account is 4"));
     EXPECT_NE(std::string::npos,
               d.err().find("Account: User 'admin' login from the host(127.0.0.1)."));
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Login, EachFailureHasItsTextAndStatus) {
-    DeviceRoot root;
+TEST_F(Login, EachFailureHasItsTextAndStatus) {
     ASSERT_EQ(0, root.wcfgctl(
                      {"set", "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.", "{\"Enabled\":false}"}));
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    start();
     Client c(port);
 
     // No body, or an empty one.
@@ -140,25 +153,20 @@ TEST(Login, EachFailureHasItsTextAndStatus) {
     r = c.request("GET", "Unknown", "", &s);
     EXPECT_EQ(504, r.status);
     EXPECT_EQ("Timeout", operStatus(r));
-    EXPECT_EQ(0, d.stop());
 }
 
 // The user locked after three failures.  The lock's run-out is the retry
 // table's, tested on a clock the unit test drives; here the lock lasts
 // longer than any test.
-class LoginLock : public ::testing::Test {
+class LoginLock : public Device {
   protected:
     void SetUp() override {
         ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount,
                                    "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
         d.setEnv("WLOG_LEVEL", "7");
-        port = e2e::startDaemon(d, root);
-        ASSERT_NE(0, port) << d.out() << d.err();
+        start();
     }
     size_t locks() const { return e2e::countOf(d.err(), "Locked User AfterLockTime="); }
-    DeviceRoot root;
-    Daemon d;
-    int port = 0;
 };
 
 TEST_F(LoginLock, RetriesLockTheUser) {
@@ -186,7 +194,6 @@ TEST_F(LoginLock, RetriesLockTheUser) {
     EXPECT_EQ(200, c.login("admin", "1234abcd", &admin).status);
     // A locked user's session requests are refused as well.
     EXPECT_EQ(401, c.request("GET", "Unknown", "", &s).status);
-    EXPECT_EQ(0, d.stop());
 }
 
 // A login that reuses its entry leaves the failures on record; a login that
@@ -210,15 +217,11 @@ TEST_F(LoginLock, ANewEntryForgetsTheFailuresAReusedOneKeepsThem) {
     EXPECT_EQ(kHidden, operStatus(c.login("user", "bad-pass5")));
     EXPECT_EQ(1u, locks());
     EXPECT_EQ(401, c.login("user", "user1234").status);
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Login, UnknownNamesLockThePseudoUser) {
-    DeviceRoot root;
-    Daemon d;
+TEST_F(Login, UnknownNamesLockThePseudoUser) {
     d.setEnv("WLOG_LEVEL", "7");
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    start();
     Client c(port);
     Reply r = c.login("nobody", "whatever1");
     EXPECT_EQ(401, r.status);
@@ -229,15 +232,11 @@ TEST(Login, UnknownNamesLockThePseudoUser) {
     EXPECT_EQ(2u, e2e::countOf(d.err(), "Locked User AfterLockTime=")) << d.err();
     // Known users are not affected.
     EXPECT_EQ(200, c.login("admin", "1234abcd").status);
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Login, MaximumNumberOfLoginAccounts) {
-    DeviceRoot root;
+TEST_F(Login, MaximumNumberOfLoginAccounts) {
     ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 2));
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    start();
     Client c(port);
     Session a, b;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &a).status);
@@ -251,14 +250,10 @@ TEST(Login, MaximumNumberOfLoginAccounts) {
     r = c.request("POST", e2e::withKey("UserLogout", b), "", &b);
     EXPECT_EQ("Success", operStatus(r));
     EXPECT_EQ(200, c.login("supervisor", "Sup3rvisor!").status);
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Session, KeysGuardModifyingRequestsAndLogoutEndsTheSession) {
-    DeviceRoot root;
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+TEST_F(Sessions, KeysGuardModifyingRequestsAndLogoutEndsTheSession) {
+    start();
     Client c(port);
     Session s;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
@@ -301,19 +296,15 @@ TEST(Session, KeysGuardModifyingRequestsAndLogoutEndsTheSession) {
                                 " : logout from the host(127.0.0.1)."));
     EXPECT_EQ(504, c.request("GET", "Unknown", "", &s).status);
     EXPECT_EQ(200, c.request("GET", "Unknown", "", &other).status);
-    EXPECT_EQ(0, d.stop());
 }
 
 // The daemon's clock is the test's: a session ends when the test moves the
 // clock past its period, and the test waits for that end, never for a time.
-TEST(Session, IdleTimersFollowTheAccountAndTheDataModelNotice) {
-    DeviceRoot root;
+TEST_F(Sessions, IdleTimersFollowTheAccountAndTheDataModelNotice) {
     ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount, "{\"AccountIdleTime\":60}"}));
     e2e::Uptime clock(root);
-    Daemon d;
     d.setEnv("WLOG_LEVEL", "7");
-    int port = e2e::startDaemon(d, root, &clock);
-    ASSERT_NE(0, port) << d.out() << d.err();
+    start(&clock);
     Client c(port);
     // A period not yet over: a few ticks of the timer thread, in which a
     // timer that fired too early would end the session.  (A slow machine
@@ -361,14 +352,10 @@ TEST(Session, IdleTimersFollowTheAccountAndTheDataModelNotice) {
     EXPECT_EQ(504, c.request("GET", "Unknown", "", &a).status);
     EXPECT_EQ(504, c.request("GET", "Unknown", "", &sup).status);
     EXPECT_EQ(1u, e2e::countOf(d.err(), "session of 'user' ended"));
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Session, Ipv6ClientsHaveSessionsOfTheirOwn) {
-    DeviceRoot root;
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+TEST_F(Sessions, Ipv6ClientsHaveSessionsOfTheirOwn) {
+    start();
     Client v6(port, "::1");
     Client v4(port);
     Session s;
@@ -378,14 +365,10 @@ TEST(Session, Ipv6ClientsHaveSessionsOfTheirOwn) {
     EXPECT_EQ(500, v4.request("GET", "Unknown", "", &s).status);
     d.signal(SIGUSR1);
     ASSERT_TRUE(d.waitForOutput("remoteHost=::1\nlocalHost=::1\n"));
-    EXPECT_EQ(0, d.stop());
 }
 
-TEST(Session, EveryWriteRenewsTheKeyAndRetiresTheOldOne) {
-    DeviceRoot root;
-    Daemon d;
-    int port = e2e::startDaemon(d, root);
-    ASSERT_NE(0, port) << d.out() << d.err();
+TEST_F(Sessions, EveryWriteRenewsTheKeyAndRetiresTheOldOne) {
+    start();
     Client c(port);
     Session s;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
@@ -415,5 +398,4 @@ TEST(Session, EveryWriteRenewsTheKeyAndRetiresTheOldOne) {
     }
     // The last key still works.
     EXPECT_EQ("Success", operStatus(c.write("PUT", table + "1.", "{\"Enable\":true}", s)));
-    EXPECT_EQ(0, d.stop());
 }
