@@ -67,6 +67,9 @@ struct Entry {
     // path, still to be sent.
     std::deque<wcfg::JournalEntry> backlog;
     uint64_t backlogUpTo = 0;
+    // Why its session ended, when that was told before its head went out:
+    // the session check that ends it later would only know that it is gone.
+    std::string toldReason;
 };
 using EntryPtr = std::shared_ptr<Entry>;
 
@@ -662,14 +665,22 @@ bool Hub::endingNoted(const WHttpSessionRef& owner) {
 // another login group reads as that group from now on, as its requests do.
 void Hub::endStreams(const Work& w) {
     for (const EntryPtr& e : w.streams) {
-        if (!e->ready || e->ended)
+        if (e->ended)
             continue;
         const Ending* told = nullptr;
         for (const Ending& x : w.endings)
             if (endingCovers(x, e->s->owner))
                 told = &x;
-        if (told) {
-            end(*e, told->reason.c_str());
+        if (!e->ready) {
+            // Kept for when its head is out.  The end of a whole account is
+            // not: the session check finds it again, and a session of that
+            // account opened since is not ended by it.
+            if (told && !told->sessionID.empty())
+                e->toldReason = told->reason;
+            continue;
+        }
+        if (told || !e->toldReason.empty()) {
+            end(*e, told ? told->reason.c_str() : e->toldReason.c_str());
             continue;
         }
         int group = 0;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "base/json_util.h"
+#include "auth/session_events.h"
 #include "datamodel/obj_by_path.h"
 #include "datamodel/schema.h"
 #include "e2e/sse_parser.h"
@@ -273,6 +274,25 @@ TEST_F(EventHub, AViewIsToldOnlyWhenItReadsDifferently) {
     EXPECT_EQ(1, c->count("change", R"({"Enable":false})"));
 }
 
+// A session that ends (here: logout) while a stream of it is still opening:
+// the stream hears why once its head is out, not only that the session is
+// gone, which is all the session check can tell by then.
+TEST_F(EventHub, AStreamStillOpeningWhenItsSessionEndsIsToldWhy) {
+    auto opening = reserve("s-opening", {"Device.WiFi.SSID.1."});
+    {
+        std::lock_guard<std::mutex> lock(gJudgeMutex);
+        gEnded["s-opening"] = "session ended";
+    }
+    wHttpSessionEnded("s-opening", "admin", "logout");
+    // Once another stream has a later change, the hub has taken the logout.
+    auto witness = open("s-witness", {"Device.WiFi.SSID.2."});
+    setSsid("Device.WiFi.SSID.2.", "after-logout");
+    ASSERT_TRUE(witness->waitFor("change", "Device.WiFi.SSID.2."));
+    wHttpEventsOpened(opening->s);
+    EXPECT_TRUE(opening->waitFor("end", "logout"));
+    EXPECT_EQ(0, opening->count("end", "session ended"));
+}
+
 // A stream whose head goes out while the daemon stops, after the hub has
 // ended the open streams, is told why as they were.  The hub starts once
 // per process, so the stop runs in a process of its own.
@@ -283,7 +303,8 @@ TEST_F(EventHub, AStreamThatOpensAsTheDaemonStopsIsToldWhy) {
             auto late = reserve("s-late", {"Device.WiFi.SSID.1."});
             wHttpEventsStop();
             wHttpEventsOpened(late->s);
-            std::_Exit(late->waitFor("end", "shutdown") ? 0 : 1);
+            bool told = late->waitFor("end", "shutdown") && late->count("end", "shutdown") == 1;
+            std::_Exit(told ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
 }
