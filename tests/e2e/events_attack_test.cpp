@@ -1,7 +1,7 @@
 // Event streams attacked: an object read that hangs, the host watcher's
 // queue overflowing, changes made after a session ended.  Each test fails on the defect it names
 // and passes once it is fixed; none passes or fails by timing (a condition
-// is waited for within kWait, or a hang is made far longer than kWait).
+// is waited for within kEventWait, or a hang is made far longer than kEventWait).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -18,8 +18,6 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = kEventWait;
-
 class EventsAttackTest : public StreamTest {};
 
 // An object whose read asks another service (WPS with its push button
@@ -35,15 +33,16 @@ TEST_F(EventsAttackTest, AHangingObjectReadDelaysNoOtherStream) {
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.AccessPoint.1.WPS.",
                                "{\"X_OlVEX_TriggerWPSPushButton\":true}"}));
     ASSERT_EQ(0, root.wcfgctl({"add", "Device.NAT.PortMapping.", "{\"ExternalPort\":7777}"}));
-    std::optional<Event> add = nat.waitFor([](const Event& e) { return e.name == "add"; }, kWait);
+    std::optional<Event> add =
+        nat.waitFor([](const Event& e) { return e.name == "add"; }, kEventWait);
     EXPECT_TRUE(add) << "the NAT stream waits behind the WPS read";
     // Nor does it hold the daemon's exit: the hang lasts ten minutes, the
     // stop may take 20 s.
-    int rc = d.stop(SIGTERM, kWait);
-    EXPECT_EQ(0, rc) << "the daemon did not exit within " << kWait << " ms";
+    int rc = d.stop(SIGTERM, kEventWait);
+    EXPECT_EQ(0, rc) << "the daemon did not exit within " << kEventWait << " ms";
     if (rc == -1000) {
         d.signal(SIGKILL);
-        d.wait(kWait);
+        d.wait(kEventWait);
     }
     port = 0;
 }
@@ -76,7 +75,7 @@ TEST_F(EventsAttackTest, AHostJoiningDuringAnInotifyOverflowIsAnnounced) {
         [](const Event& e) {
             return e.name == "add" && e.data.find("02:CC:00:00:00:78") != std::string::npos;
         },
-        kWait);
+        kEventWait);
     EXPECT_TRUE(joined) << "the host that joined during the overflow was not announced";
 }
 
@@ -102,7 +101,7 @@ TEST_F(EventsAttackTest, AStreamGetsNothingWrittenAfterItsSessionEnded) {
     ASSERT_EQ(0, root.wcfgctl({"knob", "wifi.wps.delay_ms", "0"}));
     std::vector<Event> before;
     std::optional<Event> end =
-        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, 3 * kWait, &before);
+        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, 3 * kEventWait, &before);
     ASSERT_TRUE(end);
     for (const Event& e : before)
         EXPECT_EQ(std::string::npos, e.data.find("after-logout"))
@@ -125,7 +124,7 @@ TEST_F(EventsAttackTest, ADisabledAccountGetsNothingWrittenAfterwards) {
     d.signal(SIGCONT);
     std::vector<Event> before;
     std::optional<Event> end =
-        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kWait, &before);
+        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait, &before);
     ASSERT_TRUE(end);
     EXPECT_EQ("account disabled", eventMember(*end, "reason"));
     for (const Event& e : before)

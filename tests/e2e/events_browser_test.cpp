@@ -22,7 +22,6 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = kEventWait;
 const std::string kAccept = "Accept: text/event-stream";
 
 class EventsBrowserTest : public StreamTest {
@@ -56,7 +55,7 @@ TEST_F(EventsBrowserTest, AStreamOpensWithItsReconnectionTimeAndPosition) {
         EventStream es;
         open(es, "path=Device.WiFi.SSID.1.");
         // Before any event: where the stream stands, and when to come back.
-        ASSERT_TRUE(es.settle(kWait));
+        ASSERT_TRUE(es.settle(kEventWait));
         ASSERT_TRUE(es.retryMs());
         EXPECT_GE(*es.retryMs(), 2000);
         EXPECT_LT(*es.retryMs(), 4000);
@@ -71,7 +70,7 @@ TEST_F(EventsBrowserTest, AStreamOpensWithItsReconnectionTimeAndPosition) {
     setSsid(1, "missed-2");
     EventStream again;
     open(again, "path=Device.WiFi.SSID.1.", {"Last-Event-ID: " + first});
-    std::optional<Event> e = again.next(kWait);
+    std::optional<Event> e = again.next(kEventWait);
     ASSERT_TRUE(e);
     EXPECT_EQ("change", e->name);
     EXPECT_EQ("missed-2", ssidOf(*e));
@@ -88,7 +87,7 @@ TEST_F(EventsBrowserTest, LastEventIdInTheUrlResumesAsTheHeaderDoes) {
     {
         EventStream es;
         open(es, "path=Device.WiFi.SSID.1.&lastEventId=" + p0);
-        std::optional<Event> e = es.next(kWait);
+        std::optional<Event> e = es.next(kEventWait);
         ASSERT_TRUE(e);
         EXPECT_EQ("two", ssidOf(*e));
     }
@@ -98,7 +97,7 @@ TEST_F(EventsBrowserTest, LastEventIdInTheUrlResumesAsTheHeaderDoes) {
     EventStream es;
     std::string p2 = positionOf(get("TR181/Value/Device.WiFi.SSID.1."));
     open(es, "path=Device.WiFi.SSID.1.&lastEventId=" + p1, {"Last-Event-ID: " + p2});
-    ASSERT_TRUE(es.settle(kWait));
+    ASSERT_TRUE(es.settle(kEventWait));
     EXPECT_EQ(p2, es.lastEventId());
     EXPECT_FALSE(es.next(300)) << "nothing after the header's position";
 }
@@ -137,7 +136,7 @@ TEST_F(EventsBrowserTest, AValueReadNamesWhereAStreamStartsWithoutGapOrRepeat) {
         EventStream es;
         open(es, "path=Device.WiFi.SSID.1.&lastEventId=" + position);
         for (int i = 0; i < 5; ++i) {
-            std::optional<Event> e = es.next(kWait);
+            std::optional<Event> e = es.next(kEventWait);
             ASSERT_TRUE(e);
             ASSERT_EQ("change", e->name);
             int shown = std::stoi(ssidOf(*e).substr(1));
@@ -154,7 +153,8 @@ TEST_F(EventsBrowserTest, AValueReadNamesWhereAStreamStartsWithoutGapOrRepeat) {
     setSsid(1, "last");
     EventStream es;
     open(es, "path=Device.WiFi.SSID.1.&lastEventId=" + position);
-    std::optional<Event> e = es.waitFor([](const Event& x) { return ssidOf(x) == "last"; }, kWait);
+    std::optional<Event> e =
+        es.waitFor([](const Event& x) { return ssidOf(x) == "last"; }, kEventWait);
     EXPECT_TRUE(e);
 }
 
@@ -169,7 +169,7 @@ TEST_F(EventsBrowserTest, AChangeRightAfterTheOpeningReachesTheStream) {
         d.signal(SIGSTOP);
         setSsid(1, "right-after-" + std::to_string(i));
         d.signal(SIGCONT);
-        std::optional<Event> e = es.next(kWait);
+        std::optional<Event> e = es.next(kEventWait);
         ASSERT_TRUE(e) << i;
         EXPECT_EQ("right-after-" + std::to_string(i), ssidOf(*e));
     }
@@ -187,14 +187,14 @@ TEST_F(EventsBrowserTest, AtItsCeilingsABrowserIsToldWhenToComeBack) {
     // The session's own ceiling.
     EventStream again;
     open(again, "", {kAccept});
-    std::optional<Event> busy = again.next(kWait);
+    std::optional<Event> busy = again.next(kEventWait);
     ASSERT_TRUE(busy);
     EXPECT_EQ("busy", busy->name);
     EXPECT_EQ("too many streams of this session", eventMember(*busy, "reason"));
     ASSERT_TRUE(again.retryMs());
     EXPECT_GE(*again.retryMs(), 10000);
     EXPECT_LT(*again.retryMs(), 20000);
-    EXPECT_TRUE(again.closedWithin(kWait));
+    EXPECT_TRUE(again.closedWithin(kEventWait));
     EXPECT_EQ("", again.lastEventId()) << "a busy answer moves no position";
     // A client that is not a browser gets 503 with Retry-After instead.
     EventStream plainMine;
@@ -207,17 +207,17 @@ TEST_F(EventsBrowserTest, AtItsCeilingsABrowserIsToldWhenToComeBack) {
     EXPECT_EQ(200, get("TR181/Value/Device.DeviceInfo.").status);
     ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", "{\"SSID\":\"cap\"}").status);
     for (EventStream* es : {&mine, &theirs})
-        EXPECT_TRUE(es->waitFor([](const Event& e) { return ssidOf(e) == "cap"; }, kWait));
+        EXPECT_TRUE(es->waitFor([](const Event& e) { return ssidOf(e) == "cap"; }, kEventWait));
     Session third;
     ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &third).status);
     EventStream full;
     open(full, "", {kAccept, "Last-Event-ID: 1"}, &third);
-    busy = full.next(kWait);
+    busy = full.next(kEventWait);
     ASSERT_TRUE(busy);
     EXPECT_EQ("too many streams", eventMember(*busy, "reason"));
     EXPECT_GE(*full.retryMs(), 5000);
     EXPECT_LT(*full.retryMs(), 10000);
-    EXPECT_TRUE(full.closedWithin(kWait));
+    EXPECT_TRUE(full.closedWithin(kEventWait));
     // Not a browser: 503 with the same back-off in seconds.
     EventStream plain;
     ASSERT_TRUE(plain.open(port, third));
@@ -236,7 +236,7 @@ TEST_F(EventsBrowserTest, AtItsCeilingsABrowserIsToldWhenToComeBack) {
         ASSERT_TRUE(retry.open(port, third, "", {kAccept}));
         status = retry.status();
         // A stream's first block names its position; a busy answer's does not.
-        if (retry.status() == 200 && (!retry.settle(kWait) || retry.lastEventId().empty()))
+        if (retry.status() == 200 && (!retry.settle(kEventWait) || retry.lastEventId().empty()))
             status = 0;
         if (status != 200)
             sleepMs(50);
@@ -260,14 +260,14 @@ TEST_F(EventsBrowserTest, AComputedViewIsNewsToEachStreamOnItsOwn) {
         EventStream a;
         open(a, "path=" + path);
         name("view-x");
-        ASSERT_TRUE(a.waitFor(shows("view-x"), kWait));
+        ASSERT_TRUE(a.waitFor(shows("view-x"), kEventWait));
     }
     name("view-y");
     EventStream b;
     open(b, "path=" + path);
-    ASSERT_TRUE(b.settle(kWait));
+    ASSERT_TRUE(b.settle(kEventWait));
     name("view-x");
-    EXPECT_TRUE(b.waitFor(shows("view-x"), kWait)) << "the view went back to x unannounced";
+    EXPECT_TRUE(b.waitFor(shows("view-x"), kEventWait)) << "the view went back to x unannounced";
 }
 
 // The hub falls behind the journal (stopped) while another process writes
@@ -278,7 +278,7 @@ TEST_F(EventsBrowserTest, IdsOnlyGrowOnAStreamThatLostEvents) {
     EventStream es;
     open(es, "path=Device.WiFi.");
     setSsid(1, "first");
-    std::optional<Event> first = es.next(kWait);
+    std::optional<Event> first = es.next(kEventWait);
     ASSERT_TRUE(first);
     JournalKeep keep("8");
     d.signal(SIGSTOP);
@@ -288,7 +288,7 @@ TEST_F(EventsBrowserTest, IdsOnlyGrowOnAStreamThatLostEvents) {
     setSsid(1, "after");
     std::vector<Event> seen;
     std::optional<Event> after =
-        es.waitFor([](const Event& e) { return ssidOf(e) == "after"; }, kWait, &seen);
+        es.waitFor([](const Event& e) { return ssidOf(e) == "after"; }, kEventWait, &seen);
     ASSERT_TRUE(after);
     seen.push_back(*after);
     if (seen[0].name != "resync") {
@@ -316,7 +316,7 @@ TEST_F(EventsBrowserTest, AResumeTooLargeForTheQueueIsOneResync) {
                            .status);
     EventStream es;
     open(es, "path=Device.NAT.&lastEventId=" + position);
-    std::optional<Event> e = es.next(kWait);
+    std::optional<Event> e = es.next(kEventWait);
     ASSERT_TRUE(e);
     EXPECT_EQ("resync", e->name);
     EXPECT_EQ("overflow", eventMember(*e, "reason"));

@@ -15,8 +15,6 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = kEventWait;
-
 class EventsConcurrent : public DaemonTest {};
 
 // Streams opening, reading and closing while several clients write and
@@ -64,7 +62,7 @@ TEST_F(EventsConcurrent, StreamsWritersAndEndings) {
     for (auto& es : streams) {
         std::vector<unsigned long long> ids;
         while (ids.size() < static_cast<size_t>(kWriters * kWrites)) {
-            std::optional<Event> e = es->next(kWait);
+            std::optional<Event> e = es->next(kEventWait);
             if (!e || e->name != "change")
                 break;
             ids.push_back(std::stoull(e->id));
@@ -77,14 +75,14 @@ TEST_F(EventsConcurrent, StreamsWritersAndEndings) {
     ASSERT_EQ(200, Client(port).write("POST", "UserLogout", "", other).status);
     for (int i = 1; i < kStreams; i += 2) {
         std::optional<Event> end =
-            streams[i]->waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+            streams[i]->waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
         ASSERT_TRUE(end);
         EXPECT_EQ("logout", eventMember(*end, "reason"));
     }
     EXPECT_EQ(
         200,
         write("PUT", "TR181/Value/Device.NAT.PortMapping.1.", R"({"Description":"after"})").status);
-    EXPECT_TRUE(streams[0]->next(kWait));
+    EXPECT_TRUE(streams[0]->next(kEventWait));
 }
 
 }  // namespace

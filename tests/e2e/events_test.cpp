@@ -17,15 +17,13 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = kEventWait;
-
 class EventsTest : public StreamTest {
   protected:
     // The next event of `name` for `path`, skipping any other.
     static Event expect(EventStream& es, const std::string& name, const std::string& path) {
         std::optional<Event> e = es.waitFor(
             [&](const Event& x) { return x.name == name && eventMember(x, "path") == path; },
-            kWait);
+            kEventWait);
         EXPECT_TRUE(e) << "no " << name << " of " << path;
         return e ? *e : Event{};
     }
@@ -79,7 +77,7 @@ TEST_F(EventsTest, RestWritesGiveChangeAddAndDeleteInOrder) {
     Reply added = write("POST", "TR181/Value/Device.NAT.PortMapping.",
                         "{\"ExternalPort\":2222,\"InternalPort\":22}");
     ASSERT_EQ(200, added.status);
-    std::optional<Event> add = es.next(kWait);
+    std::optional<Event> add = es.next(kEventWait);
     ASSERT_TRUE(add);
     ASSERT_EQ("add", add->name) << add->data;
     std::string row = eventMember(*add, "path");
@@ -88,13 +86,13 @@ TEST_F(EventsTest, RestWritesGiveChangeAddAndDeleteInOrder) {
     EXPECT_EQ(std::stoull(change.id) + 1, std::stoull(add->id));
     // A POST adds the row, then writes its values: the values' change
     // follows, and the object an event carries is the row as it is now.
-    std::optional<Event> values = es.next(kWait);
+    std::optional<Event> values = es.next(kEventWait);
     ASSERT_TRUE(values);
     EXPECT_EQ("change", values->name);
     EXPECT_EQ(row, eventMember(*values, "path"));
     EXPECT_NE(std::string::npos, values->data.find("\"ExternalPort\":2222")) << values->data;
     ASSERT_EQ(200, write("DELETE", "TR181/Value/" + row, "").status);
-    std::optional<Event> del = es.next(kWait);
+    std::optional<Event> del = es.next(kEventWait);
     ASSERT_TRUE(del);
     EXPECT_EQ("delete", del->name);
     EXPECT_EQ("{\"path\":\"" + row + "\"}", del->data);
@@ -110,13 +108,13 @@ TEST_F(EventsTest, BatchGivesOneEventPerChangedObject) {
         {"object_path":"Device.WiFi.SSID.2.","SSID":"batch-two"},
         {"object_path":"Device.WiFi.SSID.1.","SSID":"batch-one"}]})";
     ASSERT_EQ(200, write("PUT", "TR181/Value/MultiObjects", batch).status);
-    std::optional<Event> first = es.next(kWait), second = es.next(kWait);
+    std::optional<Event> first = es.next(kEventWait), second = es.next(kEventWait);
     ASSERT_TRUE(first && second);
     EXPECT_EQ("Device.WiFi.SSID.1.", eventMember(*first, "path"));
     EXPECT_EQ("Device.WiFi.SSID.2.", eventMember(*second, "path"));
     // The third element changed nothing, and the batch's apply neither.
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.DeviceInfo.", "{\"ProvisioningCode\":\"x1\"}"}));
-    std::optional<Event> next = es.next(kWait);
+    std::optional<Event> next = es.next(kEventWait);
     ASSERT_TRUE(next);
     EXPECT_EQ("Device.DeviceInfo.", eventMember(*next, "path")) << next->data;
 }
@@ -132,13 +130,13 @@ TEST_F(EventsTest, AnotherProcessAndPathFilters) {
     ASSERT_EQ(0, root.wcfgctl({"add", "Device.NAT.PortMapping.", "{\"ExternalPort\":8080}"}));
     Event e1 = expect(all, "change", "Device.WiFi.SSID.2.");
     EXPECT_NE(std::string::npos, e1.data.find("from-cli"));
-    std::optional<Event> a = all.next(kWait);
+    std::optional<Event> a = all.next(kEventWait);
     ASSERT_TRUE(a);
     EXPECT_EQ("add", a->name);
-    std::optional<Event> n = nat.next(kWait);
+    std::optional<Event> n = nat.next(kEventWait);
     ASSERT_TRUE(n);
     EXPECT_EQ(a->id, n->id) << "the NAT stream sees only the NAT change";
-    std::optional<Event> t1 = two.next(kWait), t2 = two.next(kWait);
+    std::optional<Event> t1 = two.next(kEventWait), t2 = two.next(kEventWait);
     ASSERT_TRUE(t1 && t2);
     EXPECT_EQ(e1.id, t1->id);
     EXPECT_EQ(a->id, t2->id);
@@ -153,10 +151,10 @@ TEST_F(EventsTest, AccountEventsCarryNoSecretAndUserSessionsReadAsAUser) {
     open(asUser, "", {}, &user);
     // A password change of another account: its event, never its secret.
     ASSERT_EQ(0, root.wcfgctl({"passwd", "supervisor", "N3wSecret!pw"}));
-    std::optional<Event> e = admin.next(kWait);
+    std::optional<Event> e = admin.next(kEventWait);
     ASSERT_TRUE(e);
     EXPECT_EQ("change", e->name);
-    std::optional<Event> u = asUser.next(kWait);
+    std::optional<Event> u = asUser.next(kEventWait);
     ASSERT_TRUE(u);
     EXPECT_EQ(e->id, u->id);
     for (const Event* x : {&*e, &*u}) {
@@ -181,7 +179,7 @@ TEST_F(EventsTest, AResumptionNoLongerKeptIsAResync) {
         EventStream es;
         open(es);
         ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"r0\"}"}));
-        std::optional<Event> e = es.next(kWait);
+        std::optional<Event> e = es.next(kEventWait);
         ASSERT_TRUE(e);
         last = e->id;
     }
@@ -192,11 +190,11 @@ TEST_F(EventsTest, AResumptionNoLongerKeptIsAResync) {
     for (const std::string& id : {last, std::string("99999999"), std::string("x1")}) {
         EventStream es;
         open(es, "", {"Last-Event-ID: " + id});
-        std::optional<Event> r = es.next(kWait);
+        std::optional<Event> r = es.next(kEventWait);
         ASSERT_TRUE(r) << id;
         EXPECT_EQ("resync", r->name) << id;
         ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.2.", "{\"SSID\":\"" + id + "\"}"}));
-        std::optional<Event> after = es.next(kWait);
+        std::optional<Event> after = es.next(kEventWait);
         ASSERT_TRUE(after) << id;
         EXPECT_EQ(std::stoull(r->id) + 1, std::stoull(after->id)) << id;
     }
@@ -211,10 +209,10 @@ TEST_F(EventsTest, SessionEndsEndTheStream) {
     open(ofUser, "", {}, &user);
     ASSERT_EQ(200, write("POST", "UserLogout", "").status);
     std::optional<Event> end =
-        byLogout.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+        byLogout.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("logout", eventMember(*end, "reason"));
-    EXPECT_TRUE(byLogout.closedWithin(kWait));
+    EXPECT_TRUE(byLogout.closedWithin(kEventWait));
     // A browser that comes back anyway is answered as every request of an
     // ended session is, which an EventSource takes as final.
     EventStream back;
@@ -227,10 +225,10 @@ TEST_F(EventsTest, SessionEndsEndTheStream) {
     // would be refused.
     for (int i = 0; i < 3; ++i)
         Client(port).login("user", "wrong", nullptr);
-    end = ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    end = ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("account locked", eventMember(*end, "reason"));
-    EXPECT_TRUE(ofUser.closedWithin(kWait));
+    EXPECT_TRUE(ofUser.closedWithin(kEventWait));
 }
 
 TEST_F(EventsTest, APasswordChangeEndsItsStreams) {
@@ -242,7 +240,7 @@ TEST_F(EventsTest, APasswordChangeEndsItsStreams) {
     open(ofUser, "", {}, &user);
     ASSERT_EQ(0, root.wcfgctl({"passwd", "user", "An0ther!pw1"}));
     std::optional<Event> end =
-        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+        ofUser.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("password changed", eventMember(*end, "reason"));
     Session again;
@@ -262,12 +260,13 @@ TEST_F(EventsTest, AStreamDoesNotKeepItsSessionAliveAndEndsAtTimeOut) {
     open(es);
     // Events flow, and keep-alives too, but the session's idle time runs on.
     ASSERT_EQ(0, root.wcfgctl({"set", "Device.WiFi.SSID.1.", "{\"SSID\":\"t1\"}"}));
-    ASSERT_TRUE(es.next(kWait));
+    ASSERT_TRUE(es.next(kEventWait));
     clock.advance(301);
-    std::optional<Event> end = es.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    std::optional<Event> end =
+        es.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
     ASSERT_TRUE(end);
     EXPECT_EQ("timeout", eventMember(*end, "reason"));
-    EXPECT_TRUE(es.closedWithin(kWait));
+    EXPECT_TRUE(es.closedWithin(kEventWait));
     EXPECT_EQ("Timeout", operStatus(get("TR181/Value/Device.DeviceInfo.")));
 }
 
@@ -277,7 +276,7 @@ TEST_F(EventsTest, KeepAlivesWhileNothingHappens) {
     EventStream es;
     open(es);
     for (int i = 0; i < 3; ++i) {
-        std::optional<Event> k = es.next(kWait, true);
+        std::optional<Event> k = es.next(kEventWait, true);
         ASSERT_TRUE(k);
         EXPECT_TRUE(k->keepAlive);
     }
@@ -297,7 +296,7 @@ TEST_F(EventsTest, HostsJoiningAndLeavingWithoutAnyRead) {
         [](const Event& e) {
             return e.name == "add" && e.data.find("02:CC:00:00:00:99") != std::string::npos;
         },
-        kWait, &before);
+        kEventWait, &before);
     ASSERT_TRUE(joined) << (before.empty() ? "no event" : before[0].name + " " + before[0].data);
     std::string host = eventMember(*joined, "path");
     EXPECT_EQ(0u, host.rfind("Device.Hosts.Host.", 0)) << host;
@@ -317,7 +316,8 @@ TEST_F(EventsTest, WpsSessionStatusFromStartToOutcome) {
                           R"({"X_OlVEX_TriggerWPSPushButton":true})");
     ASSERT_EQ("Success", operStatus(pressed));
     std::optional<Event> done = es.waitFor(
-        [](const Event& e) { return e.data.find("NoError, WPS ok!") != std::string::npos; }, kWait);
+        [](const Event& e) { return e.data.find("NoError, WPS ok!") != std::string::npos; },
+        kEventWait);
     ASSERT_TRUE(done);
     EXPECT_EQ("Device.WiFi.AccessPoint.1.WPS.", eventMember(*done, "path"));
 }
@@ -333,7 +333,7 @@ TEST_F(EventsTest, FirmwareCheckStatus) {
         [](const Event& x) {
             return x.data.find("\"LastFWUpdateStatus\":15") != std::string::npos;
         },
-        kWait);
+        kEventWait);
     ASSERT_TRUE(e);
     EXPECT_NE(std::string::npos, e->data.find("\"NewFWAvailable\":true")) << e->data;
 }
@@ -355,7 +355,7 @@ std::string provisioningBatch(int n, const std::string& tag) {
 std::vector<unsigned long long> readChanges(EventStream& es, size_t n, bool* resync) {
     std::vector<unsigned long long> ids;
     while (ids.size() < n) {
-        std::optional<Event> e = es.next(kWait);
+        std::optional<Event> e = es.next(kEventWait);
         if (!e)
             break;
         if (e->name == "resync")
@@ -390,7 +390,7 @@ TEST_F(EventsTest, ASlowReaderGetsAResyncAndTheOthersEverything) {
     // The slow one now reads: what it kept, one resync, and on.
     std::vector<Event> before;
     std::optional<Event> resync =
-        slow.waitFor([](const Event& e) { return e.name == "resync"; }, kWait, &before);
+        slow.waitFor([](const Event& e) { return e.name == "resync"; }, kEventWait, &before);
     ASSERT_TRUE(resync) << before.size() << " events, the last "
                         << (before.empty() ? 0 : before.back().data.size()) << " bytes";
     EXPECT_EQ("overflow", eventMember(*resync, "reason"));
@@ -399,7 +399,7 @@ TEST_F(EventsTest, ASlowReaderGetsAResyncAndTheOthersEverything) {
         200,
         write("PUT", "TR181/Value/Device.DeviceInfo.", R"({"ProvisioningCode":"after"})").status);
     std::optional<Event> after = slow.waitFor(
-        [](const Event& e) { return e.data.find("\"after\"") != std::string::npos; }, kWait);
+        [](const Event& e) { return e.data.find("\"after\"") != std::string::npos; }, kEventWait);
     EXPECT_TRUE(after);
 }
 
@@ -420,7 +420,7 @@ TEST_F(EventsTest, AClientThatNeverReadsIsClosedAtTheWriteDeadline) {
     reader.join();
     EXPECT_EQ(1000u, got);
     EXPECT_FALSE(resync);
-    EXPECT_TRUE(never.conn().peerGoneWithin(kWait));
+    EXPECT_TRUE(never.conn().peerGoneWithin(kEventWait));
     // The place it held is free again, and the session goes on.
     EXPECT_EQ(200, get("TR181/Value/Device.DeviceInfo.").status);
 }
@@ -430,7 +430,8 @@ TEST_F(EventsTest, DaemonStopEndsTheStream) {
     EventStream es;
     open(es);
     std::thread stopper([&] { EXPECT_EQ(0, d.stop()); });
-    std::optional<Event> end = es.waitFor([](const Event& e) { return e.name == "end"; }, kWait);
+    std::optional<Event> end =
+        es.waitFor([](const Event& e) { return e.name == "end"; }, kEventWait);
     stopper.join();
     port = 0;
     ASSERT_TRUE(end);

@@ -1,6 +1,6 @@
-// A test fixture for the end-to-end tests that start one daemon per test: a
-// fresh device root without a login limit, the daemon (in an operation mode
-// set before its start), and an admin session.
+// Test fixtures for the end-to-end tests that start one daemon per test: a
+// fresh device root, the daemon, and (DaemonTest) no login limit, an
+// operation mode set before the start and an admin session.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,7 +15,26 @@
 
 namespace e2e {
 
-class DaemonTest : public ::testing::Test {
+// A daemon on a fresh device root, as the device sets it up, and its clean
+// stop at the end of the test.
+class DeviceDaemon : public ::testing::Test {
+  protected:
+    void launch(Uptime* clock = nullptr) {
+        port = startDaemon(d, root, clock);
+        ASSERT_NE(0, port) << d.out() << d.err();
+    }
+    void TearDown() override {
+        if (port) {
+            EXPECT_EQ(0, d.stop());
+        }
+    }
+
+    DeviceRoot root;
+    Daemon d;
+    int port = 0;
+};
+
+class DaemonTest : public DeviceDaemon {
   protected:
     // Starts the daemon in `mode` (0 router, 1 access point, 2 extender) and
     // logs in as admin.
@@ -25,14 +44,8 @@ class DaemonTest : public ::testing::Test {
             ASSERT_EQ(0, root.wcfgctl({"set", "Device.X_OLVEX_OperationMode.",
                                        "{\"Mode\":" + std::to_string(mode) + "}"}));
         }
-        port = startDaemon(d, root);
-        ASSERT_NE(0, port) << d.out() << d.err();
+        launch();
         ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &s).status);
-    }
-    void TearDown() override {
-        if (port) {
-            EXPECT_EQ(0, d.stop());
-        }
     }
     // A request below /api/v1/ with the admin session; writes keep its key.
     Reply get(const std::string& path) { return Client(port).request("GET", path, "", &s); }
@@ -43,10 +56,7 @@ class DaemonTest : public ::testing::Test {
         ASSERT_EQ(0, root.wcfgctl({"knob", name, value}));
     }
 
-    DeviceRoot root;
-    Daemon d;
     Session s;
-    int port = 0;
 };
 
 // ms an event may take under a sanitizer on a busy machine

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "client.h"
+#include "fixture.h"
 #include "harness.h"
 
 using namespace e2e;
@@ -17,30 +18,13 @@ namespace {
 const char* const kUserAccount = "Device.X_OLVEX_LoginCfg.LogGp.3.Account.1.";
 const char* const kHidden = "Invalid Username or Password";
 
-// A daemon on a fresh device root, with the device's own login limit, and
-// its clean stop at the end of the test.
-class Device : public ::testing::Test {
-  protected:
-    void start(e2e::Uptime* clock = nullptr) {
-        port = e2e::startDaemon(d, root, clock);
-        ASSERT_NE(0, port) << d.out() << d.err();
-    }
-    void TearDown() override {
-        if (port) {
-            EXPECT_EQ(0, d.stop());
-        }
-    }
-    DeviceRoot root;
-    Daemon d;
-    int port = 0;
-};
-class Login : public Device {};
-class Sessions : public Device {};
+class Login : public e2e::DeviceDaemon {};
+class Sessions : public e2e::DeviceDaemon {};
 
 }  // namespace
 
 TEST_F(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
-    start();
+    launch();
     Client c(port);
 
     Session s;
@@ -98,7 +82,7 @@ TEST_F(Login, GoodLoginAnswersCookieKeyAndMethodListAndReusesItsEntry) {
 TEST_F(Login, EachFailureHasItsTextAndStatus) {
     ASSERT_EQ(0, root.wcfgctl(
                      {"set", "Device.X_OLVEX_LoginCfg.LogGp.1.Account.1.", "{\"Enabled\":false}"}));
-    start();
+    launch();
     Client c(port);
 
     // No body, or an empty one.
@@ -158,13 +142,13 @@ TEST_F(Login, EachFailureHasItsTextAndStatus) {
 // The user locked after three failures.  The lock's run-out is the retry
 // table's, tested on a clock the unit test drives; here the lock lasts
 // longer than any test.
-class LoginLock : public Device {
+class LoginLock : public e2e::DeviceDaemon {
   protected:
     void SetUp() override {
         ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount,
                                    "{\"AccountRetryTime\":3,\"AccountLockTime\":3600}"}));
         d.setEnv("WLOG_LEVEL", "7");
-        start();
+        launch();
     }
     size_t locks() const { return e2e::countOf(d.err(), "Locked User AfterLockTime="); }
 };
@@ -221,7 +205,7 @@ TEST_F(LoginLock, ANewEntryForgetsTheFailuresAReusedOneKeepsThem) {
 
 TEST_F(Login, UnknownNamesLockThePseudoUser) {
     d.setEnv("WLOG_LEVEL", "7");
-    start();
+    launch();
     Client c(port);
     Reply r = c.login("nobody", "whatever1");
     EXPECT_EQ(401, r.status);
@@ -236,7 +220,7 @@ TEST_F(Login, UnknownNamesLockThePseudoUser) {
 
 TEST_F(Login, MaximumNumberOfLoginAccounts) {
     ASSERT_EQ(0, e2e::setMaxLoginAccounts(root, 2));
-    start();
+    launch();
     Client c(port);
     Session a, b;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &a).status);
@@ -253,7 +237,7 @@ TEST_F(Login, MaximumNumberOfLoginAccounts) {
 }
 
 TEST_F(Sessions, KeysGuardModifyingRequestsAndLogoutEndsTheSession) {
-    start();
+    launch();
     Client c(port);
     Session s;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);
@@ -304,7 +288,7 @@ TEST_F(Sessions, IdleTimersFollowTheAccountAndTheDataModelNotice) {
     ASSERT_EQ(0, root.wcfgctl({"set", kUserAccount, "{\"AccountIdleTime\":60}"}));
     e2e::Uptime clock(root);
     d.setEnv("WLOG_LEVEL", "7");
-    start(&clock);
+    launch(&clock);
     Client c(port);
     // A period not yet over: a few ticks of the timer thread, in which a
     // timer that fired too early would end the session.  (A slow machine
@@ -355,7 +339,7 @@ TEST_F(Sessions, IdleTimersFollowTheAccountAndTheDataModelNotice) {
 }
 
 TEST_F(Sessions, Ipv6ClientsHaveSessionsOfTheirOwn) {
-    start();
+    launch();
     Client v6(port, "::1");
     Client v4(port);
     Session s;
@@ -368,7 +352,7 @@ TEST_F(Sessions, Ipv6ClientsHaveSessionsOfTheirOwn) {
 }
 
 TEST_F(Sessions, EveryWriteRenewsTheKeyAndRetiresTheOldOne) {
-    start();
+    launch();
     Client c(port);
     Session s;
     ASSERT_EQ(200, c.login("admin", "1234abcd", &s).status);

@@ -22,8 +22,6 @@ using namespace e2e;
 
 namespace {
 
-const int kWait = kEventWait;
-
 // Whether this build runs under a sanitizer, whose allocator holds on to
 // freed memory (and so hides what the daemon itself keeps).
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -71,7 +69,7 @@ TEST_F(StreamLimitsTest, OneDeviceLeavesTheOthersTheirStreams) {
     ASSERT_EQ(200, Client(port).login("admin", "1234abcd", &second).status);
     ASSERT_TRUE(c.open(port, second, "", {"Accept: text/event-stream"}));
     ASSERT_EQ(200, c.status());
-    std::optional<Event> busy = c.next(kWait);
+    std::optional<Event> busy = c.next(kEventWait);
     ASSERT_TRUE(busy);
     EXPECT_EQ("busy", busy->name);
     EXPECT_EQ("too many streams from this address", eventMember(*busy, "reason"));
@@ -223,7 +221,7 @@ TEST_F(StreamLimitsTest, MemoryOfStreamsThatStopReadingIsThePoolAtMost) {
     }
     ASSERT_EQ(200, write("PUT", "TR181/Value/Device.WiFi.SSID.1.", R"({"SSID":"marker"})").status);
     ASSERT_TRUE(marker.waitFor(
-        [](const Event& e) { return e.data.find("marker") != std::string::npos; }, kWait));
+        [](const Event& e) { return e.data.find("marker") != std::string::npos; }, kEventWait));
     long after = statusField(d.pid(), "RssAnon");
     printf("anonymous memory %ld kB before, %ld kB after\n", before, after);
     EXPECT_LT(after - before, 8192);
